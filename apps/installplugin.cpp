@@ -1,0 +1,5 @@
+#include "Plugin/installPlugin.h"
+
+int main(int argc, char** argv) {
+    return installPluginMain(argc, argv);
+}

@@ -1,0 +1,239 @@
+#include "storage/File.h"
+
+#include <fcntl.h>
+#include <glog/logging.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <boost/filesystem.hpp>
+#include <boost/thread/thread.hpp>
+#include <cerrno>
+#include <cstring>
+#include <mutex>
+
+namespace fs = boost::filesystem;
+
+namespace datacenter {
+namespace {
+
+std::mutex gSeamMutex;
+File::DiskSpaceQuery gDiskSpaceQuery;
+File::RenameCall gRenameCall;
+
+DiskSpaceInfo realDiskSpace(const std::string& path) {
+    DiskSpaceInfo info;
+    try {
+        const fs::space_info space = fs::space(path);
+        info.capacity = space.capacity;
+        info.free = space.free;
+        info.available = space.available;
+    } catch (const std::exception& e) {
+        LOG(ERROR) << "boost::filesystem::space(" << path << "), exception : " << e.what();
+    }
+    return info;
+}
+
+int callRename(const std::string& source, const std::string& destination) {
+    File::RenameCall call;
+    {
+        std::lock_guard<std::mutex> lock(gSeamMutex);
+        call = gRenameCall;
+    }
+    if (call) {
+        return call(source.c_str(), destination.c_str());
+    }
+    return ::rename(source.c_str(), destination.c_str()) == 0 ? 0 : errno;
+}
+
+std::string parentDirectory(const std::string& path) {
+    const std::string parent = fs::path(path).parent_path().string();
+    return parent.empty() ? std::string(".") : parent;
+}
+
+// Closes a stdio stream when it goes out of scope.
+struct StreamCloser {
+    FILE* stream;
+    ~StreamCloser() {
+        if (stream) {
+            fclose(stream);
+        }
+    }
+};
+
+// Returns -1 after a short write, 1 when the thread was asked to stop, 0 at the end of the source.
+int copyBlocks(FILE* in, FILE* out) {
+    char buffer[1024];
+    for (;;) {
+        const size_t bytesIn = fread(buffer, 1, sizeof(buffer), in);
+        if (bytesIn == 0) {
+            return 0;
+        }
+        const size_t bytesOut = fwrite(buffer, 1, bytesIn, out);
+        if (bytesOut < bytesIn) {
+            LOG(ERROR) << "copy file bytes_in=" << bytesIn << " bytes_out=" << bytesOut;
+            LOG(ERROR) << strerror(errno);
+            return -1;
+        }
+        try {
+            boost::this_thread::interruption_point();
+        } catch (const boost::thread_interrupted&) {
+            return 1;
+        }
+    }
+}
+
+}  // namespace
+
+bool File::sExists(const std::string& path) {
+    try {
+        boost::system::error_code ec;
+        return fs::exists(fs::symlink_status(path, ec));
+    } catch (const std::exception& e) {
+        LOG(ERROR) << "File::sExists catch exception: " << e.what();
+        return false;
+    }
+}
+
+uint64_t File::sGetFileSize(const std::string& path) {
+    try {
+        boost::system::error_code ec;
+        if (!fs::is_regular_file(fs::status(path, ec))) {
+            return 0;
+        }
+        const uint64_t size = fs::file_size(path, ec);
+        return ec ? 0 : size;
+    } catch (const std::exception& e) {
+        LOG(ERROR) << "File::sGetFileSize catch exception: " << e.what();
+        return 0;
+    }
+}
+
+DiskSpaceInfo File::sGetDiskSpaceInfo(const std::string& path) {
+    DiskSpaceQuery query;
+    {
+        std::lock_guard<std::mutex> lock(gSeamMutex);
+        query = gDiskSpaceQuery;
+    }
+    return query ? query(path) : realDiskSpace(path);
+}
+
+ErrorCode File::sDelete(const std::string& path) {
+    try {
+        boost::system::error_code ec;
+        const fs::file_status status = fs::symlink_status(path, ec);
+        if (!fs::exists(status)) {
+            return ErrorCode();
+        }
+        if (fs::is_directory(status)) {
+            LOG(INFO) << "File delete with folder type. ignore it.";
+            return ErrorCode();
+        }
+        fs::remove(path, ec);
+        return ErrorCode(ec);
+    } catch (const fs::filesystem_error& e) {
+        LOG(ERROR) << "File::sDelete catch exception: " << e.what();
+        return ErrorCode(e.code());
+    }
+}
+
+int File::sRawCopyFile(const std::string& source, const std::string& destination) {
+    const uint64_t available = sGetDiskSpaceInfo(parentDirectory(destination)).available;
+    if (available < sGetFileSize(source) + sCopyReserveBytes) {
+        LOG(ERROR) << "copy error: No space left on device , from " << source << " to " << destination
+                   << ", available space is " << available << " byte";
+        return sCopyNoSpace;
+    }
+    StreamCloser in{fopen(source.c_str(), "rb")};
+    if (!in.stream) {
+        LOG(ERROR) << "open file " << source << " failed";
+        LOG(ERROR) << strerror(errno);
+        return sCopyFailed;
+    }
+    StreamCloser out{fopen(destination.c_str(), "wb")};
+    if (!out.stream) {
+        LOG(ERROR) << "open file " << destination << " failed";
+        LOG(ERROR) << strerror(errno);
+        return sCopyFailed;
+    }
+    const int result = copyBlocks(in.stream, out.stream);
+    if (result == -1) {
+        return sCopyFailed;
+    }
+    const bool flushed = fclose(out.stream) == 0;
+    out.stream = nullptr;
+    if (result == 1) {
+        LOG(WARNING) << "copy thread interrupted";
+        ::unlink(destination.c_str());
+        return sCopyInterrupted;
+    }
+    if (!flushed) {
+        LOG(ERROR) << "copy file bytes_in=" << sGetFileSize(source) << " bytes_out=" << sGetFileSize(destination);
+        LOG(ERROR) << strerror(errno);
+        return sCopyFailed;
+    }
+    ::chmod(destination.c_str(), 0777);
+    return sCopyOk;
+}
+
+ErrorCode File::sMove(const std::string& source, const std::string& destination) {
+    const int error = callRename(source, destination);
+    if (error != EXDEV) {
+        return ErrorCode(boost::system::error_code(error, boost::system::system_category()));
+    }
+    switch (sRawCopyFile(source, destination)) {
+        case sCopyFailed:
+            return ErrorCode(API_FILE_OPEN_OR_WRITE_FAILED);
+        case sCopyNoSpace:
+            return ErrorCode(API_NO_SPACE);
+        case sCopyInterrupted:
+            return ErrorCode(API_COPY_INTERRUPTED);
+        default:
+            return sDelete(source);
+    }
+}
+
+bool File::sWriteAtomically(const std::string& path, const std::function<bool(FILE*)>& writer, unsigned newFileMode) {
+    std::string tmpl = path + ".tmp.XXXXXX";
+    const int fd = mkstemp(&tmpl[0]);
+    if (fd < 0) {
+        LOG(ERROR) << "cannot create temporary file for " << path << ": " << strerror(errno);
+        return false;
+    }
+    struct stat old;
+    const mode_t mode = ::stat(path.c_str(), &old) == 0 ? (old.st_mode & 07777) : newFileMode;
+    FILE* stream = fdopen(fd, "w");
+    if (!stream) {
+        ::close(fd);
+        ::unlink(tmpl.c_str());
+        return false;
+    }
+    bool ok = writer(stream);
+    ok = fflush(stream) == 0 && ok;
+    ok = fsync(fd) == 0 && ok;
+    ok = fchmod(fd, mode) == 0 && ok;
+    ok = fclose(stream) == 0 && ok;
+    if (!ok || ::rename(tmpl.c_str(), path.c_str()) != 0) {
+        LOG(ERROR) << "cannot write " << path << ": " << strerror(errno);
+        ::unlink(tmpl.c_str());
+        return false;
+    }
+    return true;
+}
+
+bool File::sWriteAtomically(const std::string& path, const std::string& content, unsigned newFileMode) {
+    return sWriteAtomically(
+        path, [&content](FILE* stream) { return fwrite(content.data(), 1, content.size(), stream) == content.size(); },
+        newFileMode);
+}
+
+void File::sSetDiskSpaceQuery(DiskSpaceQuery query) {
+    std::lock_guard<std::mutex> lock(gSeamMutex);
+    gDiskSpaceQuery = std::move(query);
+}
+
+void File::sSetRenameCall(RenameCall call) {
+    std::lock_guard<std::mutex> lock(gSeamMutex);
+    gRenameCall = std::move(call);
+}
+
+}  // namespace datacenter

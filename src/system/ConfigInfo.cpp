@@ -1,0 +1,195 @@
+#include "system/ConfigInfo.h"
+
+#include <glog/logging.h>
+
+#include "storage/Directory.h"
+#include "storage/File.h"
+#include "system/LibconfigFile.h"
+#include "system/RootPrefix.h"
+
+namespace datacenter {
+
+const std::string ConfigInfo::sPluginRootDirectory = "/appdata/";
+
+ConfigInfo* ConfigInfo::sGetInstance() {
+    static ConfigInfo instance;
+    return &instance;
+}
+
+ConfigInfo::ConfigInfo()
+    : globalConfigPath(RootPrefix::sPath("/userdisk/datacenterConfig/config.cfg")),
+      configRoot(RootPrefix::sPath("/userdisk/datacenterConfig")) {
+    init();
+}
+
+ConfigInfo::~ConfigInfo() = default;
+
+std::string ConfigInfo::getConfigRoot() {
+    if (!Directory::sExists(configRoot)) {
+        Directory::sCreateDirectory(configRoot);
+    }
+    return configRoot;
+}
+
+std::string ConfigInfo::getUserdiskRootPath() const {
+    return RootPrefix::sPath("/userdisk");
+}
+
+std::string ConfigInfo::getConfig(const std::string& key) {
+    LOG(INFO) << "getConfig begin,key:" << key << " globalConfigPath:" << globalConfigPath;
+    boost::mutex::scoped_lock lock(configMutex_);
+    if (File::sExists(globalConfigPath)) {
+        std::string error;
+        if (!LibconfigFile::sRead(config_, globalConfigPath, error)) {
+            LOG(ERROR) << "parse config file error :" << error << "\npath is " << globalConfigPath;
+        }
+    }
+    try {
+        LOG(INFO) << "config_.getRoot()!";
+        std::string value;
+        if (config_.getRoot().lookupValue(key, value)) {
+            LOG(INFO) << "return is " << value;
+            return value;
+        }
+        LOG(INFO) << "return empty!";
+    } catch (const std::exception& e) {
+        LOG(ERROR) << "save config file error: " << e.what();
+    }
+    return std::string();
+}
+
+void ConfigInfo::setConfig(const std::string& key, const std::string& value) {
+    LOG(INFO) << "setConfig begin,key:" << key << " value:" << value;
+    boost::mutex::scoped_lock lock(configMutex_);
+    try {
+        LibconfigFile::sSetString(config_, key, value);
+        LOG(INFO) << "write file:" << globalConfigPath;
+        LibconfigFile::sWrite(config_, globalConfigPath);
+        LOG(INFO) << "ConfigInfo setConfig end";
+    } catch (const std::exception& e) {
+        LOG(ERROR) << "save config file error: " << e.what();
+    }
+}
+
+std::string ConfigInfo::getConfigFromFile(const std::string& path, const std::string& key) {
+    boost::mutex::scoped_lock lock(configMutex_);
+    return sGetConfigFromFile(path, key);
+}
+
+std::string ConfigInfo::sGetConfigFromFile(const std::string& path, const std::string& key) {
+    try {
+        libconfig::Config config;
+        if (File::sExists(path)) {
+            config.readFile(path.c_str());
+        }
+        std::string value;
+        config.getRoot().lookupValue(key, value);
+        return value;
+    } catch (const std::exception& e) {
+        LOG(ERROR) << "getConfigFromFile error: " << LibconfigFile::sDescribe(e);
+    }
+    return std::string();
+}
+
+void ConfigInfo::setConfigToFile(const std::string& path, const std::string& key, const std::string& value) {
+    boost::mutex::scoped_lock lock(configMutex_);
+    try {
+        libconfig::Config config;
+        if (File::sExists(path)) {
+            config.readFile(path.c_str());
+        }
+        LibconfigFile::sSetString(config, key, value);
+        LibconfigFile::sWrite(config, path);
+    } catch (const std::exception& e) {
+        LOG(ERROR) << "save config file error: " << LibconfigFile::sDescribe(e);
+    }
+}
+
+std::vector<std::string> ConfigInfo::getListFromFile(const std::string& path, const std::string& key) {
+    boost::mutex::scoped_lock lock(configMutex_);
+    std::vector<std::string> values;
+    try {
+        libconfig::Config config;
+        if (File::sExists(path)) {
+            config.readFile(path.c_str());
+        }
+        const libconfig::Setting& setting = config.getRoot()[key.c_str()];
+        if (setting.isArray()) {
+            for (int i = 0; i < setting.getLength(); ++i) {
+                values.push_back(static_cast<const char*>(setting[i]));
+            }
+        }
+    } catch (const std::exception&) {
+        // A missing key or unreadable file simply yields what was gathered.
+    }
+    return values;
+}
+
+std::string ConfigInfo::getConfigFromString(const std::string& text, const std::string& key) {
+    try {
+        libconfig::Config config;
+        config.readString(text);
+        std::string value;
+        if (config.getRoot().lookupValue(key, value)) {
+            LOG(INFO) << "return is" << value;
+            return value;
+        }
+    } catch (const std::exception& e) {
+        LOG(ERROR) << "getConfigFromString error: " << LibconfigFile::sDescribe(e);
+    }
+    return std::string();
+}
+
+void ConfigInfo::fixDamagedFile(const std::string& path) {
+    if (!File::sExists(path)) {
+        return;
+    }
+    const std::string surviving = LibconfigFile::sLongestParsablePrefix(path);
+    if (!File::sWriteAtomically(path, surviving + "\n")) {
+        LOG(ERROR) << "Fix config exception!! ";
+    }
+}
+
+void ConfigInfo::init() {
+    if (!Directory::sExists(configRoot)) {
+        const ErrorCode created = Directory::sCreateDirectory(configRoot);
+        if (!created.ok()) {
+            LOG(ERROR) << "create " << configRoot << " failed: " << created.systemError().message();
+            return;
+        }
+    }
+    Directory::sDelete(configRoot + "/DataBase/", true);
+    Directory::sDelete(getUserdiskRootPath() + "/.thumbnails/", true);
+    if (File::sExists(globalConfigPath)) {
+        boost::mutex::scoped_lock lock(configMutex_);
+        loadGlobalFileLocked();
+    }
+}
+
+void ConfigInfo::loadGlobalFileLocked() {
+    try {
+        config_.readFile(globalConfigPath.c_str());
+    } catch (const libconfig::ParseException& e) {
+        LOG(ERROR) << "parse config file error at :" << e.getLine() << " - " << e.getError() << "\npath is "
+                   << globalConfigPath;
+        fixDamagedFile(globalConfigPath);
+        std::string error;
+        LibconfigFile::sRead(config_, globalConfigPath, error);
+    } catch (const std::exception&) {
+        LOG(ERROR) << "open config file error;";
+    }
+}
+
+std::string planformetPluginRootPath() {
+    return ConfigInfo::sGetInstance()->getUserdiskRootPath() + ConfigInfo::sPluginRootDirectory;
+}
+
+std::string planformGetPluginControllorPath() {
+    return "pluginControllor";
+}
+
+std::string planformBinPrefix() {
+    return "/usr/bin/";
+}
+
+}  // namespace datacenter

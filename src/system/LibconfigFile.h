@@ -1,0 +1,27 @@
+#pragma once
+// libconfig plumbing shared by the configuration routines: reading with the
+// error text kept, setting or deleting one string key, crash-safe writing,
+// and the repair of a file whose end was cut short.
+#include <exception>
+#include <libconfig.h++>
+#include <string>
+
+namespace datacenter {
+
+class LibconfigFile {
+public:
+    // Reads `path` into `config`; false with `error` filled when it cannot be read or parsed.
+    static bool sRead(libconfig::Config& config, const std::string& path, std::string& error);
+    // Removes `key` from the root and adds it back as a string unless `value` is empty.
+    static void sSetString(libconfig::Config& config, const std::string& key, const std::string& value);
+    // Writes the whole document through a temporary file, fsync and rename.
+    // Throws libconfig::FileIOException when the file cannot be written.
+    static void sWrite(const libconfig::Config& config, const std::string& path);
+    // The text of the file without as many trailing lines as needed for it to
+    // parse (always at least the last one); empty when no prefix parses.
+    static std::string sLongestParsablePrefix(const std::string& path);
+    // A readable text for a libconfig (or other) exception.
+    static std::string sDescribe(const std::exception& e);
+};
+
+}  // namespace datacenter

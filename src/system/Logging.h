@@ -1,0 +1,13 @@
+#pragma once
+// Start-up of the logging: glog for the program, and every line of it also
+// sent to the system log with its source file and line.
+namespace datacenter {
+
+class Logging {
+public:
+    // Initialises glog under `programName`; with `toStderr` glog writes to
+    // standard error instead of log files. Safe to call once per process.
+    static void sInit(const char* programName, bool toStderr);
+};
+
+}  // namespace datacenter

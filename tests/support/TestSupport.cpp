@@ -1,0 +1,75 @@
+#include "support/TestSupport.h"
+
+#include <sys/wait.h>
+
+#include <array>
+#include <boost/filesystem.hpp>
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace fs = boost::filesystem;
+
+namespace testsupport {
+
+std::string underRoot(const std::string& absolutePath) {
+    return root() + absolutePath;
+}
+
+std::string makeScratchDir(const std::string& name) {
+    static int counter = 0;
+    const std::string path = root() + "/scratch/" + name + "-" + std::to_string(++counter);
+    fs::create_directories(path);
+    return path;
+}
+
+void writeFile(const std::string& path, const std::string& content) {
+    fs::create_directories(fs::path(path).parent_path());
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << content;
+    if (!out) {
+        throw std::runtime_error("cannot write " + path);
+    }
+}
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+std::vector<std::string> readLines(const std::string& path) {
+    std::ifstream in(path);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(in, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+CommandResult runCommand(const std::string& command) {
+    CommandResult result;
+    FILE* pipe = popen(command.c_str(), "r");
+    if (!pipe) {
+        return result;
+    }
+    std::array<char, 4096> buffer;
+    size_t n;
+    while ((n = fread(buffer.data(), 1, buffer.size(), pipe)) > 0) {
+        result.output.append(buffer.data(), n);
+    }
+    const int status = pclose(pipe);
+    result.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return result;
+}
+
+std::string sourceDir() {
+    return DC_SOURCE_DIR;
+}
+std::string buildDir() {
+    return DC_BUILD_DIR;
+}
+
+}  // namespace testsupport

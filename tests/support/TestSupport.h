@@ -1,0 +1,31 @@
+#pragma once
+// Helpers shared by the tests. Every test process runs under its own fresh
+// temporary root (DATACENTER_ROOT), removed when the process ends.
+#include <string>
+#include <vector>
+
+namespace testsupport {
+
+// The temporary root of this test process.
+const std::string& root();
+// `absolutePath` under the root, the way the core prefixes its fixed paths.
+std::string underRoot(const std::string& absolutePath);
+// A new empty directory below the root.
+std::string makeScratchDir(const std::string& name);
+
+void writeFile(const std::string& path, const std::string& content);
+std::string readFile(const std::string& path);
+std::vector<std::string> readLines(const std::string& path);
+
+struct CommandResult {
+    int exitStatus = -1;
+    std::string output;  // standard output only
+};
+// Runs a shell command, capturing its standard output.
+CommandResult runCommand(const std::string& command);
+
+// Paths of the source and build trees.
+std::string sourceDir();
+std::string buildDir();
+
+}  // namespace testsupport
