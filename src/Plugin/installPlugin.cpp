@@ -16,34 +16,6 @@
 
 namespace {
 
-struct InstallOptions {
-    std::string path;
-    bool keep = false;
-    bool update = false;
-};
-
-// False on an unknown option.
-bool parseOptions(int argc, char** argv, InstallOptions& options) {
-    opterr = 0;
-    int option;
-    while ((option = getopt(argc, argv, "f:uk")) != -1) {
-        switch (option) {
-            case 'f':
-                options.path = optarg;
-                break;
-            case 'k':
-                options.keep = true;
-                break;
-            case 'u':
-                options.update = true;
-                break;
-            default:
-                return false;
-        }
-    }
-    return true;
-}
-
 void touchMarkFile() {
     const std::string markFile = PluginStorageManager::sGetManifestRootPath() + PluginStorageManager::sUpdatedFile;
     std::cout << "update mark file " << markFile << std::endl;
@@ -55,19 +27,50 @@ void touchMarkFile() {
 
 }  // namespace
 
+bool parseInstallCommand(int argc, char** argv, InstallCommand& command) {
+    // Start a fresh scan so that the parser can run more than once per process.
+#ifdef __GLIBC__
+    optind = 0;
+#else
+    optind = 1;
+#endif
+    opterr = 0;
+    bool update = false;
+    int option;
+    while ((option = getopt(argc, argv, "f:uk")) != -1) {
+        switch (option) {
+            case 'f':
+                command.path = optarg;
+                break;
+            case 'k':
+                command.keep = true;
+                break;
+            case 'u':
+                update = true;
+                break;
+            default:
+                return false;
+        }
+    }
+    // An update never keeps the package, whatever -k says.
+    if (update) {
+        command.keep = false;
+    }
+    return true;
+}
+
 int installPluginMain(int argc, char** argv) {
     // Give the services that start with us time to come up. Tests shorten this.
     datacenter::Environment::sSleepMilliseconds(
         datacenter::Environment::sGetMilliseconds("DATACENTER_INSTALLPLUGIN_DELAY_MS", 2000));
     datacenter::Logging::sInit("plugincenter", true);
 
-    InstallOptions options;
-    if (!parseOptions(argc, argv, options)) {
+    InstallCommand command;
+    if (!parseInstallCommand(argc, argv, command)) {
         std::cout << "Usage: installplugin -f qpkFile [-u] [-s] " << std::endl;
         return 1;
     }
-    const bool keep = options.update ? false : options.keep;
-    const ApiErrorCode result = Singleton<PluginManager>::instance()->installFromLocal(options.path, keep);
+    const ApiErrorCode result = Singleton<PluginManager>::instance()->installFromLocal(command.path, command.keep);
     if (result == API_SUCCESS) {
         LOG(WARNING) << "installplugin succeed!";
         std::cout << "installplugin succeed!" << std::endl;

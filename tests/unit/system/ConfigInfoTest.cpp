@@ -1,0 +1,199 @@
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <boost/thread/thread.hpp>
+
+#include "storage/FileLock.h"
+#include "support/TestSupport.h"
+#include "system/ConfigInfo.h"
+#include "system/ConfigUtils.h"
+#include "system/RootPrefix.h"
+
+using datacenter::ConfigInfo;
+using testsupport::readFile;
+using testsupport::writeFile;
+
+namespace {
+
+std::string globalFile() {
+    return testsupport::underRoot("/userdisk/datacenterConfig/config.cfg");
+}
+
+// Runs `body` in a child process and returns its exit status.
+template <typename Body>
+pid_t spawn(Body body) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+        body();
+        _exit(0);
+    }
+    return pid;
+}
+
+int waitFor(pid_t pid) {
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+}  // namespace
+
+TEST(ConfigGlobal, RoundTripsKeysAndAnEmptyValueDeletesTheKey) {
+    ConfigInfo* config = ConfigInfo::sGetInstance();
+    EXPECT_EQ(globalFile(), config->getGlobalConfigPath());
+    EXPECT_EQ("", config->getConfig("a"));
+    config->setConfig("a", "1");
+    config->setConfig("port_of_42", "8080");
+    config->setConfig("port_of_42", "8081");
+    EXPECT_EQ("1", config->getConfig("a"));
+    EXPECT_EQ("8081", config->getConfig("port_of_42"));
+    EXPECT_EQ("8081", ConfigInfo::sGetConfigFromFile(globalFile(), "port_of_42"));
+
+    config->setConfig("a", "");
+    EXPECT_EQ("", config->getConfig("a"));
+    EXPECT_EQ(std::string::npos, readFile(globalFile()).find("a ="));
+
+    // Another process's write is seen on the next read.
+    writeFile(globalFile(), "port_of_42 = \"9\";\nb = \"2\";\n");
+    EXPECT_EQ("9", config->getConfig("port_of_42"));
+    EXPECT_EQ("2", config->getConfig("b"));
+    // A key that is not a valid setting name is refused without touching the file.
+    config->setConfig("9bad key", "x");
+    EXPECT_EQ("2", config->getConfig("b"));
+}
+
+TEST(ConfigFiles, SetToFileCreatesMergesAndDeletes) {
+    ConfigInfo* config = ConfigInfo::sGetInstance();
+    const std::string path = testsupport::makeScratchDir("cfg") + "/plugin_config";
+    config->setConfigToFile(path, "keyx", "1");
+    EXPECT_EQ("keyx = \"1\";\n", readFile(path));
+    config->setConfigToFile(path, "keyy", "two words");
+    EXPECT_EQ("1", config->getConfigFromFile(path, "keyx"));
+    EXPECT_EQ("two words", config->getConfigFromFile(path, "keyy"));
+    config->setConfigToFile(path, "keyx", "");
+    EXPECT_EQ("", config->getConfigFromFile(path, "keyx"));
+    EXPECT_EQ("two words", config->getConfigFromFile(path, "keyy"));
+
+    // A file that does not parse is never overwritten.
+    writeFile(path, "broken = ");
+    config->setConfigToFile(path, "keyz", "3");
+    EXPECT_EQ("broken = ", readFile(path));
+    EXPECT_EQ("", config->getConfigFromFile(path, "keyz"));
+    EXPECT_EQ("", ConfigInfo::sGetConfigFromFile(path + ".missing", "keyz"));
+}
+
+TEST(ConfigFiles, ListsOnlyStringArraysAndParsesDocumentsFromText) {
+    ConfigInfo* config = ConfigInfo::sGetInstance();
+    const std::string path = testsupport::makeScratchDir("lists") + "/manifest";
+    writeFile(path, "arr = [\"x\", \"y\"];\nlst = (\"x\", \"y\");\nempty = [];\ns = \"v\";\n");
+    EXPECT_EQ((std::vector<std::string>{"x", "y"}), config->getListFromFile(path, "arr"));
+    EXPECT_TRUE(config->getListFromFile(path, "lst").empty());
+    EXPECT_TRUE(config->getListFromFile(path, "empty").empty());
+    EXPECT_TRUE(config->getListFromFile(path, "s").empty());
+    EXPECT_TRUE(config->getListFromFile(path, "missing").empty());
+    EXPECT_TRUE(config->getListFromFile(path + ".none", "arr").empty());
+
+    EXPECT_EQ("5017", config->getConfigFromString("plugin_id = \"5017\";", "plugin_id"));
+    EXPECT_EQ("", config->getConfigFromString("plugin_id = 5017;", "plugin_id"));
+    EXPECT_EQ("", config->getConfigFromString("not a document", "plugin_id"));
+}
+
+TEST(ConfigRepair, CutLastLineIsRepairedAtStartUp) {
+    writeFile(globalFile(), "first = \"1\";\nsecond = \"2\";\nthird =\n");
+    ConfigInfo* config = ConfigInfo::sGetInstance();
+    EXPECT_EQ("first = \"1\";\nsecond = \"2\";\n\n", readFile(globalFile()));
+    EXPECT_EQ("2", config->getConfig("second"));
+    config->setConfig("third", "3");
+    EXPECT_EQ("3", ConfigInfo::sGetConfigFromFile(globalFile(), "third"));
+}
+
+TEST(ConfigRepair, AFileWithEveryLineDamagedEndsUpEmpty) {
+    ConfigInfo* config = ConfigInfo::sGetInstance();
+    const std::string path = testsupport::makeScratchDir("damaged") + "/x.cfg";
+    writeFile(path, "a = ;\nb = = ;\nc\n");
+    config->fixDamagedFile(path);
+    EXPECT_EQ("\n", readFile(path));
+    config->fixDamagedFile(path + ".missing");
+    EXPECT_FALSE(testsupport::runCommand("test -e " + path + ".missing").exitStatus == 0);
+}
+
+TEST(ConfigStartUp, CreatesTheConfigurationRootAndClearsStaleCaches) {
+    writeFile(testsupport::underRoot("/userdisk/datacenterConfig/DataBase/old.db"), "x");
+    writeFile(testsupport::underRoot("/userdisk/.thumbnails/t.png"), "x");
+    writeFile(testsupport::underRoot("/userdisk/data/keep"), "x");
+    ConfigInfo::sGetInstance();
+    EXPECT_FALSE(testsupport::runCommand("test -e " + testsupport::underRoot("/userdisk/datacenterConfig/DataBase"))
+                     .exitStatus == 0);
+    EXPECT_FALSE(testsupport::runCommand("test -e " + testsupport::underRoot("/userdisk/.thumbnails")).exitStatus == 0);
+    EXPECT_EQ("x", readFile(testsupport::underRoot("/userdisk/data/keep")));
+}
+
+TEST(ConfigConcurrency, WritersInOneProcessLoseNoKey) {
+    ConfigInfo* config = ConfigInfo::sGetInstance();
+    const std::string path = testsupport::makeScratchDir("threads") + "/shared.cfg";
+    boost::thread_group writers;
+    for (int t = 0; t < 4; ++t) {
+        writers.create_thread([config, path, t] {
+            for (int i = 0; i < 40; ++i) {
+                config->setConfigToFile(path, "t" + std::to_string(t) + "_" + std::to_string(i), "v");
+            }
+        });
+    }
+    writers.join_all();
+    for (int t = 0; t < 4; ++t) {
+        for (int i = 0; i < 40; ++i) {
+            EXPECT_EQ("v", ConfigInfo::sGetConfigFromFile(path, "t" + std::to_string(t) + "_" + std::to_string(i)));
+        }
+    }
+}
+
+TEST(ConfigConcurrency, TwoProcessesUnderFlockLoseNoKey) {
+    ConfigInfo* config = ConfigInfo::sGetInstance();
+    const std::string path = testsupport::makeScratchDir("procs") + "/plugin_config";
+    const int rounds = 300;
+    auto writer = [config, path](const std::string& prefix) {
+        for (int i = 0; i < rounds; ++i) {
+            datacenter::FileLock lock(path);
+            if (!lock.locked()) {
+                _exit(2);
+            }
+            config->setConfigToFile(path, prefix + std::to_string(i), std::to_string(i));
+        }
+    };
+    const pid_t first = spawn([&] { writer("a"); });
+    const pid_t second = spawn([&] { writer("b"); });
+    ASSERT_EQ(0, waitFor(first));
+    ASSERT_EQ(0, waitFor(second));
+    int missing = 0;
+    for (int i = 0; i < rounds; ++i) {
+        missing += ConfigInfo::sGetConfigFromFile(path, "a" + std::to_string(i)).empty();
+        missing += ConfigInfo::sGetConfigFromFile(path, "b" + std::to_string(i)).empty();
+    }
+    EXPECT_EQ(0, missing);
+}
+
+TEST(ConfigUtilsReader, ReadsOneKeyAfreshEachTime) {
+    const std::string path = testsupport::makeScratchDir("utils") + "/commonutils.config.tmp";
+    ConfigUtils reader(path);
+    EXPECT_EQ("", reader.getConfigFromKey("code"));
+    writeFile(path, "code = \"DE\";\n");
+    EXPECT_EQ("DE", reader.getConfigFromKey("code"));
+    writeFile(path, "code = \"FR\";\n");
+    EXPECT_EQ("FR", reader.getConfigFromKey("code"));
+    writeFile(path, "code = ");
+    EXPECT_EQ("", reader.getConfigFromKey("code"));
+}
+
+TEST(RootPrefixPaths, PrefixesFixedPathsOnly) {
+    using datacenter::RootPrefix;
+    EXPECT_EQ(testsupport::root(), RootPrefix::sRoot());
+    EXPECT_EQ(testsupport::root() + "/userdisk//x", RootPrefix::sPath("/userdisk//x"));
+    EXPECT_EQ("/proc/mounts", RootPrefix::sPath("/proc/mounts"));
+    EXPECT_EQ("/dev/sda1", RootPrefix::sPath("/dev/sda1"));
+    EXPECT_EQ(testsupport::root() + "/devices", RootPrefix::sPath("/devices"));
+    EXPECT_EQ("", RootPrefix::sPath(""));
+    EXPECT_EQ("relative/file", RootPrefix::sPath("relative/file"));
+    EXPECT_TRUE(RootPrefix::sIsRootItself(testsupport::root() + "//"));
+    EXPECT_FALSE(RootPrefix::sIsRootItself(testsupport::root() + "/userdisk"));
+}
