@@ -1,0 +1,252 @@
+#include <glog/logging.h>
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "DataBase/PluginDBManager.h"
+#include "storage/File.h"
+#include "support/TestSupport.h"
+
+using datacenter::PluginInfo;
+
+namespace {
+
+// Collects the glog lines written while it is alive.
+class LogCapture : public google::LogSink {
+public:
+    LogCapture() { google::AddLogSink(this); }
+    ~LogCapture() override { google::RemoveLogSink(this); }
+    void send(google::LogSeverity, const char*, const char*, int, const struct ::tm*, const char* message,
+              size_t length) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        lines_.emplace_back(message, length);
+    }
+    bool contains(const std::string& text) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (const std::string& line : lines_) {
+            if (line.find(text) != std::string::npos) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+private:
+    std::mutex mutex_;
+    std::vector<std::string> lines_;
+};
+
+std::string databaseFile() {
+    return testsupport::underRoot("/userdisk/data/.systemconfig/DataBase/pluginDatabase.db");
+}
+
+// Runs `sql` on the database file through a connection of its own.
+void runSql(const std::string& sql) {
+    sqlite3* db = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open(databaseFile().c_str(), &db));
+    char* error = nullptr;
+    const int code = sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &error);
+    const std::string message = error ? error : "";
+    sqlite3_free(error);
+    sqlite3_close(db);
+    ASSERT_EQ(SQLITE_OK, code) << message;
+}
+
+int readInt(const std::string& sql) {
+    sqlite3* db = nullptr;
+    sqlite3_open(databaseFile().c_str(), &db);
+    sqlite3_stmt* statement = nullptr;
+    int value = -1;
+    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &statement, nullptr) == SQLITE_OK &&
+        sqlite3_step(statement) == SQLITE_ROW) {
+        value = sqlite3_column_int(statement, 0);
+    }
+    sqlite3_finalize(statement);
+    sqlite3_close(db);
+    return value;
+}
+
+int columnCount() {
+    return readInt("SELECT count(*) FROM pragma_table_info('pluginTable')");
+}
+
+PluginInfo sampleRecord(const std::string& id) {
+    PluginInfo info;
+    info.id = id;
+    info.name = "Name " + id;
+    info.smallIcon = "s.png";
+    info.largeIcon = "l.png";
+    info.developer = "dev";
+    info.version = "1.2.3";
+    info.introduction = "intro";
+    info.status = datacenter::ENABLED;
+    info.capability = 7;
+    info.devId = "dev-1";
+    info.title = "Title";
+    info.rootPath = "/userdisk/appdata/" + id;
+    info.type = 2;
+    info.limitSize = 5000000000LL;  // beyond 32 bits
+    info.controlUrl = "http://127.0.0.1:8080/";
+    return info;
+}
+
+void expectSameRecord(const PluginInfo& expected, const PluginInfo& actual) {
+    EXPECT_EQ(expected.id, actual.id);
+    EXPECT_EQ(expected.name, actual.name);
+    EXPECT_EQ(expected.smallIcon, actual.smallIcon);
+    EXPECT_EQ(expected.largeIcon, actual.largeIcon);
+    EXPECT_EQ(expected.developer, actual.developer);
+    EXPECT_EQ(expected.version, actual.version);
+    EXPECT_EQ(expected.introduction, actual.introduction);
+    EXPECT_EQ(expected.status, actual.status);
+    EXPECT_EQ(expected.capability, actual.capability);
+    EXPECT_EQ(expected.devId, actual.devId);
+    EXPECT_EQ(expected.title, actual.title);
+    EXPECT_EQ(expected.rootPath, actual.rootPath);
+    EXPECT_EQ(expected.type, actual.type);
+    EXPECT_EQ(expected.limitSize, actual.limitSize);
+    EXPECT_EQ(expected.controlUrl, actual.controlUrl);
+}
+
+}  // namespace
+
+TEST(PluginDBManagerTest, FreshDatabaseHasTheCurrentSchemaAndRoundTripsRecords) {
+    PluginDBManager db;
+    EXPECT_EQ(databaseFile(), db.getDbFilePath());
+    EXPECT_EQ(1, readInt("PRAGMA user_version"));
+    EXPECT_EQ(15, columnCount());
+
+    const PluginInfo first = sampleRecord("2882303761517000001");
+    const PluginInfo second = sampleRecord("a");
+    ASSERT_TRUE(db.insertToDB(first));
+    ASSERT_TRUE(db.insertToDB(second));
+    expectSameRecord(first, db.getPluginInfoById(first.id));
+
+    const std::vector<PluginInfo> all = db.getPluginInfos();
+    ASSERT_EQ(2u, all.size());
+    EXPECT_EQ(first.id, all[0].id);
+    EXPECT_EQ(second.id, all[1].id);
+
+    EXPECT_TRUE(db.getPluginInfoById("unknown").id.empty());
+    EXPECT_TRUE(db.getPluginInfoById("").id.empty());
+}
+
+TEST(PluginDBManagerTest, UpdatesChangeOnlyTheAddressedRecord) {
+    PluginDBManager db;
+    ASSERT_TRUE(db.insertToDB(sampleRecord("a")));
+    ASSERT_TRUE(db.insertToDB(sampleRecord("b")));
+
+    PluginInfo changed = sampleRecord("a");
+    changed.name = "renamed";
+    changed.status = datacenter::DISABLED;
+    changed.limitSize = -1;
+    changed.controlUrl = "";
+    ASSERT_TRUE(db.updateToDB(changed));
+    expectSameRecord(changed, db.getPluginInfoById("a"));
+    expectSameRecord(sampleRecord("b"), db.getPluginInfoById("b"));
+
+    ASSERT_TRUE(db.updateStatusToDB("b", datacenter::INSTALLING));
+    EXPECT_EQ(datacenter::INSTALLING, db.getPluginInfoById("b").status);
+    EXPECT_EQ(datacenter::DISABLED, db.getPluginInfoById("a").status);
+
+    // An unknown id changes nothing and is not an error.
+    EXPECT_TRUE(db.updateToDB(sampleRecord("unknown")));
+    EXPECT_EQ(2u, db.getPluginInfos().size());
+
+    ASSERT_TRUE(db.deleteInDB("a"));
+    EXPECT_TRUE(db.getPluginInfoById("a").id.empty());
+    EXPECT_EQ("b", db.getPluginInfoById("b").id);
+}
+
+TEST(PluginDBManagerTest, EmptyIdsAreRefusedWithTheirMessages) {
+    PluginDBManager db;
+    LogCapture log;
+    EXPECT_FALSE(db.insertToDB(PluginInfo()));
+    EXPECT_FALSE(db.updateStatusToDB("", datacenter::ENABLED));
+    EXPECT_FALSE(db.deleteInDB(""));
+    EXPECT_TRUE(log.contains("PluginDB insertToDB failed: ID is empty!"));
+    EXPECT_TRUE(log.contains("PluginDBManager updateStatusToDB ID is empty!"));
+    EXPECT_TRUE(log.contains("PluginDB deleteInDB failed: ID is empty!"));
+    EXPECT_TRUE(db.getPluginInfos().empty());
+}
+
+TEST(PluginDBManagerTest, DuplicateInsertFailsAndKeepsTheFirstRecord) {
+    PluginDBManager db;
+    ASSERT_TRUE(db.insertToDB(sampleRecord("dup")));
+    PluginInfo again = sampleRecord("dup");
+    again.name = "second";
+    LogCapture log;
+    EXPECT_FALSE(db.insertToDB(again));
+    EXPECT_TRUE(log.contains("sql error:"));
+    EXPECT_TRUE(log.contains("PluginDB insertToDB failed: ID already exist!"));
+    EXPECT_EQ("Name dup", db.getPluginInfoById("dup").name);
+}
+
+TEST(PluginDBManagerTest, OldSchemaIsUpgradedOnceAndKeepsItsRows) {
+    {
+        // A database as an older core left it: no CONTROLURL, user_version 0.
+        PluginDBManager creator;
+        creator.deleteDBFile();
+    }
+    runSql(
+        "Create TABLE pluginTable(ID  VARCHAR(32) PRIMARY KEY,NAME VARCHAR(256) ,SMALLICON VARCHAR(1024), LARGEICON "
+        "VARCHAR(1024),DEVELOPER  VARCHAR(1024),VERSION VARCHAR(256),INTRODUCTION VARCHAR(1024),STATUS "
+        "INTEGER,CAPABILITY INTEGER,DEVID VARCHAR(256),TITLE VARCHAR(256),ROOTPATH VARCHAR(256),TYPE "
+        "INTEGER,LIMITSIZE BIGINT);"
+        "INSERT INTO pluginTable VALUES('old','Old','s','l','d','0.9','i',6,3,'dv','t','/r',1,42);");
+    ASSERT_EQ(0, readInt("PRAGMA user_version"));
+    ASSERT_EQ(14, columnCount());
+
+    LogCapture log;
+    {
+        PluginDBManager db;
+        EXPECT_TRUE(log.contains("upgradeDB add CONTROLURL succeed!"));
+        EXPECT_EQ(1, readInt("PRAGMA user_version"));
+        EXPECT_EQ(15, columnCount());
+        const PluginInfo old = db.getPluginInfoById("old");
+        EXPECT_EQ("Old", old.name);
+        EXPECT_EQ(datacenter::DISABLED, old.status);
+        EXPECT_EQ(42, old.limitSize);
+        EXPECT_EQ("", old.controlUrl);
+        PluginInfo updated = old;
+        updated.controlUrl = "http://127.0.0.1:1/";
+        EXPECT_TRUE(db.updateToDB(updated));
+    }
+    LogCapture secondOpen;
+    PluginDBManager reopened;
+    EXPECT_TRUE(secondOpen.contains("PluginDBManager db exist!"));
+    EXPECT_FALSE(secondOpen.contains("upgradeDB sUrlConfigKey is empty."));
+    EXPECT_EQ(15, columnCount());
+    EXPECT_EQ("http://127.0.0.1:1/", reopened.getPluginInfoById("old").controlUrl);
+}
+
+TEST(PluginDBManagerTest, ResetLeavesAnEmptyTableThatAcceptsInserts) {
+    PluginDBManager db;
+    ASSERT_TRUE(db.insertToDB(sampleRecord("a")));
+    ASSERT_TRUE(db.insertToDB(sampleRecord("b")));
+    db.resetDB();
+    EXPECT_TRUE(db.getPluginInfos().empty());
+    EXPECT_EQ(1, readInt("PRAGMA user_version"));
+    ASSERT_TRUE(db.insertToDB(sampleRecord("a")));
+    EXPECT_EQ(1u, db.getPluginInfos().size());
+}
+
+TEST(PluginDBManagerTest, DeletedFileLeavesEveryOperationFailingUntilReset) {
+    PluginDBManager db;
+    ASSERT_TRUE(db.insertToDB(sampleRecord("a")));
+    db.deleteDBFile();
+    EXPECT_FALSE(datacenter::File::sExists(databaseFile()));
+    EXPECT_FALSE(db.insertToDB(sampleRecord("b")));
+    EXPECT_FALSE(db.updateToDB(sampleRecord("a")));
+    EXPECT_FALSE(db.updateStatusToDB("a", datacenter::ENABLED));
+    EXPECT_FALSE(db.deleteInDB("a"));
+    EXPECT_FALSE(db.setDBVersion());
+    EXPECT_TRUE(db.getPluginInfos().empty());
+    EXPECT_TRUE(db.getPluginInfoById("a").id.empty());
+
+    db.resetDB();
+    EXPECT_TRUE(db.insertToDB(sampleRecord("b")));
+}
