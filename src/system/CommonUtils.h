@@ -1,7 +1,12 @@
 #pragma once
 // Static helpers of the plugin core. Commands, system queries and string
 // helpers are implemented in CommonUtils.cpp; media classification and path
-// naming in CommonUtilsPaths.cpp.
+// naming in CommonUtilsPaths.cpp and CommonUtilsMedia.cpp.
+#include <sys/stat.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
 #include <string>
 
 class CommonUtils {
@@ -27,8 +32,91 @@ public:
     static void sConvertToValidLibconfigKey(std::string& key);
 
     // ---- Media classification and path naming ----------------------------
+    // Suffix tests ignore letter case and look at the end of a name or path.
+
+    // True for common picture suffixes and every camera raw suffix.
+    static bool sIsImage(const std::string& name);
+    // True for camera raw picture suffixes (.nef, .cr2, .dng, .tiff, ...).
+    static bool sIsCameraRawImage(const std::string& name);
+    static bool sIsAudio(const std::string& name);
+    static bool sIsVideo(const std::string& name);
+    static bool sIsDocument(const std::string& name);
+    // True when the extension (dot included, any case) is .jpg, .jpeg, .png, .bmp or .gif.
+    static bool sIsSupportedImage(const std::string& extension);
+    // True when the file name (without directory) looks like a video recorded
+    // by a camera or phone; false for other names and when a pattern fails to compile.
+    static bool sIsAutodyneVideo(std::string name);
+    // True for a ".td" or ".cfg" file inside the download folder.
+    static bool sIsDownloadTmpFile(const std::string& path);
+    // True when the path ends in the name of a folder the router keeps for itself.
+    static bool isSystemDirPath(const std::string& path);
+    // True for hidden, cache and recycle-bin folder names.
+    static bool isFilterDirName(const std::string& name);
+    // True when the path lies below one of the folders that indexing ignores.
+    static bool isFilterDirPath(const std::string& path);
+    // True when `name` is one of the top folders of a plugin tree whose owner is left alone.
+    static bool sIsInPluginChownFilterList(const std::string& name);
+
+    // `text` without one layer of surrounding single or double quotes.
+    static std::string sRemoveMarks(const std::string& text);
+    // True (and logged) when `text` holds a character that names may not contain.
+    static bool sIsContainInvalidChar(const std::string& text);
+    // `path` with a backslash before each blank, "*", "?", "(" and ")", for use in a shell command.
+    static std::string sGetEscapedPath(const std::string& path);
+    // `path` without one trailing "/"; paths shorter than two characters are returned unchanged.
+    static std::string sUnifyPathStyle(const std::string& path);
+    // `path` with a trailing "/"; paths shorter than two characters are returned unchanged.
+    static std::string sCompleteDirPath(const std::string& path);
+    // Resolves "." and ".." parts of `path` into `out`, keeping a leading and a
+    // trailing "/". False when the path climbs above its start or has a part beginning with "...".
+    static bool sGetAbsolutePath(const std::string& path, std::string& out);
+    // `text` without its trailing `suffix` characters; a text of one character is kept.
+    static std::string sRemoveSuffix(const std::string& text, char suffix);
 
     // A free name for a file: `path` itself when nothing exists there, else
     // "name(1).ext", "name(2).ext", ... (see the implementation for the rule).
     static std::string sGetDuplicateFileName(const std::string& path);
+    // A free name for a copy of a file or folder: `path` itself when nothing
+    // exists there, else "name-副本.ext", "name-副本2.ext", ...; "" for "".
+    static std::string sGetDuplicatePath(const std::string& path);
+
+    // The stat record of `path`; its fields are unspecified when stat fails.
+    static struct stat64 sGetFileStat(const std::string& path);
+    // Modification time in seconds, 0 when stat fails.
+    static time_t sGetFileModifyTime(const std::string& path);
+    // Sets access and modification time to `seconds`.
+    static void sSetFileModifyTime(const std::string& path, time_t seconds);
+    // Size in bytes, 0 when stat fails.
+    static int64_t sGetFileSize(const std::string& path);
+    // False for the empty path, "/" and the devices and mount points of the
+    // primary disk; true for anything else.
+    static bool sIsCanUmountDevice(const std::string& path);
+
+    // Writes the privacy statistics point "stat_points_privacy name=value".
+    static void statPrivacy(const std::string& name, std::string value);
+    // Adds `mac` to the privacy white list (hasAccess) or removes every line
+    // holding it. Does nothing when the white list does not exist.
+    static void sAuthAccessPrivacyData(const std::string& mac, bool hasAccess);
+    // True when the device named by the MD5 of its lower-case MAC may reach
+    // the privacy data according to the MAC filter ("pridisk"). False for "".
+    static bool sIsCanAccessPrivacyData(const std::string& hashedMac);
+    // Compares the MD5 (hex) of the lower-cased `configuredMac` with `hashedMac`,
+    // ignoring case. Returns 0 when they are equal.
+    static int sMacCompare(const char* configuredMac, const char* hashedMac, size_t length);
 };
+
+// ---- MAC filter look-ups (part of the media and path section) -------------
+
+// Compares a MAC from the filter file with the requested one over `length` characters; 0 = equal.
+typedef int (*MacCompareFunction)(const char* configuredMac, const char* requestedMac, size_t length);
+// 1 when the device section of "/etc/config/macfilter" whose MAC matches
+// `mac` (through `compare`) sets `attribute` to a value beginning with
+// "yes", 0 when it sets another value. Without such a section (or file) the
+// answer is 1 for attributes beginning with "lan" and 0 for others.
+int find_mac_attribute_from_macfilter_ex(const std::string& mac, const std::string& attribute,
+                                         MacCompareFunction compare);
+// The same with MACs compared without regard to case.
+int find_mac_attribute_from_macfilter(const std::string& mac, const std::string& attribute);
+// Asks "/usr/sbin/sysapi macfilter get" for the device; true when its answer
+// holds attribute + "=yes". False when the command fails or cannot be built.
+bool find_mac_attribute_from_macfilter_command(const std::string& mac, const std::string& attribute);
