@@ -185,6 +185,11 @@ bool ChannelSecret::base64Decode(std::string& bytes, const char* text, size_t le
         }
         decoded.append(buffer, static_cast<size_t>(got));
     }
+    // The base64 filter reports text it cannot decode as an empty stream, not
+    // as an error: text that yields no bytes at all counts as a failed read.
+    if (length > 0 && decoded.empty()) {
+        return false;
+    }
     bytes += decoded;
     return true;
 }

@@ -32,7 +32,7 @@ public:
     // False when OpenSSL fails.
     static bool base64Encode(std::string& text, const char* bytes, size_t length);
     // Decodes standard base64 and appends the bytes to `bytes`. False when
-    // the decoder fails to read.
+    // the decoder fails to read, or non-empty text decodes to nothing.
     static bool base64Decode(std::string& bytes, const char* text, size_t length);
     // URL-safe base64 of `input` ("-" and "_", no padding) into `text`. False
     // when the encoding fails.
