@@ -28,6 +28,7 @@ public:
         std::vector<char> copy(path.begin(), path.end());
         copy.push_back('\0');
         uci_ptr pointer;
+        memset(&pointer, 0, sizeof(pointer));
         Result result = Result::kLookupFailed;
         if (uci_lookup_ptr(context, &pointer, copy.data(), true) == UCI_OK) {
             result = Result::kNoOption;
