@@ -11,6 +11,7 @@
 
 #include "storage/Directory.h"
 #include "storage/File.h"
+#include "system/CommonUtils.h"
 #include "system/ConfigInfo.h"
 
 using datacenter::ConfigInfo;
@@ -241,8 +242,7 @@ bool PluginStorageManager::insertToStorage(const std::string& id, const std::str
         return false;
     }
     const std::string ownManifest = datacenter::planformetPluginRootPath() + id + "/" + kPluginManifestFileName;
-    ConfigInfo::sGetInstance()->setConfigToFile(ownManifest, sManifestInstallTimeKey,
-                                                std::to_string(static_cast<long long>(time(nullptr))));
+    ConfigInfo::sGetInstance()->setConfigToFile(ownManifest, sManifestInstallTimeKey, CommonUtils::sGetNowTimeStamp());
     const std::string stored = getManifestFilePath(id);
     const int copied = copyManifestIntoStore(manifestPath, stored, sGetManifestRootPath(), id);
     if (copied != datacenter::File::sCopyOk) {
