@@ -134,6 +134,12 @@ TEST(PluginStorageList, InvalidEntriesAreSkippedAndIdlessManifestsDeleted) {
     EXPECT_FALSE(store()->isValidManifest(storeDir() + "dir.manifest"));
     EXPECT_FALSE(store()->isValidManifest(storeDir() + "a.manifest.bak"));
     EXPECT_TRUE(store()->isValidManifest("no/such/thing.manifest"));
+
+    // A manifest without id that turns up later goes at the next reload.
+    writeManifest("late.manifest", "name = \"late\";\n");
+    writeFile(storeDir() + PluginStorageManager::sUpdatedFile, "");
+    EXPECT_EQ(1u, store()->getPluginInfos().size());
+    EXPECT_FALSE(datacenter::File::sExists(storeDir() + "late.manifest"));
 }
 
 TEST(PluginStorageList, DuplicateIdsKeepTheLastReadInDirectoryOrder) {
