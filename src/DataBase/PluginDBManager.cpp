@@ -2,9 +2,8 @@
 
 #include <glog/logging.h>
 
-#include "storage/Directory.h"
 #include "storage/File.h"
-#include "system/RootPrefix.h"
+#include "system/ConfigInfo.h"
 
 using datacenter::PluginInfo;
 using datacenter::PluginStatus;
@@ -36,14 +35,6 @@ enum Column {
 };
 
 const int kSchemaVersion = 1;
-
-std::string databaseRootPath() {
-    const std::string path = datacenter::RootPrefix::sPath("/userdisk/data/.systemconfig") + "/DataBase";
-    if (!datacenter::Directory::sExists(path)) {
-        datacenter::Directory::sCreateDirectory(path);
-    }
-    return path;
-}
 
 std::string columnText(sqlite3_stmt* statement, int column) {
     const unsigned char* text = sqlite3_column_text(statement, column);
@@ -90,7 +81,7 @@ private:
 }  // namespace
 
 PluginDBManager::PluginDBManager() {
-    dbRootPath = databaseRootPath();
+    dbRootPath = datacenter::ConfigInfo::sGetInstance()->getDatabaseRootPath();
     dbFilePath = dbRootPath + "/" + sDatabaseFileName_;
     initDatabase();
 }

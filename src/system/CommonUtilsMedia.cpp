@@ -16,26 +16,14 @@
 
 #include "storage/File.h"
 #include "system/CommonUtils.h"
+#include "system/ConfigInfo.h"
 #include "system/RootPrefix.h"
 
 namespace {
 
-// PENDING: replaced by CommonUtils::endWith/startWith/sToLower once the string helpers land.
-bool endsNoCase(const std::string& text, const std::string& suffix) {
-    return text.size() >= suffix.size() &&
-           strncasecmp(text.c_str() + text.size() - suffix.size(), suffix.c_str(), suffix.size()) == 0;
-}
-bool startsNoCase(const std::string& text, const std::string& prefix) {
-    return text.size() >= prefix.size() && strncasecmp(text.c_str(), prefix.c_str(), prefix.size()) == 0;
-}
-std::string lowerCase(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
-    return text;
-}
-
 bool endsWithAny(const std::string& name, std::initializer_list<const char*> suffixes) {
     for (const char* suffix : suffixes) {
-        if (endsNoCase(name, suffix)) {
+        if (CommonUtils::endWith(name, suffix)) {
             return true;
         }
     }
@@ -89,7 +77,7 @@ bool CommonUtils::sIsDocument(const std::string& name) {
 }
 
 bool CommonUtils::sIsSupportedImage(const std::string& extension) {
-    const std::string lower = lowerCase(extension);
+    const std::string lower = sToLower(extension);
     for (const char* supported : {".jpg", ".jpeg", ".png", ".bmp", ".gif"}) {
         if (lower == supported) {
             return true;
@@ -99,7 +87,7 @@ bool CommonUtils::sIsSupportedImage(const std::string& extension) {
 }
 
 bool CommonUtils::sIsAutodyneVideo(std::string name) {
-    if (!sIsVideo(name) && !endsNoCase(name, ".mts")) {
+    if (!sIsVideo(name) && !endWith(name, ".mts")) {
         return false;
     }
     const int first = matchPattern(kAutodynePattern, name);
@@ -109,13 +97,30 @@ bool CommonUtils::sIsAutodyneVideo(std::string name) {
     return matchPattern(kNumberedMtsPattern, name) == 1;
 }
 
+bool CommonUtils::sIsDownloadTmpFile(const std::string& path) {
+    if (!endWith(path, ".td") && !endWith(path, ".cfg")) {
+        return false;
+    }
+    return startWith(path, datacenter::ConfigInfo::sGetInstance()->getDownloadFolderPath());
+}
+
 bool CommonUtils::isSystemDirPath(const std::string& path) {
     return endsWithAny(path, {"korvia_config", "korvia_router", "ThunderDB", "System Volume Information"});
 }
 
 bool CommonUtils::isFilterDirName(const std::string& name) {
     for (const char* prefix : {".", "cache", "$RECYCLE", "RECYCLER", "RECYCLED"}) {
-        if (startsNoCase(name, prefix)) {
+        if (startWith(name, prefix)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool CommonUtils::isFilterDirPath(const std::string& path) {
+    for (const std::string& folder : datacenter::ConfigInfo::sGetInstance()->getIndexIgnoredFolders()) {
+        if (startWith(path, folder)) {
+            LOG(INFO) << path << " is recycle or hidden directory";
             return true;
         }
     }
@@ -283,7 +288,7 @@ bool find_mac_attribute_from_macfilter_command(const std::string& mac, const std
         std::ifstream answer(answerFile);
         std::string firstLine;
         if (answer && std::getline(answer, firstLine)) {
-            firstLine = lowerCase(firstLine.substr(0, 255));
+            firstLine = CommonUtils::sToLower(firstLine.substr(0, 255));
             allowed = firstLine.find(attribute + "=yes") != std::string::npos;
         }
     }

@@ -8,6 +8,7 @@
 
 #include "storage/File.h"
 #include "system/CommonUtils.h"
+#include "system/DeviceMountInfo.h"
 
 namespace {
 
@@ -67,20 +68,6 @@ std::string withoutCopyMarker(const std::string& stem) {
     return stem;
 }
 
-// PENDING: replaced by CommonUtils::splitString once the string helpers land.
-std::vector<std::string> splitAtSlash(const std::string& text) {
-    std::vector<std::string> parts;
-    std::string::size_type start = 0;
-    for (;;) {
-        const std::string::size_type slash = text.find('/', start);
-        parts.push_back(text.substr(start, slash - start));
-        if (slash == std::string::npos) {
-            return parts;
-        }
-        start = slash + 1;
-    }
-}
-
 }  // namespace
 
 std::string CommonUtils::sRemoveMarks(const std::string& text) {
@@ -134,7 +121,7 @@ std::string CommonUtils::sCompleteDirPath(const std::string& path) {
 
 bool CommonUtils::sGetAbsolutePath(const std::string& path, std::string& out) {
     std::vector<std::string> stack;
-    for (const std::string& part : splitAtSlash(path)) {
+    for (const std::string& part : splitString(path, "/")) {
         if (part.empty() || part == ".") {
             continue;
         }
@@ -236,4 +223,21 @@ void CommonUtils::sSetFileModifyTime(const std::string& path, time_t seconds) {
 int64_t CommonUtils::sGetFileSize(const std::string& path) {
     struct stat64 info = {};
     return stat64(path.c_str(), &info) == 0 ? static_cast<int64_t>(info.st_size) : 0;
+}
+
+bool CommonUtils::sIsCanUmountDevice(const std::string& path) {
+    if (path.empty()) {
+        return false;
+    }
+    const std::string trimmed = sRemoveSuffix(path, '/');
+    if (trimmed == "/") {
+        return false;
+    }
+    // The primary disk carries the system's own data and stays mounted.
+    for (const datacenter::MountInfo& mount : datacenter::DeviceMountInfo::sGetSystemDeviceMountInfo()) {
+        if (trimmed == mount.device || trimmed == mount.mountPoint) {
+            return false;
+        }
+    }
+    return true;
 }

@@ -6,6 +6,7 @@
 #include "storage/Directory.h"
 #include "support/TestSupport.h"
 #include "system/CommonUtils.h"
+#include "system/DeviceMountInfo.h"
 
 using testsupport::writeFile;
 
@@ -146,4 +147,23 @@ TEST(CommonUtilsPathsTest, FileTimesAndSizes) {
 
     EXPECT_EQ(0, CommonUtils::sGetFileSize(dir + "/missing"));
     EXPECT_EQ(0, CommonUtils::sGetFileModifyTime(dir + "/missing"));
+}
+
+TEST(CommonUtilsPathsTest, PrimaryDiskMountsCannotBeUnmounted) {
+    const std::string device = testsupport::underRoot("/devices/sda1");
+    writeFile(device, "");
+    writeFile(testsupport::underRoot("/tmp/userdisk_info"), "PRIMARY=" + testsupport::underRoot("/devices/sda") + "\n");
+    const std::string table = testsupport::underRoot("/mounts");
+    writeFile(table, device + " /userdisk ext4 rw 0 0\n" + testsupport::underRoot("/devices/sdb1") +
+                         " /extdisks/sdb1 ext4 rw 0 0\n");
+    datacenter::DeviceMountInfo::sSetMountTablePath(table);
+
+    for (const std::string& path : {std::string(""), std::string("/"), std::string("///"), std::string("/userdisk"),
+                                    std::string("/userdisk//"), device, device + "/"}) {
+        EXPECT_FALSE(CommonUtils::sIsCanUmountDevice(path)) << path;
+    }
+    for (const std::string path : {"/extdisks/sdb1", "/extdisks/sdb1/", "/userdisk/data", "/dev/sdc1"}) {
+        EXPECT_TRUE(CommonUtils::sIsCanUmountDevice(path)) << path;
+    }
+    datacenter::DeviceMountInfo::sSetMountTablePath("");
 }

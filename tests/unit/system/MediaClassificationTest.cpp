@@ -3,7 +3,9 @@
 #include <string>
 #include <vector>
 
+#include "support/TestSupport.h"
 #include "system/CommonUtils.h"
+#include "system/ConfigInfo.h"
 
 namespace {
 
@@ -24,6 +26,14 @@ void expectKinds(const std::vector<KindCase>& cases) {
     for (const KindCase& c : cases) {
         EXPECT_EQ(c.kinds, kindsOf(c.name)) << c.name;
     }
+}
+
+// Folder names as a localised router has them; read when the configuration object is first made.
+void writeLocalisation() {
+    testsupport::writeFile(testsupport::underRoot("/etc/datacenterconfig/localization/country.txt"), "CN###zh.txt\n");
+    testsupport::writeFile(testsupport::underRoot("/etc/datacenterconfig/localization/zh.txt"),
+                           "init_create_download_dir_name###Downloads\ncamlo_camera_dir_name###Cams\n"
+                           "backup_router_disk###RouterDisk\n");
 }
 
 }  // namespace
@@ -113,5 +123,31 @@ TEST(MediaClassificationTest, FolderFilters) {
     }
     for (const std::string name : {"BIN", "etc", "lib64", "", "usr"}) {
         EXPECT_FALSE(CommonUtils::sIsInPluginChownFilterList(name)) << name;
+    }
+}
+
+TEST(MediaClassificationTest, DownloadTemporariesLieInTheDownloadFolder) {
+    writeLocalisation();
+    const std::string downloads = datacenter::ConfigInfo::sGetInstance()->getDownloadFolderPath();
+    ASSERT_EQ(testsupport::underRoot("/userdisk/data/Downloads/"), downloads);
+    for (const std::string& path : {downloads + "a.td", downloads + "sub/b.CFG", downloads + ".cfg"}) {
+        EXPECT_TRUE(CommonUtils::sIsDownloadTmpFile(path)) << path;
+    }
+    for (const std::string& path : {downloads + "a.mp4", downloads + "a.td.part",
+                                    testsupport::underRoot("/userdisk/data/Other/a.td"), std::string("a.td")}) {
+        EXPECT_FALSE(CommonUtils::sIsDownloadTmpFile(path)) << path;
+    }
+}
+
+TEST(MediaClassificationTest, IndexIgnoredFolders) {
+    writeLocalisation();
+    for (const std::string path :
+         {"/userdisk/data/.hidden/a.jpg", "/userdisk/data/Cache/x", "/userdisk/data/$RECYCLE.BIN/y",
+          "/userdisk/data/RouterDisk/z", "/userdisk/data/timecapsule", "/userdisk/data/Cams/v.mp4",
+          "/userdisk/data/shuijing_kuangchang/p", "/userdisk/data/共享/.piccache/t.jpg"}) {
+        EXPECT_TRUE(CommonUtils::isFilterDirPath(testsupport::underRoot(path))) << path;
+    }
+    for (const std::string path : {"/userdisk/data/photos/a.jpg", "/userdisk/data/共享/a.jpg", "/extdisks/sda1/.x"}) {
+        EXPECT_FALSE(CommonUtils::isFilterDirPath(testsupport::underRoot(path))) << path;
     }
 }
