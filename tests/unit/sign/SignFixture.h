@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <set>
 #include <string>
 
 #include "sign/PackageSign.h"
@@ -51,6 +52,23 @@ protected:
         testsupport::writeFile(payloadPath, payload);
         EXPECT_EQ(packagesign::kOk, sign(signer, type, payloadPath, packagePath));
         return packagePath;
+    }
+
+    // Writes `good` with one byte changed (each position x each mask) and
+    // checks that verification refuses it and leaves no payload file.
+    void expectEveryFlipRefused(const std::string& good, const std::set<size_t>& positions,
+                                const std::set<unsigned char>& masks) {
+        const std::string flipped = work("flipped.qpk");
+        const std::string out = work("flipped-out.zip");
+        for (const size_t position : positions) {
+            for (const unsigned char mask : masks) {
+                std::string bad = good;
+                bad[position] = static_cast<char>(bad[position] ^ mask);
+                testsupport::writeFile(flipped, bad);
+                ASSERT_NE(packagesign::kOk, verifyPackage(flipped, out, "", ca())) << "byte " << position;
+                ASSERT_FALSE(exists(out)) << "byte " << position;
+            }
+        }
     }
 
 private:
