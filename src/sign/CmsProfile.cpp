@@ -86,6 +86,28 @@ int algorithmNid(const X509_ALGOR* algorithm, int* parameterType) {
     return oid ? OBJ_obj2nid(oid) : NID_undef;
 }
 
+// The SignerInfo must name its certificate by the exact issuer bytes and
+// serial: OpenSSL matches names after case and whitespace folding, which
+// would let a changed byte there pass.
+bool namesSignerExactly(CMS_SignerInfo* info, X509* signer) {
+    ASN1_OCTET_STRING* keyId = nullptr;
+    X509_NAME* issuer = nullptr;
+    ASN1_INTEGER* serial = nullptr;
+    if (CMS_SignerInfo_get0_signer_id(info, &keyId, &issuer, &serial) != 1 || keyId || !issuer || !serial) {
+        return false;
+    }
+    const unsigned char* named = nullptr;
+    const unsigned char* actual = nullptr;
+    size_t namedSize = 0;
+    size_t actualSize = 0;
+    if (X509_NAME_get0_der(issuer, &named, &namedSize) != 1 ||
+        X509_NAME_get0_der(X509_get_issuer_name(signer), &actual, &actualSize) != 1) {
+        return false;
+    }
+    return namedSize == actualSize && std::memcmp(named, actual, namedSize) == 0 &&
+           ASN1_INTEGER_cmp(serial, X509_get0_serialNumber(signer)) == 0;
+}
+
 }  // namespace
 
 bool hasSignedDataProfile(const std::vector<unsigned char>& der) {
@@ -110,7 +132,7 @@ bool hasSignerInfoProfile(CMS_SignerInfo* info, X509* signer) {
     int digestParameter = V_ASN1_UNDEF;
     int signatureParameter = V_ASN1_UNDEF;
     if (algorithmNid(digest, &digestParameter) != NID_sha256 || digestParameter != V_ASN1_UNDEF ||
-        CMS_unsigned_get_attr_count(info) > 0) {
+        CMS_unsigned_get_attr_count(info) > 0 || !namesSignerExactly(info, signer)) {
         return false;
     }
     const int signatureNid = algorithmNid(signature, &signatureParameter);
