@@ -1,0 +1,34 @@
+#pragma once
+// A file written under a temporary name in the target's directory and renamed
+// over the target only by commit(), after fsync. Until then the target is
+// untouched; a destroyed, uncommitted AtomicFile removes its temporary file.
+#include <cstddef>
+#include <string>
+
+namespace packagesign {
+
+class AtomicFile {
+public:
+    AtomicFile() = default;
+    ~AtomicFile();
+    AtomicFile(const AtomicFile&) = delete;
+    AtomicFile& operator=(const AtomicFile&) = delete;
+
+    // Creates the temporary file beside `target` with permission bits `mode`.
+    // Returns false when it cannot be created.
+    bool open(const std::string& target, unsigned mode);
+    // Appends `size` bytes. Returns false on a write error.
+    bool write(const void* data, size_t size);
+    // Flushes, closes and renames the file to the target; false on failure
+    // (the temporary file is then removed).
+    bool commit();
+    // Removes the temporary file without touching the target.
+    void discard();
+
+private:
+    int fd_ = -1;
+    std::string target_;
+    std::string tempPath_;
+};
+
+}  // namespace packagesign
