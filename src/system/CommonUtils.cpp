@@ -3,9 +3,17 @@
 #include <glog/logging.h>
 #include <sys/wait.h>
 
+#include <boost/algorithm/string/classification.hpp>
+#include <boost/algorithm/string/predicate.hpp>
+#include <boost/algorithm/string/split.hpp>
+#include <cctype>
 #include <cerrno>
 #include <csignal>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <sstream>
 
 #include "system/CommandRunner.h"
@@ -122,4 +130,104 @@ int CommonUtils::sCallPopenWithOutput(const std::string& command, std::string& o
 
 bool CommonUtils::sIsHttpCodeSucceed(int code) {
     return code == 200 || code == 206;
+}
+
+int CommonUtils::xasprintf(char** out, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    const int result = vasprintf(out, format, arguments);
+    va_end(arguments);
+    if (result < 0) {
+        LOG(ERROR) << "xasprintf: allocation failed";
+        *out = nullptr;
+    }
+    return result;
+}
+
+std::string CommonUtils::sGetNowTimeStamp() {
+    const long long now = static_cast<long long>(time(nullptr));
+    LOG(INFO) << "get now time stamp: " << now;
+    return std::to_string(now);
+}
+
+std::string CommonUtils::sConvertTimeFormat(long seconds) {
+    static char text[64];
+    const time_t when = static_cast<time_t>(seconds);
+    struct tm local;
+    localtime_r(&when, &local);
+    snprintf(text, sizeof(text), "%04d-%02d-%02dT%02d:%02d:%02d", local.tm_year + 1900, local.tm_mon + 1, local.tm_mday,
+             local.tm_hour, local.tm_min, local.tm_sec);
+    return text;
+}
+
+bool CommonUtils::sCheckIsLowerVersionThanCurrentRom(std::string version) {
+    const std::string rom = sGetRomVersion();
+    LOG(INFO) << "rom version is: " << rom << "  input version is: " << version;
+    const std::vector<std::string> required = splitString(version, ".");
+    const std::vector<std::string> current = splitString(rom, ".");
+    if (required.size() != 3 || current.size() != 3) {
+        return false;
+    }
+    for (size_t i = 0; i < 3; ++i) {
+        const int wanted = atoi(required[i].c_str());
+        const int have = atoi(current[i].c_str());
+        if (wanted != have) {
+            return wanted < have;
+        }
+    }
+    return true;
+}
+
+void CommonUtils::splitString(std::set<std::string>& out, const std::string& text, const std::string& separators) {
+    const std::vector<std::string> pieces = splitStringTokenCompress(text, separators);
+    out.insert(pieces.begin(), pieces.end());
+}
+
+std::vector<std::string> CommonUtils::splitString(const std::string& text, const std::string& separators) {
+    std::vector<std::string> pieces;
+    boost::algorithm::split(pieces, text, boost::algorithm::is_any_of(separators),
+                            boost::algorithm::token_compress_off);
+    return pieces;
+}
+
+std::vector<std::string> CommonUtils::splitStringTokenCompress(const std::string& text, const std::string& separators) {
+    std::vector<std::string> pieces;
+    boost::algorithm::split(pieces, text, boost::algorithm::is_any_of(separators), boost::algorithm::token_compress_on);
+    return pieces;
+}
+
+void CommonUtils::sTrimAll(char* text) {
+    if (!text) {
+        return;
+    }
+    char* write = text;
+    const char* read = text;
+    while (*read == ' ') {
+        ++read;
+    }
+    bool lastWasBlank = false;
+    for (; *read; ++read) {
+        if (*read == ' ' && lastWasBlank) {
+            continue;
+        }
+        lastWasBlank = *read == ' ';
+        *write++ = *read;
+    }
+    *write = '\0';
+}
+
+std::string CommonUtils::sToLower(const std::string& text) {
+    std::string lower(text);
+    for (char& c : lower) {
+        c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+    }
+    return lower;
+}
+
+bool CommonUtils::startWith(const std::string& text, const std::string& prefix) {
+    return boost::algorithm::istarts_with(text, prefix);
+}
+
+bool CommonUtils::endWith(const std::string& text, const std::string& suffix) {
+    return boost::algorithm::iends_with(text, suffix);
 }

@@ -9,31 +9,12 @@
 
 namespace datacenter {
 
-const std::string ConfigInfo::sPluginRootDirectory = "/appdata/";
-
 ConfigInfo* ConfigInfo::sGetInstance() {
     static ConfigInfo instance;
     return &instance;
 }
 
-ConfigInfo::ConfigInfo()
-    : globalConfigPath(RootPrefix::sPath("/userdisk/datacenterConfig/config.cfg")),
-      configRoot(RootPrefix::sPath("/userdisk/datacenterConfig")) {
-    init();
-}
-
 ConfigInfo::~ConfigInfo() = default;
-
-std::string ConfigInfo::getConfigRoot() {
-    if (!Directory::sExists(configRoot)) {
-        Directory::sCreateDirectory(configRoot);
-    }
-    return configRoot;
-}
-
-std::string ConfigInfo::getUserdiskRootPath() const {
-    return RootPrefix::sPath("/userdisk");
-}
 
 std::string ConfigInfo::getConfig(const std::string& key) {
     LOG(INFO) << "getConfig begin,key:" << key << " globalConfigPath:" << globalConfigPath;

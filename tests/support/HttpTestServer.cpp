@@ -1,0 +1,298 @@
+#include "support/HttpTestServer.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <chrono>
+#include <cstdlib>
+#include <sstream>
+#include <stdexcept>
+
+namespace testsupport {
+namespace {
+
+std::string lowerCase(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return text;
+}
+
+std::string trim(const std::string& text) {
+    const size_t begin = text.find_first_not_of(" \t");
+    const size_t end = text.find_last_not_of(" \t\r");
+    return begin == std::string::npos ? std::string() : text.substr(begin, end - begin + 1);
+}
+
+bool sendAll(int fd, const char* data, size_t length) {
+    while (length > 0) {
+        const ssize_t sent = ::send(fd, data, length, MSG_NOSIGNAL);
+        if (sent <= 0) {
+            return false;
+        }
+        data += sent;
+        length -= static_cast<size_t>(sent);
+    }
+    return true;
+}
+
+bool sendAll(int fd, const std::string& data) {
+    return sendAll(fd, data.data(), data.size());
+}
+
+// Reads until `buffer` holds at least `wanted` bytes; false at end of stream.
+bool readAtLeast(int fd, std::string& buffer, size_t wanted) {
+    char chunk[4096];
+    while (buffer.size() < wanted) {
+        const ssize_t got = ::recv(fd, chunk, sizeof(chunk), 0);
+        if (got <= 0) {
+            return false;
+        }
+        buffer.append(chunk, static_cast<size_t>(got));
+    }
+    return true;
+}
+
+// Reads the request head into `buffer`; returns its length including the blank line, 0 on failure.
+size_t readHead(int fd, std::string& buffer) {
+    size_t end;
+    while ((end = buffer.find("\r\n\r\n")) == std::string::npos) {
+        if (!readAtLeast(fd, buffer, buffer.size() + 1)) {
+            return 0;
+        }
+    }
+    return end + 4;
+}
+
+void parseHead(const std::string& head, HttpRequest& request) {
+    std::istringstream lines(head);
+    std::string line;
+    std::getline(lines, line);
+    std::istringstream requestLine(line);
+    requestLine >> request.method >> request.target;
+    const size_t question = request.target.find('?');
+    request.path = request.target.substr(0, question);
+    request.query = question == std::string::npos ? std::string() : request.target.substr(question + 1);
+    while (std::getline(lines, line) && line != "\r") {
+        const size_t colon = line.find(':');
+        if (colon != std::string::npos) {
+            request.headers[lowerCase(line.substr(0, colon))] = trim(line.substr(colon + 1));
+        }
+    }
+}
+
+std::string reasonPhrase(int status) {
+    switch (status) {
+        case 200:
+            return "OK";
+        case 204:
+            return "No Content";
+        case 206:
+            return "Partial Content";
+        case 301:
+            return "Moved Permanently";
+        case 302:
+            return "Found";
+        case 404:
+            return "Not Found";
+        case 500:
+            return "Internal Server Error";
+        default:
+            return "Status";
+    }
+}
+
+}  // namespace
+
+std::string HttpRequest::header(const std::string& lowerCaseName) const {
+    const auto found = headers.find(lowerCaseName);
+    return found == headers.end() ? std::string() : found->second;
+}
+
+HttpResponse HttpResponse::text(int status, const std::string& body, const std::string& contentType) {
+    HttpResponse response;
+    response.status = status;
+    response.body = body;
+    if (!contentType.empty()) {
+        response.headers.emplace_back("Content-Type", contentType);
+    }
+    return response;
+}
+
+HttpResponse HttpResponse::redirect(const std::string& location, int status) {
+    HttpResponse response;
+    response.status = status;
+    response.headers.emplace_back("Location", location);
+    return response;
+}
+
+HttpResponse HttpResponse::stalled() {
+    HttpResponse response;
+    response.stall = true;
+    return response;
+}
+
+HttpResponse HttpResponse::slow(const std::string& body, size_t chunkBytes, int chunkDelayMs) {
+    HttpResponse response;
+    response.body = body;
+    response.chunkBytes = chunkBytes;
+    response.chunkDelayMs = chunkDelayMs;
+    return response;
+}
+
+HttpTestServer::HttpTestServer() {
+    listenFd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = 0;
+    socklen_t length = sizeof(address);
+    if (listenFd_ < 0 || ::bind(listenFd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
+        ::listen(listenFd_, 64) != 0 || ::getsockname(listenFd_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        if (listenFd_ >= 0) {
+            ::close(listenFd_);
+        }
+        throw std::runtime_error("HttpTestServer: cannot listen on the loopback interface");
+    }
+    port_ = ntohs(address.sin_port);
+    acceptor_ = std::thread(&HttpTestServer::acceptLoop, this);
+}
+
+HttpTestServer::~HttpTestServer() {
+    stop();
+}
+
+std::string HttpTestServer::url(const std::string& path) const {
+    return "http://127.0.0.1:" + std::to_string(port_) + path;
+}
+
+void HttpTestServer::route(const std::string& path, Handler handler) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    routes_[path] = std::move(handler);
+}
+
+void HttpTestServer::route(const std::string& path, const HttpResponse& response) {
+    route(path, [response](const HttpRequest&) { return response; });
+}
+
+std::vector<HttpRequest> HttpTestServer::requests() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return requests_;
+}
+
+void HttpTestServer::stop() {
+    std::vector<std::thread> workers;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (stopped_) {
+            return;
+        }
+        stopped_ = true;
+        // Wakes accept() and every blocked recv()/send() of the connections.
+        ::shutdown(listenFd_, SHUT_RDWR);
+        for (const int fd : connections_) {
+            ::shutdown(fd, SHUT_RDWR);
+        }
+    }
+    stopping_.notify_all();
+    acceptor_.join();
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        workers.swap(workers_);
+    }
+    for (std::thread& worker : workers) {
+        worker.join();
+    }
+    ::close(listenFd_);
+}
+
+void HttpTestServer::acceptLoop() {
+    for (;;) {
+        const int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (stopped_) {
+            if (fd >= 0) {
+                ::close(fd);
+            }
+            return;
+        }
+        if (fd < 0) {
+            continue;
+        }
+        connections_.push_back(fd);
+        workers_.emplace_back(&HttpTestServer::serveConnection, this, fd);
+    }
+}
+
+void HttpTestServer::serveConnection(int fd) {
+    std::string buffer;
+    const size_t headLength = readHead(fd, buffer);
+    if (headLength > 0) {
+        HttpRequest request;
+        parseHead(buffer.substr(0, headLength), request);
+        if (lowerCase(request.header("expect")) == "100-continue") {
+            sendAll(fd, "HTTP/1.1 100 Continue\r\n\r\n");
+        }
+        const size_t bodyLength = std::strtoul(request.header("content-length").c_str(), nullptr, 10);
+        readAtLeast(fd, buffer, headLength + bodyLength);
+        request.body = buffer.substr(headLength, bodyLength);
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            requests_.push_back(request);
+        }
+        sendResponse(fd, answerFor(request));
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    connections_.erase(std::remove(connections_.begin(), connections_.end(), fd), connections_.end());
+    ::close(fd);
+}
+
+HttpResponse HttpTestServer::answerFor(const HttpRequest& request) {
+    Handler handler;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        const auto found = routes_.find(request.path);
+        if (found != routes_.end()) {
+            handler = found->second;
+        }
+    }
+    return handler ? handler(request) : HttpResponse::text(404, "not found");
+}
+
+void HttpTestServer::sendResponse(int fd, const HttpResponse& response) {
+    if (response.stall) {
+        waitStopping(24 * 3600 * 1000);
+        return;
+    }
+    std::string head = "HTTP/1.1 " + std::to_string(response.status) + " " + reasonPhrase(response.status) + "\r\n";
+    for (const auto& header : response.headers) {
+        head += header.first + ": " + header.second + "\r\n";
+    }
+    if (response.sendLength && response.status != 204) {
+        head += "Content-Length: " + std::to_string(response.body.size()) + "\r\n";
+    }
+    head += "Connection: close\r\n\r\n";
+    if (!sendAll(fd, head) || response.status == 204) {
+        return;
+    }
+    const size_t step = response.chunkBytes == 0 ? response.body.size() : response.chunkBytes;
+    for (size_t offset = 0; offset < response.body.size(); offset += step) {
+        if (offset > 0 && waitStopping(response.chunkDelayMs)) {
+            return;
+        }
+        const size_t length = std::min(step, response.body.size() - offset);
+        if (!sendAll(fd, response.body.data() + offset, length)) {
+            return;
+        }
+    }
+}
+
+bool HttpTestServer::waitStopping(int ms) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return stopping_.wait_for(lock, std::chrono::milliseconds(ms), [this] { return stopped_; });
+}
+
+}  // namespace testsupport

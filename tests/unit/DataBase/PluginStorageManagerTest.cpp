@@ -1,0 +1,262 @@
+// The manifest store: reading manifests, cache reloads (also when another
+// process changed the store), updates, insertion and deletion.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <boost/lexical_cast.hpp>
+#include <ctime>
+
+#include "DataBase/PluginStorageManager.h"
+#include "common/Singleton.h"
+#include "storage/Directory.h"
+#include "storage/File.h"
+#include "support/TestSupport.h"
+#include "system/ConfigInfo.h"
+
+using datacenter::PluginInfo;
+using testsupport::underRoot;
+using testsupport::writeFile;
+
+namespace {
+
+std::string storeDir() {
+    return underRoot("/userdisk/appdata//app_infos/");
+}
+
+void writeManifest(const std::string& fileName, const std::string& body) {
+    writeFile(storeDir() + fileName, body);
+}
+
+std::string simpleManifest(const std::string& id, const std::string& name) {
+    return "plugin_id = \"" + id + "\";\nname = \"" + name + "\";\nversion = \"1.0.0\";\n";
+}
+
+PluginStorageManager* store() {
+    return Singleton<PluginStorageManager>::instance();
+}
+
+time_t directoryTime(const std::string& path) {
+    struct stat status;
+    stat(path.c_str(), &status);
+    return status.st_mtime;
+}
+
+void setDirectoryTime(const std::string& path, time_t when) {
+    struct timeval times[2] = {{when, 0}, {when, 0}};
+    utimes(path.c_str(), times);
+}
+
+// Runs `work` in a forked child process (a second user of the store) and waits for it.
+template <typename Work>
+void inAnotherProcess(Work work) {
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        work();
+        _exit(0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+}
+
+}  // namespace
+
+TEST(PluginStorageRead, EveryKeyIsConverted) {
+    writeManifest("full.manifest",
+                  "plugin_id = \"p1\";\nname = \"Name\";\nsmall_icon = \"s.png\";\nlarge_icon = \"l.png\";\n"
+                  "developer = \"Dev\";\ndev_id = \"d1\";\nversion = \"1.2.3\";\nintroduction = \"Intro\";\n"
+                  "control_url = \"http://x\";\nsupported_rom_version = \"2.4.0\";\nsdk_token = \"TOKEN\";\n"
+                  "status = \"5\";\nuse_status = \"-7\";\nbinary_name = \"bin\";\nsdk_level = \"3\";\n"
+                  "capability_list = [\"net\", \"disk\"];\nmodel_list = [\"R1\"];\nmarket_icon = \"m\";\n"
+                  "installed_icon = \"i\";\ndetail_image = \"d\";\nauthorize_id = \"a\";\n"
+                  "install_time = \"+1700000000\";\nextra_key = \"ignored\";\n");
+    PluginInfo info;
+    info.name = "overwritten";
+    ASSERT_TRUE(store()->getPluginInfoFromManifest(storeDir() + "full.manifest", info));
+    EXPECT_EQ("p1", info.id);
+    EXPECT_EQ("Name", info.name);
+    EXPECT_EQ("s.png", info.smallIcon);
+    EXPECT_EQ("d1", info.devId);
+    EXPECT_EQ("2.4.0", info.supportedRomVersion);
+    EXPECT_EQ("TOKEN", info.sdkToken);
+    EXPECT_EQ(datacenter::ENABLED, info.status);
+    EXPECT_EQ(-7, static_cast<int>(info.useStatus));
+    EXPECT_EQ(3, info.sdkLevel);
+    EXPECT_EQ((std::vector<std::string>{"net", "disk"}), info.capabilityList);
+    EXPECT_EQ((std::vector<std::string>{"R1"}), info.modelList);
+    EXPECT_EQ("a", info.authorizeId);
+    EXPECT_EQ(1700000000, info.installTime);
+
+    // Missing text keys overwrite, missing numbers keep the old value.
+    writeManifest("small.manifest", "plugin_id = \"p2\";\n");
+    ASSERT_TRUE(store()->getPluginInfoFromManifest(storeDir() + "small.manifest", info));
+    EXPECT_EQ("", info.name);
+    EXPECT_EQ(datacenter::ENABLED, info.status);
+    EXPECT_EQ(3, info.sdkLevel);
+}
+
+TEST(PluginStorageRead, WelcomeStatusIsNotReadAndBadNumbersThrow) {
+    writeManifest("w.manifest", "plugin_id = \"5017400000000000005\";\nstatus = \"5\";\n");
+    PluginInfo welcome;
+    ASSERT_TRUE(store()->getPluginInfoFromManifest(storeDir() + "w.manifest", welcome));
+    EXPECT_EQ(datacenter::NOT_INSTALLED, welcome.status);
+
+    writeManifest("bad.manifest", "plugin_id = \"bad\";\nsdk_level = \"two\";\n");
+    writeManifest("big.manifest", "plugin_id = \"big\";\ninstall_time = \"2147483648\";\n");
+    PluginInfo info;
+    EXPECT_THROW(store()->getPluginInfoFromManifest(storeDir() + "bad.manifest", info), boost::bad_lexical_cast);
+    EXPECT_THROW(store()->getPluginInfoFromManifest(storeDir() + "big.manifest", info), boost::bad_lexical_cast);
+    // In a listing such a manifest is left out; the others stay.
+    const auto infos = store()->getPluginInfos();
+    EXPECT_EQ(1u, infos.count("5017400000000000005"));
+    EXPECT_EQ(0u, infos.count("bad"));
+    EXPECT_EQ(0u, infos.count("big"));
+}
+
+TEST(PluginStorageList, InvalidEntriesAreSkippedAndIdlessManifestsDeleted) {
+    writeManifest("a.manifest", simpleManifest("a", "A"));
+    writeManifest("x.txt", simpleManifest("x", "X"));
+    writeManifest("noid.manifest", "name = \"orphan\";\n");
+    writeManifest("evil.manifest", simpleManifest("../evil", "E"));
+    writeManifest("slash.manifest", simpleManifest("a/b", "S"));
+    datacenter::Directory::sCreateDirectory(storeDir() + "dir.manifest");
+
+    const auto infos = store()->getPluginInfos();
+    ASSERT_EQ(1u, infos.size());
+    EXPECT_EQ("A", infos.at("a").name);
+    EXPECT_FALSE(datacenter::File::sExists(storeDir() + "noid.manifest"));
+    EXPECT_TRUE(datacenter::File::sExists(storeDir() + "x.txt"));
+    EXPECT_TRUE(datacenter::File::sExists(storeDir() + "evil.manifest"));
+    EXPECT_FALSE(store()->isValidManifest(storeDir() + "dir.manifest"));
+    EXPECT_FALSE(store()->isValidManifest(storeDir() + "a.manifest.bak"));
+    EXPECT_TRUE(store()->isValidManifest("no/such/thing.manifest"));
+
+    // A manifest without id that turns up later goes at the next reload.
+    writeManifest("late.manifest", "name = \"late\";\n");
+    writeFile(storeDir() + PluginStorageManager::sUpdatedFile, "");
+    EXPECT_EQ(1u, store()->getPluginInfos().size());
+    EXPECT_FALSE(datacenter::File::sExists(storeDir() + "late.manifest"));
+}
+
+TEST(PluginStorageList, DuplicateIdsKeepTheLastReadInDirectoryOrder) {
+    writeManifest("one.manifest", simpleManifest("dup", "one"));
+    writeManifest("two.manifest", simpleManifest("dup", "two"));
+    const std::vector<std::string> order = datacenter::Directory::sListEntries(storeDir());
+    ASSERT_EQ(2u, order.size());
+    const std::string expected = order.back().find("one.manifest") != std::string::npos ? "one" : "two";
+    const auto infos = store()->getPluginInfos();
+    ASSERT_EQ(1u, infos.size());
+    EXPECT_EQ(expected, infos.at("dup").name);
+}
+
+TEST(PluginStorageList, UnknownIdGivesADefaultRecord) {
+    writeManifest("a.manifest", simpleManifest("a", "A"));
+    const PluginInfo unknown = store()->getPluginInfoById("nosuch");
+    EXPECT_EQ("", unknown.id);
+    EXPECT_EQ(1, unknown.sdkLevel);
+    EXPECT_EQ(0, unknown.installTime);
+    EXPECT_EQ(datacenter::NOT_INSTALLED, unknown.status);
+    EXPECT_EQ(0u, store()->getPluginInfos().count("nosuch"));
+    EXPECT_EQ("", store()->getPluginInfoById("").id);
+    EXPECT_EQ("A", store()->getPluginInfoById("a").name);
+}
+
+TEST(PluginStorageReload, MarkFileFromAnotherProcessForcesTheReload) {
+    writeManifest("a.manifest", simpleManifest("a", "before"));
+    ASSERT_EQ("before", store()->getPluginInfoById("a").name);
+    const time_t listed = directoryTime(storeDir());
+
+    // Another process rewrites the manifest and leaves the mark. The store
+    // directory's time is put back, so only the mark can announce the change.
+    inAnotherProcess([] {
+        datacenter::ConfigInfo::sGetInstance()->setConfigToFile(storeDir() + "a.manifest", "name", "after");
+        writeFile(storeDir() + PluginStorageManager::sUpdatedFile, "");
+    });
+    setDirectoryTime(storeDir(), listed);
+
+    EXPECT_EQ("after", store()->getPluginInfoById("a").name);
+    EXPECT_FALSE(datacenter::File::sExists(storeDir() + PluginStorageManager::sUpdatedFile));
+}
+
+TEST(PluginStorageReload, WithoutMarkOrNewerDirectoryTheCacheIsKept) {
+    writeManifest("a.manifest", simpleManifest("a", "cached"));
+    ASSERT_EQ("cached", store()->getPluginInfoById("a").name);
+    const time_t listed = directoryTime(storeDir());
+
+    inAnotherProcess(
+        [] { datacenter::ConfigInfo::sGetInstance()->setConfigToFile(storeDir() + "a.manifest", "name", "changed"); });
+    setDirectoryTime(storeDir(), listed);
+    EXPECT_EQ("cached", store()->getPluginInfoById("a").name);
+
+    // A newer directory time alone is enough.
+    setDirectoryTime(storeDir(), listed + 5);
+    EXPECT_EQ("changed", store()->getPluginInfoById("a").name);
+}
+
+TEST(PluginStorageUpdate, StatusChangesAreVisibleAtOnceAndWritten) {
+    writeManifest("a.manifest", simpleManifest("a", "A"));
+    ASSERT_EQ(datacenter::NOT_INSTALLED, store()->getPluginInfoById("a").status);
+    const time_t listed = directoryTime(storeDir());
+
+    ASSERT_TRUE(store()->updateStatusToStorage("a", datacenter::DISABLED));
+    ASSERT_TRUE(store()->updateUseStatusToStorage("a", static_cast<datacenter::PluginUseStatus>(-3)));
+    setDirectoryTime(storeDir(), listed);  // no reload: the cache itself carries the change
+    const PluginInfo info = store()->getPluginInfoById("a");
+    EXPECT_EQ(datacenter::DISABLED, info.status);
+    EXPECT_EQ(-3, static_cast<int>(info.useStatus));
+    EXPECT_EQ("6", datacenter::ConfigInfo::sGetConfigFromFile(storeDir() + "a.manifest", "status"));
+    EXPECT_EQ("-3", datacenter::ConfigInfo::sGetConfigFromFile(storeDir() + "a.manifest", "use_status"));
+    EXPECT_EQ("A", datacenter::ConfigInfo::sGetConfigFromFile(storeDir() + "a.manifest", "name"));
+
+    EXPECT_FALSE(store()->updateStatusToStorage("", datacenter::ENABLED));
+    EXPECT_FALSE(store()->updateStatusToStorage("missing", datacenter::ENABLED));
+    EXPECT_FALSE(store()->updateUseStatusToStorage("missing", datacenter::USE_STATUS_NONE));
+    EXPECT_FALSE(datacenter::File::sExists(storeDir() + "missing.manifest"));
+    EXPECT_FALSE(store()->updateToStorage(info));
+    EXPECT_EQ(datacenter::DISABLED, store()->getPluginInfoById("a").status);
+}
+
+TEST(PluginStorageInsert, CopiesTheStampedManifestIntoTheStore) {
+    const std::string own = underRoot("/userdisk/appdata/") + "p9" + "/" + "/etc/manifest";
+    writeFile(own, "plugin_id = \"p9\";\nname = \"Nine\";\nsdk_level = \"2\";\n");
+    PluginInfo info;
+    const long long before = static_cast<long long>(time(nullptr));
+    ASSERT_TRUE(store()->insertToStorage("p9", own, info));
+    EXPECT_EQ("p9", info.id);
+    EXPECT_EQ("Nine", info.name);
+    EXPECT_EQ(2, info.sdkLevel);
+    EXPECT_GE(info.installTime, before);
+    EXPECT_LE(info.installTime, before + 5);
+    EXPECT_EQ(std::to_string(info.installTime), datacenter::ConfigInfo::sGetConfigFromFile(own, "install_time"));
+    EXPECT_EQ(std::to_string(info.installTime),
+              datacenter::ConfigInfo::sGetConfigFromFile(store()->getManifestFilePath("p9"), "install_time"));
+    EXPECT_EQ("Nine", store()->getPluginInfos().at("p9").name);
+    // Nothing but the manifest is left in the store.
+    EXPECT_EQ((std::vector<std::string>{storeDir() + "p9.manifest"}), datacenter::Directory::sListEntries(storeDir()));
+
+    PluginInfo unused;
+    EXPECT_FALSE(store()->insertToStorage("", own, unused));
+    EXPECT_FALSE(store()->insertToStorage("p9", "", unused));
+    EXPECT_FALSE(store()->insertToStorage("../p9", own, unused));
+    EXPECT_FALSE(store()->insertToStorage("p8", own + ".missing", unused));
+    EXPECT_FALSE(datacenter::File::sExists(storeDir() + "p8.manifest"));
+}
+
+TEST(PluginStorageDelete, RemovesFileAndCacheEntry) {
+    writeManifest("a.manifest", simpleManifest("a", "A"));
+    writeManifest("b.manifest", simpleManifest("b", "B"));
+    ASSERT_EQ(2u, store()->getPluginInfos().size());
+    EXPECT_TRUE(store()->deleteInStorage("a"));
+    EXPECT_FALSE(datacenter::File::sExists(storeDir() + "a.manifest"));
+    EXPECT_EQ(0u, store()->getPluginInfos().count("a"));
+    EXPECT_FALSE(store()->deleteInStorage("a"));
+    EXPECT_FALSE(store()->deleteInStorage(""));
+    EXPECT_FALSE(store()->deleteInStorage("../b"));
+    EXPECT_EQ(1u, store()->getPluginInfos().count("b"));
+    EXPECT_EQ("on", getStateonStr());
+    EXPECT_EQ("off", getStateoffStr());
+}

@@ -1,0 +1,184 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "support/HttpTestServer.h"
+#include "support/TestSupport.h"
+#include "system/CurlDownloader.h"
+
+using datacenter::CurlDownloader;
+using datacenter::DownloadInfo;
+using testsupport::HttpResponse;
+using testsupport::HttpTestServer;
+
+namespace {
+
+class RecordingObserver : public datacenter::IDownloadTaskObserver {
+public:
+    void onDownloadStatusChange(DownloadInfo info) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        heard_.push_back(info);
+    }
+    std::vector<DownloadInfo> heard() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return heard_;
+    }
+
+private:
+    std::mutex mutex_;
+    std::vector<DownloadInfo> heard_;
+};
+
+std::string patternBody(size_t size) {
+    std::string body(size, '\0');
+    for (size_t i = 0; i < size; ++i) {
+        body[i] = static_cast<char>('a' + i % 26);
+    }
+    return body;
+}
+
+void sleepMs(int ms) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+}
+
+class CurlDownloaderTest : public ::testing::Test {
+protected:
+    std::string target_ = testsupport::makeScratchDir("downloads") + "/package.qpk";
+    HttpTestServer server_;
+    RecordingObserver observer_;
+};
+
+TEST_F(CurlDownloaderTest, FollowsRedirectsAndAcceptsFullAndPartialContent) {
+    for (const int status : {200, 206}) {
+        const std::string body = patternBody(5000) + std::to_string(status);
+        server_.route("/moved", HttpResponse::redirect(server_.url("/file")));
+        server_.route("/file", HttpResponse::text(status, body, "application/octet-stream"));
+        RecordingObserver observer;
+        CurlDownloader downloader(server_.url("/moved"), target_, &observer, 0);
+        downloader.beginDownloadSync();
+
+        const DownloadInfo info = downloader.getInfo();
+        EXPECT_EQ(DownloadInfo::sStateFinished, info.state) << status;
+        EXPECT_EQ(0, info.errorCode);
+        EXPECT_EQ(target_, info.localPath);
+        EXPECT_EQ(body, testsupport::readFile(target_));
+        ASSERT_EQ(1u, observer.heard().size());
+        EXPECT_EQ(DownloadInfo::sStateFinished, observer.heard()[0].state);
+    }
+}
+
+TEST_F(CurlDownloaderTest, NoContentFailsAndOverwritesExistingFile) {
+    testsupport::writeFile(target_, "old content");
+    server_.route("/empty", HttpResponse::text(204, ""));
+    CurlDownloader downloader(server_.url("/empty"), target_, &observer_, 0);
+    downloader.beginDownloadSync();
+
+    const DownloadInfo info = downloader.getInfo();
+    EXPECT_EQ(DownloadInfo::sStateFailed, info.state);
+    EXPECT_EQ(2003, info.errorCode);
+    EXPECT_EQ("", testsupport::readFile(target_));
+    ASSERT_EQ(1u, observer_.heard().size());
+    EXPECT_EQ(2003, observer_.heard()[0].errorCode);
+}
+
+TEST_F(CurlDownloaderTest, UnwritableTargetFailsBeforeAnyRequest) {
+    CurlDownloader downloader(server_.url("/file"), target_ + "/missing-dir/file", &observer_, 0);
+    downloader.beginDownloadSync();
+
+    EXPECT_EQ(DownloadInfo::sStateFailed, downloader.getInfo().state);
+    EXPECT_EQ(2003, downloader.getInfo().errorCode);
+    ASSERT_EQ(1u, observer_.heard().size());
+    EXPECT_EQ(2003, observer_.heard()[0].errorCode);
+    EXPECT_TRUE(server_.requests().empty());
+}
+
+TEST_F(CurlDownloaderTest, TransferTimeoutAndRefusedConnectionFail) {
+    server_.route("/stall", HttpResponse::stalled());
+    CurlDownloader stalled(server_.url("/stall"), target_, &observer_, 1);
+    stalled.beginDownloadSync();
+    EXPECT_EQ(DownloadInfo::sStateFailed, stalled.getInfo().state);
+    EXPECT_EQ(2003, stalled.getInfo().errorCode);
+
+    HttpTestServer gone;
+    const std::string url = gone.url("/file");
+    gone.stop();
+    CurlDownloader refused(url, target_, &observer_, 0);
+    refused.beginDownloadSync();
+    EXPECT_EQ(2003, refused.getInfo().errorCode);
+    EXPECT_EQ(2u, observer_.heard().size());
+}
+
+TEST_F(CurlDownloaderTest, StopRequestAbortsRunningTransfer) {
+    server_.route("/slow", HttpResponse::slow(patternBody(2 * 1024 * 1024), 16 * 1024, 20));
+    CurlDownloader downloader(server_.url("/slow"), target_, &observer_, 0);
+    downloader.beginDownloadAsync();
+    while (downloader.getInfo().downloadedBytes == 0) {
+        sleepMs(5);
+    }
+    downloader.setState(DownloadInfo::sStateStopRequested);
+    downloader.join();
+
+    const DownloadInfo info = downloader.getInfo();
+    EXPECT_EQ(DownloadInfo::sStateStopRequested, info.state);
+    EXPECT_EQ(2007, info.errorCode);
+    EXPECT_LT(info.downloadedBytes, info.totalBytes);
+    ASSERT_EQ(1u, observer_.heard().size());
+    EXPECT_EQ(2007, observer_.heard()[0].errorCode);
+    // What arrived stays on disk.
+    EXPECT_TRUE(testsupport::readFile(target_).size() > 0);
+}
+
+TEST_F(CurlDownloaderTest, PercentAndRateFollowSlowStream) {
+    const size_t size = 256 * 1024;
+    server_.route("/slow", HttpResponse::slow(patternBody(size), 8 * 1024, 100));
+    CurlDownloader downloader(server_.url("/slow"), target_, &observer_, 0);
+    downloader.setState(DownloadInfo::sStateWaiting);
+    downloader.beginDownloadAsync();
+
+    bool sawRate = false;
+    double lastPercent = 0;
+    while (observer_.heard().empty()) {
+        const DownloadInfo info = downloader.getInfo();
+        if (info.downloadedBytes > 0) {
+            EXPECT_NE(DownloadInfo::sStateWaiting, info.state);
+            EXPECT_EQ(static_cast<int64_t>(size), info.totalBytes);
+            EXPECT_EQ(static_cast<double>(info.downloadedBytes * 100 / info.totalBytes), info.percent);
+            EXPECT_GE(info.percent, lastPercent);
+            lastPercent = info.percent;
+        }
+        if (info.bytesPerSecond > 0) {
+            sawRate = true;
+            EXPECT_LE(info.bytesPerSecond, static_cast<int64_t>(size));
+            const int64_t left = info.totalBytes - static_cast<int64_t>(info.lastSampleBytes);
+            EXPECT_EQ(left / info.bytesPerSecond, info.remainingSeconds);
+        }
+        sleepMs(20);
+    }
+    downloader.join();
+    EXPECT_TRUE(sawRate);
+    const DownloadInfo info = downloader.getInfo();
+    EXPECT_EQ(DownloadInfo::sStateFinished, info.state);
+    EXPECT_EQ(100, info.percent);
+    EXPECT_EQ(size, testsupport::readFile(target_).size());
+}
+
+TEST_F(CurlDownloaderTest, UnknownSizeLeavesProgressFiguresAlone) {
+    HttpResponse response = HttpResponse::slow(patternBody(64 * 1024), 16 * 1024, 10);
+    response.sendLength = false;
+    server_.route("/unsized", response);
+    CurlDownloader downloader(server_.url("/unsized"), target_, &observer_, 0);
+    downloader.beginDownloadSync();
+
+    const DownloadInfo info = downloader.getInfo();
+    EXPECT_EQ(DownloadInfo::sStateFinished, info.state);
+    EXPECT_EQ(0, info.totalBytes);
+    EXPECT_GT(info.downloadedBytes, 0);
+    EXPECT_EQ(0, info.percent);
+    EXPECT_EQ(0, info.bytesPerSecond);
+    EXPECT_EQ(-1, info.remainingSeconds);
+}
+
+}  // namespace

@@ -1,0 +1,264 @@
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+
+#include <ctime>
+#include <memory>
+#include <utility>
+
+#include "rpc/ChannelSecret.h"
+#include "system/WebRequest.h"
+
+namespace {
+
+// ---- The server's side, written against OpenSSL directly -----------------
+
+std::string decodeBase64(const std::string& text) {
+    if (text.empty() || text.size() % 4 != 0) {
+        return std::string();
+    }
+    std::string bytes(text.size() / 4 * 3, '\0');
+    const int length = EVP_DecodeBlock(reinterpret_cast<unsigned char*>(&bytes[0]),
+                                       reinterpret_cast<const unsigned char*>(text.data()), text.size());
+    if (length < 0) {
+        return std::string();
+    }
+    const size_t padding = text.size() - text.find_last_not_of('=') - 1;
+    bytes.resize(static_cast<size_t>(length) - padding);
+    return bytes;
+}
+
+std::string decodeUrlSafeBase64(std::string text) {
+    for (char& c : text) {
+        c = c == '-' ? '+' : (c == '_' ? '/' : c);
+    }
+    text.append((4 - text.size() % 4) % 4, '=');
+    return decodeBase64(text);
+}
+
+std::string encodeBase64(const std::string& bytes) {
+    std::string text(((bytes.size() + 2) / 3) * 4 + 1, '\0');
+    const int length = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(&text[0]),
+                                       reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
+    text.resize(static_cast<size_t>(length));
+    return text;
+}
+
+std::string hash(const EVP_MD* type, const std::string& data) {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    EVP_Digest(data.data(), data.size(), digest, &length, type, nullptr);
+    return std::string(reinterpret_cast<char*>(digest), length);
+}
+
+std::string hex(const std::string& bytes) {
+    static const char digits[] = "0123456789abcdef";
+    std::string text;
+    for (const unsigned char c : bytes) {
+        text += digits[c >> 4];
+        text += digits[c & 15];
+    }
+    return text;
+}
+
+std::string decrypt(const std::string& key, const std::string& iv, const std::string& cipher) {
+    std::unique_ptr<EVP_CIPHER_CTX, void (*)(EVP_CIPHER_CTX*)> context(EVP_CIPHER_CTX_new(), EVP_CIPHER_CTX_free);
+    const EVP_CIPHER* type = key.size() == 16 ? EVP_aes_128_cbc() : EVP_aes_256_cbc();
+    std::string plain(cipher.size() + 32, '\0');
+    unsigned char* out = reinterpret_cast<unsigned char*>(&plain[0]);
+    int written = 0;
+    int last = 0;
+    if (EVP_DecryptInit_ex(context.get(), type, nullptr, reinterpret_cast<const unsigned char*>(key.data()),
+                           reinterpret_cast<const unsigned char*>(iv.data())) != 1 ||
+        EVP_DecryptUpdate(context.get(), out, &written, reinterpret_cast<const unsigned char*>(cipher.data()),
+                          cipher.size()) != 1 ||
+        EVP_DecryptFinal_ex(context.get(), out + written, &last) != 1) {
+        return "<decrypt failed>";
+    }
+    plain.resize(static_cast<size_t>(written + last));
+    return plain;
+}
+
+std::vector<std::pair<std::string, std::string>> splitQuery(const std::string& query) {
+    std::vector<std::pair<std::string, std::string>> pairs;
+    size_t start = 0;
+    while (start <= query.size()) {
+        size_t end = query.find('&', start);
+        end = end == std::string::npos ? query.size() : end;
+        const std::string item = query.substr(start, end - start);
+        const size_t equals = item.find('=');
+        pairs.emplace_back(item.substr(0, equals), equals == std::string::npos ? "" : item.substr(equals + 1));
+        start = end + 1;
+    }
+    return pairs;
+}
+
+// What a server learns from one query: the decrypted parameters, and whether
+// the signature holds for the key that it derived itself.
+struct VerifiedQuery {
+    std::string deviceId;
+    std::vector<std::pair<std::string, std::string>> parameters;  // decrypted
+    std::string keyHex;
+    bool signatureValid = false;
+};
+
+VerifiedQuery verifyAsServer(const std::string& query, const std::string& channelSecret, const std::string& resource) {
+    VerifiedQuery result;
+    auto pairs = splitQuery(query);
+    EXPECT_GE(pairs.size(), 4u);
+    if (pairs.size() < 4) {
+        return result;
+    }
+    EXPECT_EQ("_deviceId", pairs.front().first);
+    EXPECT_EQ("_nonce", pairs[pairs.size() - 3].first);
+    EXPECT_EQ("_iv", pairs[pairs.size() - 2].first);
+    EXPECT_EQ("signature", pairs.back().first);
+    result.deviceId = pairs.front().second;
+    const std::string nonce = decodeBase64(WebRequest::urldecode(pairs[pairs.size() - 3].second));
+    EXPECT_EQ(16u, nonce.size());
+    const std::string ivText = pairs[pairs.size() - 2].second;
+    const std::string iv = decodeUrlSafeBase64(ivText);
+    const std::string key = hash(EVP_sha256(), decodeBase64(channelSecret) + nonce);
+    result.keyHex = hex(key);
+
+    std::string parameterText;
+    for (size_t i = 1; i + 3 < pairs.size(); ++i) {
+        const std::string cipher = decodeUrlSafeBase64(pairs[i].second);
+        result.parameters.emplace_back(pairs[i].first, decrypt(key, iv, cipher));
+        parameterText += "&" + pairs[i].first + "=" + pairs[i].second;
+    }
+    const std::string signatureText = "GET&" + resource + "&_deviceId=" + result.deviceId + "&_iv=" + ivText +
+                                      parameterText + "&" + encodeBase64(key);
+    const std::string signature = WebRequest::urldecode(pairs.back().second);
+    result.signatureValid = signature == encodeBase64(hash(EVP_sha1(), signatureText));
+    return result;
+}
+
+const std::string kSecret = "c2VjcmV0LWtleS1vZi10aGUtY2hhbm5lbA==";  // "secret-key-of-the-channel"
+
+// ---- Tests ------------------------------------------------------------------
+
+TEST(ChannelSecretQueryTest, ServerDecryptsValuesAndAcceptsSignature) {
+    const std::vector<std::string> names = {"uid", "empty", "note"};
+    const std::vector<std::string> values = {"42", "", std::string("h\xc3\xa9llo & more=\0x", 16)};
+    std::string query;
+    testing::internal::CaptureStdout();
+    ASSERT_TRUE(ChannelSecret::getSecretQuery(query, names, values, "dev-01", kSecret, "/api/v1/apps"));
+    const std::string printed = testing::internal::GetCapturedStdout();
+
+    const VerifiedQuery verified = verifyAsServer(query, kSecret, "/api/v1/apps");
+    EXPECT_TRUE(verified.signatureValid) << query;
+    EXPECT_EQ("dev-01", verified.deviceId);
+    ASSERT_EQ(3u, verified.parameters.size());
+    for (size_t i = 0; i < names.size(); ++i) {
+        EXPECT_EQ(names[i], verified.parameters[i].first);
+        EXPECT_EQ(values[i], verified.parameters[i].second);
+    }
+    EXPECT_NE(std::string::npos, printed.find("device id is dev-01\n"));
+    EXPECT_NE(std::string::npos, printed.find("channelSecret id is " + kSecret + "\n"));
+    EXPECT_NE(std::string::npos, printed.find("shaSalt=" + verified.keyHex + "\n"));
+    EXPECT_NE(std::string::npos, printed.find("signatureText=GET&/api/v1/apps&_deviceId=dev-01&_iv="));
+
+    // A server holding another secret derives another key and rejects the query.
+    EXPECT_FALSE(verifyAsServer(query, "b3RoZXItc2VjcmV0", "/api/v1/apps").signatureValid);
+    // So does one that signs another resource.
+    EXPECT_FALSE(verifyAsServer(query, kSecret, "/api/v1/other").signatureValid);
+}
+
+TEST(ChannelSecretQueryTest, EmptyListsGiveOnlyTheFixedParts) {
+    std::string query;
+    testing::internal::CaptureStdout();
+    ASSERT_TRUE(ChannelSecret::getSecretQuery(query, {}, {}, "dev", kSecret, "res"));
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(4u, splitQuery(query).size());
+    EXPECT_TRUE(verifyAsServer(query, kSecret, "res").signatureValid);
+
+    // The IV text: 16 hex characters in URL-safe base64, 22 characters.
+    const std::string ivText = splitQuery(query)[2].second;
+    EXPECT_EQ(22u, ivText.size());
+    EXPECT_EQ(std::string::npos,
+              ivText.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_"));
+    const std::string iv = decodeUrlSafeBase64(ivText);
+    EXPECT_EQ(16u, iv.size());
+    EXPECT_EQ(std::string::npos, iv.find_first_not_of("0123456789abcdef"));
+}
+
+TEST(ChannelSecretQueryTest, QueriesUseFreshNonces) {
+    std::string first;
+    std::string second;
+    testing::internal::CaptureStdout();
+    ASSERT_TRUE(ChannelSecret::getSecretQuery(first, {"a"}, {"1"}, "dev", kSecret, "res"));
+    ASSERT_TRUE(ChannelSecret::getSecretQuery(second, {"a"}, {"1"}, "dev", kSecret, "res"));
+    testing::internal::GetCapturedStdout();
+    EXPECT_NE(splitQuery(first)[2].second, splitQuery(second)[2].second);
+    EXPECT_NE(splitQuery(first)[1].second, splitQuery(second)[1].second);
+}
+
+TEST(ChannelSecretQueryTest, BadInputLeavesQueryUnchanged) {
+    std::string query = "untouched";
+    testing::internal::CaptureStdout();
+    EXPECT_FALSE(ChannelSecret::getSecretQuery(query, {"a", "b"}, {"1"}, "dev", kSecret, "res"));
+    EXPECT_FALSE(ChannelSecret::getSecretQuery(query, {"a"}, {"1"}, "dev", "!!!!", "res"));
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ("untouched", query);
+}
+
+TEST(ChannelSecretCipherTest, AesKeyLengthSelectsCipher) {
+    const std::string iv = "0123456789abcdefEXTRA";
+    for (const size_t keyLength : {16u, 32u}) {
+        const std::string key(keyLength, 'k');
+        std::string cipher = "old";
+        ASSERT_TRUE(ChannelSecret::aesEncrypt(cipher, key, iv, "attack at dawn!!"));
+        EXPECT_EQ(32u, cipher.size());
+        EXPECT_EQ("attack at dawn!!", decrypt(key, iv.substr(0, 16), cipher));
+    }
+    std::string cipher;
+    ASSERT_TRUE(ChannelSecret::aesEncrypt(cipher, std::string(32, 'k'), iv, ""));
+    EXPECT_EQ(16u, cipher.size());
+    std::string encoded;
+    ASSERT_TRUE(ChannelSecret::urlSafeBase64Encode(encoded, cipher));
+    EXPECT_EQ(22u, encoded.size());
+
+    cipher = "kept";
+    EXPECT_FALSE(ChannelSecret::aesEncrypt(cipher, std::string(24, 'k'), iv, "x"));
+    EXPECT_FALSE(ChannelSecret::aesEncrypt(cipher, std::string(32, 'k'), "short", "x"));
+    EXPECT_EQ("kept", cipher);
+}
+
+TEST(ChannelSecretCipherTest, EncodingsAndDigests) {
+    std::string text = "prefix:";
+    ASSERT_TRUE(ChannelSecret::base64Encode(text, "foobar", 6));
+    EXPECT_EQ("prefix:Zm9vYmFy", text);
+    std::string bytes = "x";
+    ASSERT_TRUE(ChannelSecret::base64Decode(bytes, "Zm9vYg==", 8));
+    EXPECT_EQ("xfoob", bytes);
+
+    const std::string binary("\xfb\xff\x00\x10", 4);
+    std::string safe = "replaced";
+    ASSERT_TRUE(ChannelSecret::urlSafeBase64Encode(safe, binary));
+    EXPECT_EQ("-_8AEA", safe);
+    std::string roundTrip;
+    const std::string standard = encodeBase64(binary);
+    ASSERT_TRUE(ChannelSecret::base64Decode(roundTrip, standard.data(), standard.size()));
+    EXPECT_EQ(binary, roundTrip);
+
+    EXPECT_EQ("00ff7f", ChannelSecret::toHexCode("\x00\xff\x7f", 3));
+    EXPECT_EQ("a9993e364706816aba3e25717850c26c9cd0d89d", hex(ChannelSecret::sha1Digest("abc")));
+    EXPECT_EQ("ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad",
+              hex(ChannelSecret::sha256Digest("abc")));
+}
+
+TEST(ChannelSecretCipherTest, RandomStringIsHexAndRepeatsWithinOneSecond) {
+    std::string first = "old";
+    std::string second;
+    const std::time_t before = std::time(nullptr);
+    ASSERT_TRUE(ChannelSecret::getRandomString(first, 16));
+    ASSERT_TRUE(ChannelSecret::getRandomString(second, 16));
+    const std::time_t after = std::time(nullptr);
+    EXPECT_EQ(16u, first.size());
+    EXPECT_EQ(std::string::npos, first.find_first_not_of("0123456789abcdef"));
+    if (before == after) {
+        EXPECT_EQ(first, second);
+    }
+}
+
+}  // namespace

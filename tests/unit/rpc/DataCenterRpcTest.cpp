@@ -1,0 +1,276 @@
+// The DataCenter RPC layer against real loopback servers: the server adapter
+// with a test handler, hand-rolled Thrift peers for replies the adapter never
+// sends, and plain sockets for peers that never answer or are not there.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <thrift/TApplicationException.h>
+#include <thrift/protocol/TBinaryProtocol.h>
+#include <thrift/transport/TBufferTransports.h>
+#include <thrift/transport/TServerSocket.h>
+#include <thrift/transport/TSocket.h>
+#include <unistd.h>
+
+#include <memory>
+#include <stdexcept>
+#include <thread>
+
+#include "DataCenter.h"
+#include "rpc/DataCenterRpcClient.h"
+#include "rpc/DataCenterRpcServer.h"
+
+using apache::thrift::TApplicationException;
+using apache::thrift::protocol::T_CALL;
+using apache::thrift::protocol::T_EXCEPTION;
+using apache::thrift::protocol::T_REPLY;
+using apache::thrift::protocol::T_STRING;
+using apache::thrift::protocol::T_STRUCT;
+using apache::thrift::protocol::TBinaryProtocol;
+using apache::thrift::protocol::TMessageType;
+using apache::thrift::transport::TFramedTransport;
+using apache::thrift::transport::TServerSocket;
+using apache::thrift::transport::TSocket;
+using datacenter::DataCenterRpcClient;
+using datacenter::DataCenterRpcServer;
+using datacenter::RpcResult;
+
+namespace {
+
+const int kTimeoutMs = 2000;
+
+class EchoHandler : public datacenter::DataCenterRpcHandler {
+public:
+    std::string request(const std::string& parameter) override {
+        if (parameter == "throw") {
+            throw std::runtime_error("handler broke");
+        }
+        return parameter.empty() ? std::string() : "echo:" + parameter;
+    }
+    std::string notify(int32_t type, const std::string& parameter) override {
+        return std::to_string(type) + ":" + parameter;
+    }
+};
+
+class ServedTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        std::string error;
+        ASSERT_TRUE(server_.start(0, error)) << error;
+        ASSERT_GT(server_.port(), 0);
+    }
+
+    DataCenterRpcServer server_{std::make_shared<EchoHandler>()};
+};
+
+// A framed binary-protocol connection from the test to `port`.
+struct RawConnection {
+    explicit RawConnection(int port)
+        : socket(std::make_shared<TSocket>("127.0.0.1", port)),
+          transport(std::make_shared<TFramedTransport>(socket)),
+          protocol(std::make_shared<TBinaryProtocol>(transport)) {
+        socket->setRecvTimeout(kTimeoutMs);
+        transport->open();
+    }
+    std::shared_ptr<TSocket> socket;
+    std::shared_ptr<TFramedTransport> transport;
+    std::shared_ptr<TBinaryProtocol> protocol;
+};
+
+// Answers exactly one call the way a faulty or foreign server might: with a
+// chosen sequence id, old-style or strict message headers, with or without
+// the result field 0.
+class HandRolledServer {
+public:
+    HandRolledServer(bool withResult, int32_t sequenceId, bool strictWrite) : socket_("127.0.0.1", 0) {
+        socket_.listen();
+        thread_ = std::thread([=] { answerOnce(withResult, sequenceId, strictWrite); });
+    }
+    ~HandRolledServer() { thread_.join(); }
+    int port() const { return socket_.getPort(); }
+
+private:
+    void answerOnce(bool withResult, int32_t sequenceId, bool strictWrite) {
+        auto transport = std::make_shared<TFramedTransport>(socket_.accept());
+        TBinaryProtocol protocol(transport, 0, 0, false, strictWrite);
+        std::string name;
+        TMessageType type;
+        int32_t callSequenceId = 0;
+        protocol.readMessageBegin(name, type, callSequenceId);
+        protocol.skip(T_STRUCT);
+        protocol.readMessageEnd();
+        transport->readEnd();
+
+        protocol.writeMessageBegin(name, T_REPLY, sequenceId);
+        protocol.writeStructBegin("result");
+        if (withResult) {
+            protocol.writeFieldBegin("success", T_STRING, 0);
+            protocol.writeString(std::string("from hand-rolled server"));
+            protocol.writeFieldEnd();
+        }
+        protocol.writeFieldStop();
+        protocol.writeStructEnd();
+        protocol.writeMessageEnd();
+        transport->writeEnd();
+        transport->flush();
+        transport->close();
+    }
+
+    TServerSocket socket_;
+    std::thread thread_;
+};
+
+// A listening socket that the kernel accepts connections for but nobody reads.
+class SilentListener {
+public:
+    SilentListener() {
+        fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof(address);
+        if (::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 || ::listen(fd_, 8) != 0 ||
+            ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+            throw std::runtime_error("cannot listen");
+        }
+        port_ = ntohs(address.sin_port);
+    }
+    ~SilentListener() { close(); }
+    int port() const { return port_; }
+    void close() {
+        if (fd_ >= 0) {
+            ::close(fd_);
+            fd_ = -1;
+        }
+    }
+
+private:
+    int fd_ = -1;
+    int port_ = 0;
+};
+
+TEST_F(ServedTest, RequestAndNotifyRoundTrip) {
+    std::string response;
+    RpcResult result = DataCenterRpcClient::sRequest("localhost", server_.port(), "status", response, kTimeoutMs);
+    ASSERT_TRUE(result.ok()) << result.message;
+    EXPECT_EQ("echo:status", response);
+
+    response = "old";
+    result = DataCenterRpcClient::sRequest("127.0.0.1", server_.port(), "", response, kTimeoutMs);
+    ASSERT_TRUE(result.ok()) << result.message;
+    EXPECT_EQ("", response);
+
+    result = DataCenterRpcClient::sNotify("127.0.0.1", server_.port(), -7, "mounted", response, kTimeoutMs);
+    ASSERT_TRUE(result.ok()) << result.message;
+    EXPECT_EQ("-7:mounted", response);
+}
+
+TEST_F(ServedTest, HandlerExceptionBecomesApplicationException) {
+    RawConnection connection(server_.port());
+    datacenter::DataCenterClient client(connection.protocol);
+    std::string response;
+    try {
+        client.request(response, "throw");
+        FAIL() << "no exception";
+    } catch (const TApplicationException& e) {
+        EXPECT_EQ(TApplicationException::UNKNOWN, e.getType());
+        EXPECT_STREQ("handler broke", e.what());
+    }
+
+    response = "kept";
+    const RpcResult result = DataCenterRpcClient::sRequest("127.0.0.1", server_.port(), "throw", response, kTimeoutMs);
+    EXPECT_EQ(RpcResult::RPC_FAILED, result.status);
+    EXPECT_EQ("handler broke", result.message);
+    EXPECT_EQ("kept", response);
+    // The server goes on serving.
+    EXPECT_TRUE(DataCenterRpcClient::sRequest("127.0.0.1", server_.port(), "x", response, kTimeoutMs).ok());
+}
+
+TEST_F(ServedTest, UnknownMethodIsAnsweredAndConnectionStaysUsable) {
+    RawConnection connection(server_.port());
+    TBinaryProtocol& protocol = *connection.protocol;
+    protocol.writeMessageBegin("frobnicate", T_CALL, 7);
+    protocol.writeStructBegin("args");
+    protocol.writeFieldBegin("parameter", T_STRING, 1);
+    protocol.writeString(std::string("junk"));
+    protocol.writeFieldEnd();
+    protocol.writeFieldStop();
+    protocol.writeStructEnd();
+    protocol.writeMessageEnd();
+    connection.transport->writeEnd();
+    connection.transport->flush();
+
+    std::string name;
+    TMessageType type;
+    int32_t sequenceId = 0;
+    protocol.readMessageBegin(name, type, sequenceId);
+    EXPECT_EQ(T_EXCEPTION, type);
+    EXPECT_EQ("frobnicate", name);
+    EXPECT_EQ(7, sequenceId);
+    TApplicationException answer;
+    answer.read(&protocol);
+    protocol.readMessageEnd();
+    connection.transport->readEnd();
+    EXPECT_EQ(TApplicationException::UNKNOWN_METHOD, answer.getType());
+    EXPECT_STREQ("Invalid method name: 'frobnicate'", answer.what());
+
+    datacenter::DataCenterClient client(connection.protocol);
+    std::string response;
+    client.request(response, "again");
+    EXPECT_EQ("echo:again", response);
+}
+
+TEST_F(ServedTest, StopEndsOpenConnectionsAndFreesPort) {
+    RawConnection idle(server_.port());
+    const int port = server_.port();
+    server_.stop();
+    EXPECT_EQ(0, server_.port());
+    std::string response;
+    EXPECT_EQ(RpcResult::RPC_TRANSPORT_FAILED,
+              DataCenterRpcClient::sRequest("127.0.0.1", port, "x", response, kTimeoutMs).status);
+
+    std::string error;
+    ASSERT_TRUE(server_.start(port, error)) << error;
+    DataCenterRpcServer second(std::make_shared<EchoHandler>());
+    EXPECT_FALSE(second.start(port, error));
+    EXPECT_FALSE(error.empty());
+}
+
+TEST(RpcReplyTest, ReplyWithoutResultFieldFails) {
+    HandRolledServer server(false, 0, true);
+    std::string response = "kept";
+    const RpcResult result = DataCenterRpcClient::sRequest("127.0.0.1", server.port(), "x", response, kTimeoutMs);
+    EXPECT_EQ(RpcResult::RPC_FAILED, result.status);
+    EXPECT_EQ("request failed: unknown result", result.message);
+    EXPECT_EQ("kept", response);
+}
+
+TEST(RpcReplyTest, ForeignSequenceIdAndOldStyleHeaderAreAccepted) {
+    for (const bool strict : {true, false}) {
+        HandRolledServer server(true, 42, strict);
+        std::string response;
+        const RpcResult result = DataCenterRpcClient::sRequest("127.0.0.1", server.port(), "x", response, kTimeoutMs);
+        ASSERT_TRUE(result.ok()) << result.message;
+        EXPECT_EQ("from hand-rolled server", response);
+    }
+}
+
+TEST(RpcTransportTest, SilentPeerTimesOut) {
+    SilentListener listener;
+    std::string response = "kept";
+    const RpcResult result = DataCenterRpcClient::sRequest("127.0.0.1", listener.port(), "x", response, 300);
+    EXPECT_EQ(RpcResult::RPC_TIMEOUT, result.status) << result.message;
+    EXPECT_EQ("kept", response);
+}
+
+TEST(RpcTransportTest, RefusedConnectionIsTransportFailure) {
+    SilentListener listener;
+    const int port = listener.port();
+    listener.close();
+    std::string response;
+    const RpcResult result = DataCenterRpcClient::sRequest("localhost", port, "x", response, kTimeoutMs);
+    EXPECT_EQ(RpcResult::RPC_TRANSPORT_FAILED, result.status);
+    EXPECT_FALSE(result.message.empty());
+}
+
+}  // namespace

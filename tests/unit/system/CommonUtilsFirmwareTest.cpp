@@ -1,0 +1,118 @@
+// Firmware facts, country code, LAN address and partition space, answered by
+// UCI files under the test root, the sim/ stand-ins or a recording runner.
+#include <gtest/gtest.h>
+
+#include "support/RecordingRunner.h"
+#include "support/TestSupport.h"
+#include "system/CommonUtils.h"
+
+using testsupport::underRoot;
+using testsupport::writeFile;
+
+namespace {
+
+void writeFirmware(const std::string& version, const std::string& channel) {
+    writeFile(underRoot("/usr/share/halvard/halvard_version"),
+              "config version 'version'\n\toption ROM '" + version + "'\n\toption CHANNEL '" + channel + "'\n");
+}
+
+}  // namespace
+
+TEST(CommonUtilsFirmware, VersionComparisonAgainstTheRom) {
+    writeFirmware("2.4.10", "release");
+    EXPECT_EQ("2.4.10", CommonUtils::sGetRomVersion());
+    EXPECT_EQ("release", CommonUtils::sGetRomChannel());
+    EXPECT_TRUE(CommonUtils::sCheckIsLowerVersionThanCurrentRom("2.4.9"));
+    EXPECT_TRUE(CommonUtils::sCheckIsLowerVersionThanCurrentRom("2.4.10"));
+    EXPECT_TRUE(CommonUtils::sCheckIsLowerVersionThanCurrentRom("1.9.99"));
+    EXPECT_FALSE(CommonUtils::sCheckIsLowerVersionThanCurrentRom("2.5.0"));
+    EXPECT_FALSE(CommonUtils::sCheckIsLowerVersionThanCurrentRom("2.4.11"));
+    EXPECT_FALSE(CommonUtils::sCheckIsLowerVersionThanCurrentRom("3.0.0"));
+    EXPECT_FALSE(CommonUtils::sCheckIsLowerVersionThanCurrentRom("2.4"));
+    EXPECT_FALSE(CommonUtils::sCheckIsLowerVersionThanCurrentRom("2.4.9.1"));
+}
+
+TEST(CommonUtilsFirmware, NoVersionFileMeetsNoRequirement) {
+    EXPECT_EQ("", CommonUtils::sGetRomVersion());
+    EXPECT_FALSE(CommonUtils::sCheckIsLowerVersionThanCurrentRom("0.0.1"));
+}
+
+TEST(CommonUtilsFirmware, DeviceIdAndSerialNumber) {
+    writeFile(underRoot("/etc/config/messaging"), "config deviceInfo 'deviceInfo'\n\toption DEVICE_ID \"dev-77\"\n");
+    EXPECT_EQ("dev-77", CommonUtils::sGetDeviceId());
+    writeFile(underRoot("/sim/nvram/SN"), "SN0042\n");
+    EXPECT_EQ("SN0042", CommonUtils::sGetRomSN());
+    EXPECT_NE(std::string::npos, testsupport::readFile(underRoot("/tmp/sim-commands.log")).find("nvram get SN\n"));
+}
+
+TEST(CommonUtilsCountry, CacheFileWinsWithoutRunningNvram) {
+    writeFirmware("2.4.10", "release");
+    writeFile(underRoot("/tmp/commonutils.config.tmp"), "code = \"DE\";\n");
+    auto runner = testsupport::RecordingRunner::sInstall();
+    EXPECT_EQ("DE", CommonUtils::sGetCountryCode());
+    EXPECT_TRUE(runner->commands().empty());
+}
+
+TEST(CommonUtilsCountry, NonReleaseChannelFallsBackWithoutNvram) {
+    writeFirmware("2.4.10", "beta");
+    auto runner = testsupport::RecordingRunner::sInstall();
+    runner->answer("nvram", 0, "US");
+    EXPECT_EQ("CN", CommonUtils::sGetCountryCode());
+    EXPECT_FALSE(runner->ran("nvram"));
+}
+
+TEST(CommonUtilsCountry, ReleaseChannelAsksNvram) {
+    writeFirmware("2.4.10", "release");
+    auto runner = testsupport::RecordingRunner::sInstall();
+    runner->answer("nvram get CountryCode", 0, " US\r\n");
+    EXPECT_EQ("US", CommonUtils::sGetCountryCode());
+    EXPECT_EQ((std::vector<std::string>{"nvram get CountryCode"}), runner->commands());
+}
+
+TEST(CommonUtilsCountry, ReleaseChannelWithEmptyNvramFallsBack) {
+    writeFirmware("2.4.10", "release");
+    writeFile(underRoot("/tmp/commonutils.config.tmp"), "code = \"\";\n");
+    EXPECT_EQ("CN", CommonUtils::sGetCountryCode());
+    writeFile(underRoot("/sim/nvram/CountryCode"), "JP\n");
+    EXPECT_EQ("JP", CommonUtils::sGetCountryCode());
+}
+
+TEST(CommonUtilsRouter, LanAddressFromTheStatusReply) {
+    EXPECT_EQ("", CommonUtils::sGetRouterIP());  // ubus knows no such object yet
+    writeFile(underRoot("/sim/ubus/network.interface.lan.status"),
+              "{\n  \"up\": true,\n  \"ipv4-address\": [\n    { \"address\": \"192.168.31.1\", \"mask\": 24 },\n"
+              "    { \"address\": \"10.0.0.1\", \"mask\": 8 }\n  ]\n}\n");
+    EXPECT_EQ("10.0.0.1", CommonUtils::sGetRouterIP());
+    writeFile(underRoot("/sim/ubus/network.interface.lan.status"), "{ \"ipv4-address\": [] }");
+    EXPECT_EQ("", CommonUtils::sGetRouterIP());
+    writeFile(underRoot("/sim/ubus/network.interface.lan.status"), "not json");
+    EXPECT_EQ("", CommonUtils::sGetRouterIP());
+    EXPECT_NE(
+        std::string::npos,
+        testsupport::readFile(underRoot("/tmp/sim-commands.log")).find("ubus call network.interface.lan status\n"));
+}
+
+TEST(CommonUtilsPartition, SpaceFromTheMatchingDfLine) {
+    auto runner = testsupport::RecordingRunner::sInstall();
+    runner->answer("df | grep /userdisk", 0,
+                   "/dev/sda1   1000  200   700  23% /userdisk/appdata\n"
+                   "/dev/sda2   2000  300   1500 17% /userdisk\n");
+    unsigned long long total = 1;
+    unsigned long long available = 1;
+    CommonUtils::sGetPartitionSpaceInfo("/userdisk", total, available);
+    EXPECT_EQ(2000ULL * 1024, total);
+    EXPECT_EQ(1500ULL * 1024, available);
+    EXPECT_EQ((std::vector<std::string>{"df | grep /userdisk"}), runner->commands());
+
+    CommonUtils::sGetPartitionSpaceInfo("/userdisk/data", total, available);
+    EXPECT_EQ(0ULL, total);
+    EXPECT_EQ(0ULL, available);
+}
+
+TEST(CommonUtilsPartition, RealDfReportsTheRootFileSystem) {
+    unsigned long long total = 0;
+    unsigned long long available = 0;
+    CommonUtils::sGetPartitionSpaceInfo("/", total, available);
+    EXPECT_GT(total, 0ULL);
+    EXPECT_LE(available, total);
+}
