@@ -49,9 +49,13 @@ void stopProcess(const std::string& piece, int pid) {
 
 }  // namespace
 
-ApiErrorCode exitcode2Apicode(int exitCode) { return exitCode == 0 ? API_SUCCESS : API_GENERAL_FAILURE; }
+ApiErrorCode exitcode2Apicode(int exitCode) {
+    return exitCode == 0 ? API_SUCCESS : API_GENERAL_FAILURE;
+}
 
-ApiErrorCode Exitcode2Apicode(int exitCode) { return exitcode2Apicode(exitCode); }
+ApiErrorCode Exitcode2Apicode(int exitCode) {
+    return exitcode2Apicode(exitCode);
+}
 
 ApiErrorCode callSystem(const std::string& cmd, ApiErrorCode (*convert)(int)) {
     LOG(INFO) << "callSystem cmd: " << cmd;
@@ -80,9 +84,13 @@ bool AbsPlugin::setPluginConfigData(const std::string&, const std::string&, cons
     return false;
 }
 
-bool AbsPlugin::removePluginData() const { return false; }
+bool AbsPlugin::removePluginData() const {
+    return false;
+}
 
-ApiErrorCode AbsPlugin::enableImpl() const { return enablePluginStatus(); }
+ApiErrorCode AbsPlugin::enableImpl() const {
+    return enablePluginStatus();
+}
 
 ApiErrorCode AbsPlugin::disableImpl() const {
     LOG(INFO) << "AbsPlugin::disableImpl ";
@@ -192,4 +200,6 @@ ApiErrorCode DisableStatus::accept_impl(const std::unique_ptr<AbsPlugin>& plugin
     return plugin->disableImpl();
 }
 
-ApiErrorCode InvalidActionStatus::accept_impl(const std::unique_ptr<AbsPlugin>&) const { return API_INVALID_STATUS; }
+ApiErrorCode InvalidActionStatus::accept_impl(const std::unique_ptr<AbsPlugin>&) const {
+    return API_INVALID_STATUS;
+}

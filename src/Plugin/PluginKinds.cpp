@@ -19,7 +19,9 @@ namespace {
 const char* const kHomepageKey = "homepage";
 const char* const kAccessDurationKey = "internet_access_duration";
 
-ApiErrorCode exitCodeAsIs(int exitCode) { return exitCode; }
+ApiErrorCode exitCodeAsIs(int exitCode) {
+    return exitCode;
+}
 
 // The preload caches keep their data outside the plugin directory.
 bool removePreloadPluginData() {
@@ -36,7 +38,9 @@ std::string manifestStorePath(const std::string& id) {
     return PluginStorageManager::sGetManifestRootPath() + id + "." + "manifest";
 }
 
-std::string lumoappManifest() { return PluginManager::sGetPluginManifestPath(LumoappPlugin::Id()); }
+std::string lumoappManifest() {
+    return PluginManager::sGetPluginManifestPath(LumoappPlugin::Id());
+}
 
 std::string trimmed(const std::string& text) {
     const char* const space = " \t\n\v\f\r";
@@ -49,35 +53,57 @@ std::string trimmed(const std::string& text) {
 
 }  // namespace
 
-std::string SambaEnableCmd() { return "/etc/init.d/samba start_impl"; }
-std::string SambaDisableCmd() { return "/etc/init.d/samba stop"; }
-std::string LumoAppEnableCmd() { return "/etc/init.d/lumoapp start_impl"; }
-std::string LumoAppDisableCmd() { return "/etc/init.d/lumoapp stop"; }
+std::string SambaEnableCmd() {
+    return "/etc/init.d/samba start_impl";
+}
+std::string SambaDisableCmd() {
+    return "/etc/init.d/samba stop";
+}
+std::string LumoAppEnableCmd() {
+    return "/etc/init.d/lumoapp start_impl";
+}
+std::string LumoAppDisableCmd() {
+    return "/etc/init.d/lumoapp stop";
+}
 
 bool is_valid_duration(const std::string& value) {
     static const std::vector<std::string> durations = {"0", "120"};
     return std::binary_search(durations.begin(), durations.end(), value);
 }
 
-std::string TGPPlugin::Id() { return "5017400000000000009"; }
+std::string TGPPlugin::Id() {
+    return "5017400000000000009";
+}
 
 SougouPreloadPlugin::SougouPreloadPlugin(PluginManager* manager, const std::string& id)
     : BuildinPlugin(manager, id, "/etc/init.d/cachecenter sougou_on", "/etc/init.d/cachecenter sougou_off") {}
-std::string SougouPreloadPlugin::Id() { return "5017400000000000003"; }
-bool SougouPreloadPlugin::removePluginData() const { return removePreloadPluginData(); }
+std::string SougouPreloadPlugin::Id() {
+    return "5017400000000000003";
+}
+bool SougouPreloadPlugin::removePluginData() const {
+    return removePreloadPluginData();
+}
 
 BaiduPreloadPlugin::BaiduPreloadPlugin(PluginManager* manager, const std::string& id)
     : BuildinPlugin(manager, id, "/etc/init.d/cachecenter baidu_on", "/etc/init.d/cachecenter baidu_off") {}
-std::string BaiduPreloadPlugin::Id() { return "5017400000000000004"; }
-bool BaiduPreloadPlugin::removePluginData() const { return removePreloadPluginData(); }
+std::string BaiduPreloadPlugin::Id() {
+    return "5017400000000000004";
+}
+bool BaiduPreloadPlugin::removePluginData() const {
+    return removePreloadPluginData();
+}
 
 AdBlockerPlugin::AdBlockerPlugin(PluginManager* manager, const std::string& id)
     : BuildinPlugin(manager, id, "/etc/init.d/ad_filter on", "/etc/init.d/ad_filter off") {}
-std::string AdBlockerPlugin::Id() { return "5017400000000000006"; }
+std::string AdBlockerPlugin::Id() {
+    return "5017400000000000006";
+}
 
 WelcomePlugin::WelcomePlugin(PluginManager* manager, const std::string& id)
     : BuildinPlugin(manager, id, "lua /usr/sbin/portalfilter -c on", "lua /usr/sbin/portalfilter -c off") {}
-std::string WelcomePlugin::Id() { return "5017400000000000005"; }
+std::string WelcomePlugin::Id() {
+    return "5017400000000000005";
+}
 
 ApiErrorCode WelcomePlugin::enableHook() const {
     if (!manager()) {
@@ -105,7 +131,9 @@ bool WelcomePlugin::setPluginConfigData(const std::string&, const std::string& k
 
 SambaPlugin::SambaPlugin(PluginManager* manager, const std::string& id)
     : BuildinPlugin(manager, id, SambaEnableCmd(), SambaDisableCmd()) {}
-std::string SambaPlugin::Id() { return "5017400000000000007"; }
+std::string SambaPlugin::Id() {
+    return "5017400000000000007";
+}
 
 ApiErrorCode SambaPlugin::disableImpl() const {
     if (datacenter::File::sExists(manifestStorePath(LumoappPlugin::Id()))) {
@@ -123,7 +151,9 @@ ApiErrorCode SambaPlugin::disableImpl() const {
 MinidlnaPlugin::MinidlnaPlugin(PluginManager* manager, const std::string& id)
     : BuildinPlugin(manager, id, "/etc/init.d/minidlna start_impl", "/etc/init.d/minidlna stop"),
       configPath_(datacenter::RootPrefix::sPath("/tmp/minidlna.conf")) {}
-std::string MinidlnaPlugin::Id() { return "5017400000000000008"; }
+std::string MinidlnaPlugin::Id() {
+    return "5017400000000000008";
+}
 
 ApiErrorCode MinidlnaPlugin::disableHook() const {
     const ApiErrorCode result = BuildinPlugin::disableHook();
@@ -151,12 +181,24 @@ std::string MinidlnaPlugin::getDbPath() const {
 
 LumoappPlugin::LumoappPlugin(PluginManager* manager, const std::string& id)
     : BuildinPlugin(manager, id, LumoAppEnableCmd(), LumoAppDisableCmd()) {}
-std::string LumoappPlugin::Id() { return "5017400000000000010"; }
-std::string LumoappPlugin::userDisableKey() { return "userDisable"; }
-std::string LumoappPlugin::userDisableTrueValue() { return "true"; }
-std::string LumoappPlugin::userDisableFalseValue() { return "false"; }
-std::string LumoappPlugin::firstConnectkey() { return "Firstconnectkey"; }
-std::string LumoappPlugin::firstConnectValue() { return "FirstconnectValue"; }
+std::string LumoappPlugin::Id() {
+    return "5017400000000000010";
+}
+std::string LumoappPlugin::userDisableKey() {
+    return "userDisable";
+}
+std::string LumoappPlugin::userDisableTrueValue() {
+    return "true";
+}
+std::string LumoappPlugin::userDisableFalseValue() {
+    return "false";
+}
+std::string LumoappPlugin::firstConnectkey() {
+    return "Firstconnectkey";
+}
+std::string LumoappPlugin::firstConnectValue() {
+    return "FirstconnectValue";
+}
 
 ApiErrorCode LumoappPlugin::disableImpl() const {
     LOG(INFO) << "AbsPlugin::disableImpl ";

@@ -83,7 +83,9 @@ void PluginManager::registerPluginKinds() {
     registerKind<LumoappPlugin>(pluginFactory_, "register LumoappPlugin::Id()");
 }
 
-std::string PluginManager::sGetPluginRootPath() { return datacenter::planformetPluginRootPath(); }
+std::string PluginManager::sGetPluginRootPath() {
+    return datacenter::planformetPluginRootPath();
+}
 
 std::string PluginManager::sGetPluginDataPath(const std::string& id) {
     return id.empty() ? std::string() : sGetPluginRootPath() + id + "/";
@@ -97,7 +99,9 @@ std::string PluginManager::sGetQpkLocalPath(const std::string& id) {
     return sGetPluginDataPath(id) + sDownloadQpkLocalName;
 }
 
-std::string PluginManager::sGetPluginPidConfig() { return sGetPluginRootPath() + sPluginPidConfigFile; }
+std::string PluginManager::sGetPluginPidConfig() {
+    return sGetPluginRootPath() + sPluginPidConfigFile;
+}
 
 std::string PluginManager::getConfigFilePath(const std::string& id) const {
     return sGetPluginDataPath(id) + sPluginConfigFileDirectory + sPluginConfigFileName;

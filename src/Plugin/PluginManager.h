@@ -18,10 +18,9 @@
 
 class PluginManager {
 public:
-    typedef zkfactory::FactoryWithDefaultCreate<AbsPlugin, std::string,
-                                                AbsPlugin* (*)(PluginManager*, const std::string&),
-                                                &zkfactory::create<AbsPlugin, BinaryPlugin, PluginManager*,
-                                                                   const std::string&>>
+    typedef zkfactory::FactoryWithDefaultCreate<
+        AbsPlugin, std::string, AbsPlugin* (*)(PluginManager*, const std::string&),
+        &zkfactory::create<AbsPlugin, BinaryPlugin, PluginManager*, const std::string&>>
         PluginFactory;
     typedef AbsChangeStatus* (*StatusCreator)();
 

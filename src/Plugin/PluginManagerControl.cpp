@@ -17,7 +17,9 @@ namespace {
 
 const int kControlTimeoutMs = 5000;
 
-int makeAccessible(const std::string& path) { return chmod(path.c_str(), 0777); }
+int makeAccessible(const std::string& path) {
+    return chmod(path.c_str(), 0777);
+}
 
 // Runs the accessor, turning what it throws into the configuration-data codes.
 ApiErrorCode runAccessor(void (*fn)(const std::string&, const std::string&, std::string&), const std::string& path,

@@ -8,7 +8,9 @@ namespace {
 const char* const kDownloadServicePluginId = "5017400000000000002";
 }
 
-void PluginManagerExtend::sInitExtend() { tryUnbindXunleiAfterReset(); }
+void PluginManagerExtend::sInitExtend() {
+    tryUnbindXunleiAfterReset();
+}
 
 void PluginManagerExtend::sProcessFakePluginsWhenInstall(const std::string& id) {
     if (id == kDownloadServicePluginId) {

@@ -11,6 +11,7 @@
 #include <mutex>
 #include <thread>
 
+#include "DataBase/PluginStorageManager.h"
 #include "Plugin/PluginManager.h"
 #include "common/Singleton.h"
 #include "support/TestSupport.h"
@@ -66,8 +67,8 @@ TEST(PluginProcesses, StopSendsTermThenKillToThoseThatIgnoreIt) {
     Victim stubborn(true);
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     PluginManager* manager = Singleton<PluginManager>::instance();
-    for (const std::string& entry : {std::to_string(polite.pid()), std::string(), std::string("abc"),
-                                     std::to_string(stubborn.pid())}) {
+    for (const std::string& entry :
+         {std::to_string(polite.pid()), std::string(), std::string("abc"), std::to_string(stubborn.pid())}) {
         PluginManager::sSetPluginPort("p", entry, datacenter::PID);
     }
     std::unique_ptr<AbsPlugin> plugin(manager->createPlugin("p"));

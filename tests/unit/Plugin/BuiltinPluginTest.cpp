@@ -1,11 +1,11 @@
 #include <gtest/gtest.h>
 
 #include "Plugin/PluginManager.h"
-#include "Plugin/PluginTestSupport.h"
 #include "common/Singleton.h"
 #include "storage/File.h"
 #include "support/RecordingRunner.h"
 #include "support/TestSupport.h"
+#include "unit/Plugin/PluginTestSupport.h"
 
 using testsupport::putPlugin;
 using testsupport::RecordingRunner;
@@ -29,8 +29,8 @@ void setTvSetting(const std::string& key, const std::string& value) {
 
 TEST(TvApp, NeedsFileSharingAndDisablingFileSharingDisablesItFirst) {
     const auto runner = RecordingRunner::sInstall();
-    putPlugin(kTv, datacenter::DISABLED);
     PluginManager* manager = Singleton<PluginManager>::instance();
+    putPlugin(kTv, datacenter::DISABLED);
     EXPECT_EQ(API_TVAPP_NEEDS_SAMBA, manager->changePluginStatus(kTv, datacenter::ENABLED));
     EXPECT_TRUE(runner->commands().empty());
 
@@ -55,7 +55,8 @@ TEST(TvApp, AFailingTvStopKeepsFileSharingOn) {
     runner->answer("/etc/init.d/lumoapp stop", 1);
     putPlugin(kTv, datacenter::ENABLED);
     putPlugin(kSamba, datacenter::ENABLED);
-    EXPECT_EQ(API_GENERAL_FAILURE, Singleton<PluginManager>::instance()->changePluginStatus(kSamba, datacenter::DISABLED));
+    EXPECT_EQ(API_GENERAL_FAILURE,
+              Singleton<PluginManager>::instance()->changePluginStatus(kSamba, datacenter::DISABLED));
     EXPECT_FALSE(runner->ran("/etc/init.d/samba stop"));
     EXPECT_EQ(datacenter::ENABLED, storedStatus(kSamba));
 }
@@ -88,15 +89,16 @@ TEST(TvAppFirstConnect, UserDisabledAppStaysOffOtherwiseItIsSwitchedOn) {
     setTvSetting("Firstconnectkey", "");
     EXPECT_EQ(API_SUCCESS, manager->enableLumoapp());
     EXPECT_EQ(datacenter::ENABLED, storedStatus(kTv));
-    EXPECT_EQ((std::vector<std::string>{"/etc/init.d/samba start_impl", "/etc/init.d/lumoapp start_impl",
-                                        "pushClient {\"type\":31} \"\" \"\" 1", "pushClient {\"type\":32} \"\" \"\" 1"}),
-              runner->commands());
+    EXPECT_EQ(
+        (std::vector<std::string>{"/etc/init.d/samba start_impl", "/etc/init.d/lumoapp start_impl",
+                                  "pushClient {\"type\":31} \"\" \"\" 1", "pushClient {\"type\":32} \"\" \"\" 1"}),
+        runner->commands());
 }
 
 TEST(WelcomePage, NeedsAHomepageAndAppliesOnlyValidDurations) {
     const auto runner = RecordingRunner::sInstall();
-    putPlugin(kWelcome, datacenter::NOT_INSTALLED);
     PluginManager* manager = Singleton<PluginManager>::instance();
+    putPlugin(kWelcome, datacenter::NOT_INSTALLED);
     EXPECT_EQ(API_WELCOME_NO_HOMEPAGE, manager->changePluginStatus(kWelcome, datacenter::ENABLED));
     EXPECT_EQ(datacenter::DISABLED, storedStatus(kWelcome));
     EXPECT_TRUE(runner->commands().empty());

@@ -36,8 +36,12 @@ int closedPort() {
     return ntohs(address.sin_port);
 }
 
-void throwStd(const std::string&, const std::string&, std::string&) { throw std::runtime_error("bad"); }
-void throwOther(const std::string&, const std::string&, std::string&) { throw 42; }
+void throwStd(const std::string&, const std::string&, std::string&) {
+    throw std::runtime_error("bad");
+}
+void throwOther(const std::string&, const std::string&, std::string&) {
+    throw 42;
+}
 
 }  // namespace
 

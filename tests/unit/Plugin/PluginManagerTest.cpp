@@ -1,13 +1,12 @@
-#include "Plugin/PluginManager.h"
-
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "Plugin/PluginTestSupport.h"
+#include "Plugin/PluginManager.h"
 #include "common/Singleton.h"
 #include "support/RecordingRunner.h"
 #include "support/TestSupport.h"
 #include "system/ConfigInfo.h"
+#include "unit/Plugin/PluginTestSupport.h"
 
 using datacenter::ConfigInfo;
 using testsupport::putPlugin;
@@ -17,7 +16,9 @@ namespace {
 
 const std::string kSamba = "5017400000000000007";
 
-std::string appdata() { return testsupport::underRoot("/userdisk/appdata/"); }
+std::string appdata() {
+    return testsupport::underRoot("/userdisk/appdata/");
+}
 
 }  // namespace
 
@@ -42,8 +43,7 @@ TEST(PluginManagerConstruction, CreatesPidFileAndStoreAndPublishesInstalledIds) 
     struct stat st;
     ASSERT_EQ(0, stat(PluginManager::sGetPluginPidConfig().c_str(), &st));
     EXPECT_EQ(0777u, st.st_mode & 0777);
-    EXPECT_EQ((std::vector<std::string>{"matool --method setKV --params plugin_id_list id1,id2"}),
-              runner->commands());
+    EXPECT_EQ((std::vector<std::string>{"matool --method setKV --params plugin_id_list id1,id2"}), runner->commands());
 
     // A second manager in a later process finds the pid file and keeps its entries.
     PluginManager::sSetPluginPort("id1", "77", datacenter::PID);

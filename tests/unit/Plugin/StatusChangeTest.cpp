@@ -7,9 +7,9 @@
 #include <thread>
 
 #include "Plugin/PluginManager.h"
-#include "Plugin/PluginTestSupport.h"
 #include "common/Singleton.h"
 #include "support/RecordingRunner.h"
+#include "unit/Plugin/PluginTestSupport.h"
 
 using testsupport::putPlugin;
 using testsupport::RecordingRunner;
@@ -48,8 +48,8 @@ private:
 
 TEST(StatusChange, EnableAndDisableRunTheControllerAndStoreTheStatus) {
     const auto runner = RecordingRunner::sInstall();
-    putPlugin("501", datacenter::DISABLED);
     PluginManager* manager = Singleton<PluginManager>::instance();
+    putPlugin("501", datacenter::DISABLED);
     PluginManager::sSetPluginPort("501", "999999", datacenter::PID);
 
     EXPECT_EQ(API_SUCCESS, manager->changePluginStatus("501", datacenter::ENABLED));
@@ -66,9 +66,9 @@ TEST(StatusChange, EnableAndDisableRunTheControllerAndStoreTheStatus) {
 
 TEST(StatusChange, NoChangeInvalidStatusAndMissingManifestRunNothing) {
     const auto runner = RecordingRunner::sInstall();
+    PluginManager* manager = Singleton<PluginManager>::instance();
     putPlugin("502", datacenter::DISABLED);
     putPlugin("503", datacenter::ENABLED);
-    PluginManager* manager = Singleton<PluginManager>::instance();
     EXPECT_EQ(API_SUCCESS, manager->changePluginStatus("502", datacenter::DISABLED));
     EXPECT_EQ(API_INVALID_STATUS, manager->changePluginStatus("503", static_cast<datacenter::PluginStatus>(7)));
     EXPECT_EQ(API_NO_MANIFEST, manager->changePluginStatus("nothing", datacenter::ENABLED));
@@ -78,11 +78,11 @@ TEST(StatusChange, NoChangeInvalidStatusAndMissingManifestRunNothing) {
 
 TEST(StatusChange, AFailingHookKeepsTheStoredStatus) {
     const auto runner = RecordingRunner::sInstall();
+    PluginManager* manager = Singleton<PluginManager>::instance();
     runner->answer("pluginControllor -b", 1);
     runner->answer("pluginControllor -k", 2);
     putPlugin("504", datacenter::DISABLED);
     putPlugin("505", datacenter::ENABLED);
-    PluginManager* manager = Singleton<PluginManager>::instance();
     EXPECT_EQ(API_GENERAL_FAILURE, manager->changePluginStatus("504", datacenter::ENABLED));
     EXPECT_EQ(datacenter::DISABLED, storedStatus("504"));
     EXPECT_EQ(API_GENERAL_FAILURE, manager->changePluginStatus("505", datacenter::DISABLED));
@@ -91,10 +91,10 @@ TEST(StatusChange, AFailingHookKeepsTheStoredStatus) {
 
 TEST(StatusChange, ChangesNeverInterleaveAndAMissingManifestDoesNotWait) {
     auto runner = std::make_shared<SlowRunner>();
+    PluginManager* manager = Singleton<PluginManager>::instance();
     datacenter::CommandRunner::sInstall(runner);
     putPlugin("601", datacenter::DISABLED);
     putPlugin("602", datacenter::DISABLED);
-    PluginManager* manager = Singleton<PluginManager>::instance();
 
     boost::thread first([manager] { manager->changePluginStatus("601", datacenter::ENABLED); });
     boost::thread second([manager] { manager->changePluginStatus("602", datacenter::ENABLED); });
