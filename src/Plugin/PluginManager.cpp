@@ -1,12 +1,236 @@
 #include "Plugin/PluginManager.h"
 
 #include <glog/logging.h>
+#include <sys/stat.h>
+#include <uuid/uuid.h>
 
+#include <cstdio>
+#include <libconfig.h++>
+
+#include "DataBase/PluginStorageManager.h"
+#include "Plugin/GlobalLinkPlugin.h"
+#include "Plugin/OrbisStorePlugin.h"
+#include "Plugin/PluginManagerExtend.h"
+#include "common/Singleton.h"
+#include "storage/Directory.h"
 #include "storage/File.h"
+#include "system/CommonUtils.h"
+#include "system/ConfigInfo.h"
+#include "system/LibconfigFile.h"
+#include "system/RootPrefix.h"
 
-PluginManager::PluginManager() = default;
+using datacenter::ConfigInfo;
+
+const std::string PluginManager::sManifestFileName = "/etc/manifest";
+const std::string PluginManager::sDownloadQpkLocalName = "korvia.qpk";
+const std::string PluginManager::sVerifiedQpkLocalName = "verified_korvia.qpk";
+const std::string PluginManager::sPluginConfigFileDirectory = "/etc/";
+const std::string PluginManager::sPluginConfigFileName = "plugin_config";
+const std::string PluginManager::sChrootRunScriptPath = "chroot_run_script.sh";
+const std::string PluginManager::sUnmountChrootPath = "chroot_umout.sh";
+const std::string PluginManager::sConfigKeyPrefix = "key";
+const std::string PluginManager::sSdkLevelFilePath = "/usr/share/datacenter/sdk_level";
+const std::string PluginManager::sPluginPidConfigFile = "/plugin_id_info.cfg";
+const std::string PluginManager::sDeveloperSSHRoot = "/userdisk/debug_app/";
+const std::string PluginManager::sDeveloperSSHPluginId = "developerSSHPluginIdKey";
+const std::string PluginManager::sDeveloperSSHInfoManifest = "/urlinstall.qpk";
+const std::string PluginManager::sUrlInstallTmpPath = "";
+
+namespace {
+
+template <class Kind>
+void registerKind(PluginManager::PluginFactory& factory, const char* logText) {
+    LOG(INFO) << logText << Kind::Id();
+    factory.registerCreator(Kind::Id(), &zkfactory::create<AbsPlugin, Kind, PluginManager*, const std::string&>);
+}
+
+void createEmptyFile(const std::string& path) {
+    if (FILE* file = fopen(path.c_str(), "a")) {
+        fclose(file);
+    }
+    chmod(path.c_str(), 0777);
+}
+
+}  // namespace
+
+PluginManager::PluginManager() {
+    const std::string manifestRoot = PluginStorageManager::sGetManifestRootPath();
+    if (!datacenter::Directory::sIsDirectory(manifestRoot)) {
+        datacenter::Directory::sCreateDirectory(manifestRoot);
+    }
+    if (!datacenter::File::sExists(sGetPluginPidConfig())) {
+        createEmptyFile(sGetPluginPidConfig());
+    }
+    registerPluginKinds();
+    statusFactory_[datacenter::ENABLED] = &zkfactory::create<AbsChangeStatus, EnableStatus>;
+    statusFactory_[datacenter::DISABLED] = &zkfactory::create<AbsChangeStatus, DisableStatus>;
+    undeletableIds_.insert(SambaPlugin::Id());
+    undeletableIds_.insert(MinidlnaPlugin::Id());
+    undeletableIds_.insert(LumoappPlugin::Id());
+    datacenter::PluginManagerExtend::sInitExtend();
+    updatePluginListToServer();
+}
 
 PluginManager::~PluginManager() = default;
+
+void PluginManager::registerPluginKinds() {
+    registerKind<SougouPreloadPlugin>(pluginFactory_, "register SougouPreloadPlugin::Id()");
+    registerKind<BaiduPreloadPlugin>(pluginFactory_, "register BaiduPreloadPlugin::Id()");
+    registerKind<WelcomePlugin>(pluginFactory_, "register WelcomePlugin::Id()");
+    registerKind<AdBlockerPlugin>(pluginFactory_, "register AdBlockerPlugin::Id()");
+    registerKind<SambaPlugin>(pluginFactory_, "register SambaPlugin::Id()");
+    registerKind<MinidlnaPlugin>(pluginFactory_, "register MinidlnaPlugin::Id()");
+    registerKind<LumoappPlugin>(pluginFactory_, "register LumoappPlugin::Id()");
+}
+
+std::string PluginManager::sGetPluginRootPath() {
+    return datacenter::planformetPluginRootPath();
+}
+
+std::string PluginManager::sGetPluginDataPath(const std::string& id) {
+    return id.empty() ? std::string() : sGetPluginRootPath() + id + "/";
+}
+
+std::string PluginManager::sGetPluginManifestPath(const std::string& id) {
+    return sGetPluginDataPath(id) + sManifestFileName;
+}
+
+std::string PluginManager::sGetQpkLocalPath(const std::string& id) {
+    return sGetPluginDataPath(id) + sDownloadQpkLocalName;
+}
+
+std::string PluginManager::sGetPluginPidConfig() {
+    return sGetPluginRootPath() + sPluginPidConfigFile;
+}
+
+std::string PluginManager::getConfigFilePath(const std::string& id) const {
+    return sGetPluginDataPath(id) + sPluginConfigFileDirectory + sPluginConfigFileName;
+}
+
+ApiErrorCode PluginManager::getPluginStatus(const std::string& id, datacenter::PluginStatus& status) {
+    const datacenter::PluginInfo info = Singleton<PluginStorageManager>::instance()->getPluginInfoById(id);
+    if (info.id.empty()) {
+        return API_NO_SUCH_PLUGIN;
+    }
+    status = info.status;
+    return API_SUCCESS;
+}
+
+ApiErrorCode PluginManager::getPluginById(datacenter::PluginInfo& info, std::string id) {
+    if (id.empty()) {
+        LOG(ERROR) << "PluginManager getPluginById ID is EMPTY!!";
+        return API_EMPTY_ARGUMENT;
+    }
+    info = Singleton<PluginStorageManager>::instance()->getPluginInfoById(id);
+    return API_SUCCESS;
+}
+
+ApiErrorCode PluginManager::updatePluginUseStatus(const std::string& id, datacenter::PluginUseStatus useStatus) {
+    return Singleton<PluginStorageManager>::instance()->updateUseStatusToStorage(id, useStatus)
+               ? API_SUCCESS
+               : API_STORE_STATUS_FAILED;
+}
+
+ApiErrorCode PluginManager::sSetPluginPort(const std::string& id, const std::string& value,
+                                           datacenter::PluginSetValueType type) {
+    ConfigInfo* config = ConfigInfo::sGetInstance();
+    if (type == datacenter::PORT) {
+        config->setConfig(getPortKeyPrefix() + id, value);
+    } else if (type == datacenter::PID) {
+        const std::string key = getPidKeyPrefix() + id;
+        std::string pids = config->getConfigFromFile(sGetPluginPidConfig(), key);
+        if (!pids.empty()) {
+            pids += ";";
+        }
+        config->setConfigToFile(sGetPluginPidConfig(), key, pids + value);
+    }
+    return API_SUCCESS;
+}
+
+ApiErrorCode PluginManager::setPluginPort(const std::string& id, const std::string& value,
+                                          datacenter::PluginSetValueType type) {
+    return sSetPluginPort(id, value, type);
+}
+
+void PluginManager::resetPluginPids(const std::string& id) {
+    // Stale ids must not survive a stop or a fresh start: the kernel reuses
+    // them, and a later stop would signal an unrelated process.
+    ConfigInfo::sGetInstance()->setConfigToFile(sGetPluginPidConfig(), getPidKeyPrefix() + id, "");
+}
+
+ApiErrorCode PluginManager::killAllPlugin() {
+    LOG(INFO) << "killAllPlugin";
+    CommonUtils::sCallSystem("plugin_stop_impl_KV01.sh");
+    return API_SUCCESS;
+}
+
+std::string PluginManager::sNewSdkToken() {
+    uuid_t uuid;
+    uuid_generate(uuid);
+    char text[33];
+    for (int i = 0; i < 16; ++i) {
+        snprintf(text + 2 * i, 3, "%02X", uuid[i]);
+    }
+    return std::string(text, 32);
+}
+
+ApiErrorCode PluginManager::generatePluginSSHManifest(std::string id, const std::vector<std::string>& capabilities) {
+    ConfigInfo::sGetInstance()->setConfig(sDeveloperSSHPluginId, id);
+    const std::string developerRoot = datacenter::RootPrefix::sPath(sDeveloperSSHRoot);
+    const std::string manifest = developerRoot + "etc/manifest";
+    try {
+        libconfig::Config document;
+        libconfig::Setting& root = document.getRoot();
+        root.add("plugin_id", libconfig::Setting::TypeString) = id;
+        root.add(PluginStorageManager::sManifestSdkTokenKey, libconfig::Setting::TypeString) = sNewSdkToken();
+        libconfig::Setting& list = root.add("capability_list", libconfig::Setting::TypeArray);
+        for (const std::string& capability : capabilities) {
+            list.add(libconfig::Setting::TypeString) = capability;
+        }
+        datacenter::Directory::sCreateDirectory(developerRoot + "etc");
+        datacenter::LibconfigFile::sWrite(document, manifest);
+    } catch (const std::exception& e) {
+        LOG(ERROR) << "generatePluginSSHManifest save config file error: " << e.what();
+    }
+    datacenter::File::sRawCopyFile(manifest, sGetPluginRootPath() + sDeveloperSSHInfoManifest);
+    return API_SUCCESS;
+}
+
+ApiErrorCode PluginManager::getPluginList(std::vector<datacenter::PluginInfo>& out) {
+    out.clear();
+    const std::map<std::string, datacenter::PluginInfo> infos =
+        Singleton<PluginStorageManager>::instance()->getPluginInfos();
+    LOG(WARNING) << "getPluginList DB count is " << infos.size();
+    for (const auto& entry : infos) {
+        out.push_back(entry.second);
+    }
+    return API_SUCCESS;
+}
+
+void PluginManager::updatePluginListToServer() {
+    std::vector<datacenter::PluginInfo> plugins;
+    getPluginList(plugins);
+    if (plugins.empty()) {
+        return;
+    }
+    std::string ids;
+    for (const datacenter::PluginInfo& plugin : plugins) {
+        ids += (ids.empty() ? "" : ",") + plugin.id;
+    }
+    std::string output;
+    CommonUtils::sCallSystem("matool --method setKV --params plugin_id_list " + ids, output);
+}
+
+boost::shared_ptr<PluginItemBase> PluginManager::getItem(ApiPluginCode code) {
+    switch (code) {
+        case API_PLUGIN_ORBIS_STORE:
+            return boost::shared_ptr<PluginItemBase>(new OrbisStorePlugin());
+        case API_PLUGIN_GLOBAL_LINK:
+            return boost::shared_ptr<PluginItemBase>(new GlobalLinkPlugin());
+        default:
+            return boost::shared_ptr<PluginItemBase>();
+    }
+}
 
 ApiErrorCode PluginManager::installFromLocal(const std::string& path, bool keepPackage) {
     LOG(INFO) << "installFromLocal path:" << path << " keepPackage:" << keepPackage;

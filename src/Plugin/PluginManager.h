@@ -1,17 +1,123 @@
 #pragma once
 // The one central object of the plugin core, reached through
-// Singleton<PluginManager>::instance().
+// Singleton<PluginManager>::instance(): every operation on installed plugins
+// passes through it. Shared state lives in files (manifests, the pid file,
+// configuration files), so several processes can run a manager at once.
+#include <boost/shared_ptr.hpp>
+#include <boost/thread/mutex.hpp>
+#include <map>
+#include <set>
 #include <string>
+#include <vector>
 
+#include "Plugin/Plugin.h"
+#include "Plugin/PluginItemBase.h"
+#include "Plugin/zkfactory.h"
 #include "common/ApiErrorCode.h"
+#include "common/PluginInfo.h"
 
 class PluginManager {
 public:
+    typedef zkfactory::FactoryWithDefaultCreate<
+        AbsPlugin, std::string, AbsPlugin* (*)(PluginManager*, const std::string&),
+        &zkfactory::create<AbsPlugin, BinaryPlugin, PluginManager*, const std::string&>>
+        PluginFactory;
+    typedef AbsChangeStatus* (*StatusCreator)();
+
+    static const std::string sManifestFileName;
+    static const std::string sDownloadQpkLocalName;
+    static const std::string sVerifiedQpkLocalName;
+    static const std::string sPluginConfigFileDirectory;
+    static const std::string sPluginConfigFileName;
+    static const std::string sChrootRunScriptPath;
+    static const std::string sUnmountChrootPath;
+    static const std::string sConfigKeyPrefix;
+    static const std::string sSdkLevelFilePath;
+    static const std::string sPluginPidConfigFile;
+    static const std::string sDeveloperSSHRoot;
+    static const std::string sDeveloperSSHPluginId;
+    static const std::string sDeveloperSSHInfoManifest;
+    static const std::string sUrlInstallTmpPath;
+
     PluginManager();
     virtual ~PluginManager();
+    PluginManager(const PluginManager&) = delete;
+    PluginManager& operator=(const PluginManager&) = delete;
 
+    // ---- Paths (composed as written, never normalised) --------------------
+    static std::string sGetPluginRootPath();
+    // "" for an empty id, else plugin root + id + "/".
+    static std::string sGetPluginDataPath(const std::string& id);
+    static std::string sGetPluginManifestPath(const std::string& id);
+    static std::string sGetQpkLocalPath(const std::string& id);
+    static std::string sGetPluginPidConfig();
+    std::string getConfigFilePath(const std::string& id) const;
+    static std::string getPortKeyPrefix() { return "port_of_"; }
+    static std::string getPidKeyPrefix() { return "pid_of_"; }
+
+    // ---- Queries and bookkeeping ------------------------------------------
+    // 2512 for an unknown plugin (status untouched), else 0.
+    ApiErrorCode getPluginStatus(const std::string& id, datacenter::PluginStatus& status);
+    // 2 for an empty id; else 0 with the record (empty for an unknown plugin).
+    ApiErrorCode getPluginById(datacenter::PluginInfo& info, std::string id);
+    // 0, or 2510 when the manifest store refuses.
+    ApiErrorCode updatePluginUseStatus(const std::string& id, datacenter::PluginUseStatus useStatus);
+    // PORT replaces the plugin's port, PID appends to its ";"-separated pid list. Always 0.
+    static ApiErrorCode sSetPluginPort(const std::string& id, const std::string& value,
+                                       datacenter::PluginSetValueType type);
+    ApiErrorCode setPluginPort(const std::string& id, const std::string& value, datacenter::PluginSetValueType type);
+    // Forgets every process id recorded for the plugin.
+    void resetPluginPids(const std::string& id);
+    ApiErrorCode killAllPlugin();
+    // Writes the developer plugin's manifest with a fresh token. Always 0.
+    ApiErrorCode generatePluginSSHManifest(std::string id, const std::vector<std::string>& capabilities);
+    // 32 upper-case hexadecimal digits from a new random UUID.
+    static std::string sNewSdkToken();
+
+    // ---- Listing ----------------------------------------------------------
+    ApiErrorCode getPluginList(std::vector<datacenter::PluginInfo>& out);
+    // Publishes the installed ids through "matool"; nothing when none is installed.
+    void updatePluginListToServer();
+    // The item for code 1 or 3; empty for any other code.
+    boost::shared_ptr<PluginItemBase> getItem(ApiPluginCode code);
+
+    // ---- Status changes ---------------------------------------------------
+    // 0, 3, 4, 2510, 2530 (no manifest), 2534 (exception), or the hook's own code.
+    ApiErrorCode changePluginStatus(const std::string& id, datacenter::PluginStatus status);
+    // The same, with statusMutex_ already held.
+    ApiErrorCode changePluginStatusImpl(const std::string& id, datacenter::PluginStatus status);
+    // First-connection activation of the TV app: 0, 2512, 3001, 4 or the status change's code.
+    ApiErrorCode enableLumoapp();
+
+    // ---- Control and configuration data -----------------------------------
+    // Forwards `request` to the plugin's RPC port: 0, 1055 on a timeout, 2502 otherwise.
+    ApiErrorCode controlPlugin(const std::string& id, const std::string& request, std::string& response);
+    ApiErrorCode getPluginConfigData(const std::string& id, const std::string& key, std::string& value);
+    ApiErrorCode setPluginConfigData(const std::string& id, const std::string& key, std::string value);
+    // Runs `fn` on the plugin's configuration file under an exclusive flock:
+    // 0, 1038 (cannot open), 2518 (lock), 2505/2517 (accessor threw), 2502 (bad id).
+    ApiErrorCode controlConfigData(const std::string& id, const std::string& key, std::string& value,
+                                   void (*fn)(const std::string&, const std::string&, std::string&));
+
+    // ---- Installation -----------------------------------------------------
     // Installs the package file at `path` on the calling thread. `keepPackage`
     // false deletes the file after its signature check and clean-up.
     // Returns 0, 2 for an empty path, 2503 when the file does not exist.
     ApiErrorCode installFromLocal(const std::string& path, bool keepPackage);
+
+    bool isUndeletable(const std::string& id) const { return undeletableIds_.count(id) != 0; }
+    AbsPlugin* createPlugin(const std::string& id) { return pluginFactory_.create(id, this, id); }
+
+private:
+    void registerPluginKinds();
+
+    boost::mutex installMutex_;
+    boost::mutex statusMutex_;
+    PluginFactory pluginFactory_;
+    std::map<datacenter::PluginStatus, StatusCreator> statusFactory_;
+    std::set<std::string> undeletableIds_;
 };
+
+// Accessors for controlConfigData.
+void getDataFun(const std::string& path, const std::string& key, std::string& value);
+void setDataFun(const std::string& path, const std::string& key, std::string& value);

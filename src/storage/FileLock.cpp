@@ -26,6 +26,7 @@ FileLock::FileLock(const std::string& path, unsigned mode) {
         const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, mode);
         if (fd < 0) {
             LOG(ERROR) << "cannot open " << path << " for locking: " << strerror(errno);
+            openFailed_ = true;
             return;
         }
         int rc;

@@ -18,11 +18,14 @@ public:
 
     // True when the lock is held.
     bool locked() const { return fd_ >= 0; }
+    // True when the file could not even be opened (as opposed to not locked).
+    bool openFailed() const { return openFailed_; }
     // Releases the lock; false when the release failed. Safe to call twice.
     bool unlock();
 
 private:
     int fd_ = -1;
+    bool openFailed_ = false;
 };
 
 }  // namespace datacenter

@@ -1,0 +1,205 @@
+#include "Plugin/Plugin.h"
+
+#include <glog/logging.h>
+#include <sys/wait.h>
+
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdlib>
+
+#include "DataBase/PluginStorageManager.h"
+#include "Plugin/PluginManager.h"
+#include "common/Singleton.h"
+#include "storage/Directory.h"
+#include "system/CommandRunner.h"
+#include "system/CommonUtils.h"
+#include "system/ConfigInfo.h"
+#include "system/Environment.h"
+
+namespace {
+
+// A whole signed decimal int, or false.
+bool parsePid(const std::string& text, int& pid) {
+    char* end = nullptr;
+    errno = 0;
+    const long value = std::strtol(text.c_str(), &end, 10);
+    if (text.empty() || *end != '\0' || errno != 0 || value < INT_MIN || value > INT_MAX) {
+        return false;
+    }
+    pid = static_cast<int>(value);
+    return true;
+}
+
+// SIGTERM, up to five one-second waits for the process to go, then SIGKILL.
+void stopProcess(const std::string& piece, int pid) {
+    const int result = ::kill(pid, SIGTERM);
+    LOG(INFO) << "kill result is " << result;
+    if (result == -1) {
+        LOG(ERROR) << "kill failed, pid is" << pid;
+    }
+    for (int wait = 0; wait < 5; ++wait) {
+        if (!datacenter::Directory::sExists("/proc/" + piece)) {
+            return;
+        }
+        datacenter::Environment::sSleepMilliseconds(1000);
+    }
+    ::kill(pid, SIGKILL);
+}
+
+}  // namespace
+
+ApiErrorCode exitcode2Apicode(int exitCode) {
+    return exitCode == 0 ? API_SUCCESS : API_GENERAL_FAILURE;
+}
+
+ApiErrorCode Exitcode2Apicode(int exitCode) {
+    return exitcode2Apicode(exitCode);
+}
+
+ApiErrorCode callSystem(const std::string& cmd, ApiErrorCode (*convert)(int)) {
+    LOG(INFO) << "callSystem cmd: " << cmd;
+    if (cmd.empty()) {
+        return API_GENERAL_FAILURE;
+    }
+    const int status = datacenter::CommandRunner::sCurrent()->runShell(cmd);
+    if (status == -1) {
+        // The shell itself could not be started: the command did not run.
+        return API_GENERAL_FAILURE;
+    }
+    if (WIFEXITED(status)) {
+        return convert(WEXITSTATUS(status));
+    }
+    if (WIFSIGNALED(status)) {
+        return API_GENERAL_FAILURE;
+    }
+    return API_SUCCESS;
+}
+
+AbsPlugin::AbsPlugin(PluginManager* manager, const std::string& id) : manager_(manager), id_(id) {}
+
+AbsPlugin::~AbsPlugin() = default;
+
+bool AbsPlugin::setPluginConfigData(const std::string&, const std::string&, const std::string&, ApiErrorCode*) const {
+    return false;
+}
+
+bool AbsPlugin::removePluginData() const {
+    return false;
+}
+
+ApiErrorCode AbsPlugin::enableImpl() const {
+    return enablePluginStatus();
+}
+
+ApiErrorCode AbsPlugin::disableImpl() const {
+    LOG(INFO) << "AbsPlugin::disableImpl ";
+    return disablePluginStatus();
+}
+
+void AbsPlugin::killProcesses() const {}
+
+ApiErrorCode AbsPlugin::enablePluginStatus() const {
+    LOG(INFO) << "AbsPlugin enablePluginStatus";
+    try {
+        Singleton<PluginManager>::instance()->resetPluginPids(id_);
+        const ApiErrorCode hook = enableHook();
+        if (hook != API_SUCCESS) {
+            return hook;
+        }
+        return Singleton<PluginStorageManager>::instance()->updateStatusToStorage(id_, datacenter::ENABLED)
+                   ? API_SUCCESS
+                   : API_STORE_STATUS_FAILED;
+    } catch (const std::exception& e) {
+        LOG(ERROR) << "AbsPlugin::enablePluginStatus  exception: " << e.what();
+        return API_GENERAL_FAILURE;
+    }
+}
+
+ApiErrorCode AbsPlugin::disablePluginStatus() const {
+    LOG(INFO) << "AbsPlugin::disablePluginStatus ";
+    LOG(INFO) << "AbsPlugin::disablePluginStatus  disableHook";
+    ApiErrorCode result = API_SUCCESS;
+    try {
+        result = disableHook();
+        killProcesses();
+        if (result == API_SUCCESS) {
+            LOG(INFO) << "AbsPlugin::disablePluginStatus  updateStatusToStorage";
+            if (!Singleton<PluginStorageManager>::instance()->updateStatusToStorage(id_, datacenter::DISABLED)) {
+                LOG(ERROR) << "AbsPlugin::disablePluginStatus  updateStatusToStorage fail!";
+                result = API_STORE_STATUS_FAILED;
+            }
+        }
+    } catch (const std::exception& e) {
+        LOG(ERROR) << "AbsPlugin::disablePluginStatus  exception: " << e.what();
+        killProcesses();
+        result = API_GENERAL_FAILURE;
+    }
+    LOG(INFO) << "AbsPlugin::disablePluginStatus  return code" << result;
+    return result;
+}
+
+BinaryPlugin::BinaryPlugin(PluginManager* manager, const std::string& id) : AbsPlugin(manager, id) {}
+
+ApiErrorCode BinaryPlugin::enableHook() const {
+    LOG(INFO) << "BinaryPlugin enableHook pluginControllor";
+    const ApiErrorCode result =
+        callSystem(datacenter::planformGetPluginControllorPath() + " -b " + id() + " ", exitcode2Apicode);
+    LOG(INFO) << "BinaryPlugin enableHook pluginControllor end. code is " << result;
+    return result;
+}
+
+ApiErrorCode BinaryPlugin::disableHook() const {
+    return callSystem(datacenter::planformGetPluginControllorPath() + " -k " + id() + " ", exitcode2Apicode);
+}
+
+void BinaryPlugin::killProcesses() const {
+    const std::string pids = datacenter::ConfigInfo::sGetInstance()->getConfigFromFile(
+        PluginManager::sGetPluginPidConfig(), PluginManager::getPidKeyPrefix() + id());
+    for (const std::string& piece : CommonUtils::splitString(pids, ";")) {
+        int pid = 0;
+        if (!piece.empty() && parsePid(piece, pid)) {
+            stopProcess(piece, pid);
+        }
+    }
+    datacenter::Environment::sSleepMilliseconds(1000);
+    Singleton<PluginManager>::instance()->resetPluginPids(id());
+}
+
+BuildinPlugin::BuildinPlugin(PluginManager* manager, const std::string& id, const std::string& enablecmd,
+                             const std::string& disablecmd)
+    : AbsPlugin(manager, id), enablecmd_(enablecmd), disablecmd_(disablecmd) {}
+
+ApiErrorCode BuildinPlugin::enableHook() const {
+    LOG(INFO) << "call BuildinPlugin::enable_hook enablecmd_:" << enablecmd_;
+    return callSystem(enablecmd_, exitcode2Apicode);
+}
+
+ApiErrorCode BuildinPlugin::disableHook() const {
+    LOG(INFO) << "call CmdlinePlugin::disable_hook disablecmd_:" << disablecmd_;
+    return callSystem(disablecmd_, exitcode2Apicode);
+}
+
+ApiErrorCode AbsChangeStatus::accept(const std::unique_ptr<AbsPlugin>& plugin) const {
+    LOG(INFO) << "AbsChangeStatus::accept ";
+    if (!plugin) {
+        LOG(ERROR) << "AbsChangeStatus::accept fail: deref null pointer ";
+        return API_GENERAL_FAILURE;
+    }
+    return accept_impl(plugin);
+}
+
+ApiErrorCode EnableStatus::accept_impl(const std::unique_ptr<AbsPlugin>& plugin) const {
+    LOG(INFO) << "EnableStatus::accept_impl ";
+    return plugin->enableImpl();
+}
+
+ApiErrorCode DisableStatus::accept_impl(const std::unique_ptr<AbsPlugin>& plugin) const {
+    LOG(INFO) << "DisableStatus::accept_impl ";
+    LOG(INFO) << "AbsPlugin::disable ";
+    return plugin->disableImpl();
+}
+
+ApiErrorCode InvalidActionStatus::accept_impl(const std::unique_ptr<AbsPlugin>&) const {
+    return API_INVALID_STATUS;
+}
