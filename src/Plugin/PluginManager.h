@@ -12,6 +12,7 @@
 
 #include "Plugin/Plugin.h"
 #include "Plugin/PluginItemBase.h"
+#include "Plugin/installAction/InstallAction.h"
 #include "Plugin/zkfactory.h"
 #include "common/ApiErrorCode.h"
 #include "common/PluginInfo.h"
@@ -99,11 +100,35 @@ public:
     ApiErrorCode controlConfigData(const std::string& id, const std::string& key, std::string& value,
                                    void (*fn)(const std::string&, const std::string&, std::string&));
 
-    // ---- Installation -----------------------------------------------------
-    // Installs the package file at `path` on the calling thread. `keepPackage`
-    // false deletes the file after its signature check and clean-up.
-    // Returns 0, 2 for an empty path, 2503 when the file does not exist.
+    // ---- Installation (entry points) -------------------------------------
+    // Installs the package file at `path` on the calling thread; `keepPackage`
+    // false deletes it after its signature check. 2506 while another
+    // installation runs, else the pipeline's result.
     ApiErrorCode installFromLocal(const std::string& path, bool keepPackage);
+    // Start the pipeline on a detached thread: 2506, the pre-check's code, or 0.
+    ApiErrorCode installFromServer(const std::string& id, const std::string& url);
+    ApiErrorCode upgradeFromServer(const std::string& id, const std::string& url);
+    ApiErrorCode installFromUrl(const std::string& url);
+    ApiErrorCode installFromServerWithOutLock(const std::string& id, const std::string& url);
+    ApiErrorCode checkLocalExistBeforeInstall(std::string id);
+    // The record of the current installation: 0, or 2512 when there was none.
+    ApiErrorCode getUrlInstallPlugin(datacenter::PluginInfo& out);
+
+    // ---- Installation (package helpers, same contracts as InstallAction's) --
+    std::string getIdFromPackage(const std::string& zipPath);
+    ApiErrorCode putPackageToTmpDir(const std::string& package, std::string& tmpDir, std::string& zipPath);
+    bool unzip(std::string zipPath, std::string destDir);
+    // Keeps a byte copy of the package under "/userdisk/appdata/app_package/": 0.
+    ApiErrorCode savePluginPackage(const std::string& id, const std::string& packagePath);
+
+    // ---- Maintenance ------------------------------------------------------
+    // Moves the time-machine plugin's data out of its sandbox for versions above 1.3.
+    void moveTimeMachineData(const std::string& id);
+    void mvTimemachinePluginData(const std::string& from, const std::string& to) const;
+    // Empties the plugin's directory down to the sandbox skeleton: 0, or 4 without a directory.
+    ApiErrorCode cleanPluginImpl(const std::string& id) const;
+    // Unmounts and removes the plugin's chroot folders: 0 or 2502.
+    ApiErrorCode umountRemoveChrootFolder(const std::string& id, std::string& output);
 
     bool isUndeletable(const std::string& id) const { return undeletableIds_.count(id) != 0; }
     AbsPlugin* createPlugin(const std::string& id) { return pluginFactory_.create(id, this, id); }
@@ -116,6 +141,7 @@ private:
     PluginFactory pluginFactory_;
     std::map<datacenter::PluginStatus, StatusCreator> statusFactory_;
     std::set<std::string> undeletableIds_;
+    boost::shared_ptr<InstallAction> installAction_;
 };
 
 // Accessors for controlConfigData.

@@ -1,0 +1,101 @@
+#pragma once
+// One installation of one plugin package. A subclass per source (local file,
+// the maker's server, an upgrade, a URL) supplies how the package is obtained,
+// checked and cleaned up; run() drives the fixed sequence of steps and keeps a
+// progress record that listings read while it runs.
+#include <atomic>
+#include <boost/shared_ptr.hpp>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "common/ApiErrorCode.h"
+#include "common/PluginInfo.h"
+
+namespace datacenter {
+class CurlDownloader;
+}
+
+class InstallAction {
+public:
+    static const std::string sVerifiedQpkLocalName;  // "verified_korvia.qpk"
+    static const std::string sLocalInstallTmpDir;    // "local_install_tmp/", below the plugin root
+    static const std::string sInitFilesRecordName;   // "init_files.record"
+    static const std::string sRomType;               // "netvale_rom"
+
+    InstallAction(const std::string& id, const std::string& url, const std::string& packagePath);
+    virtual ~InstallAction();
+    InstallAction(const InstallAction&) = delete;
+    InstallAction& operator=(const InstallAction&) = delete;
+
+    // ---- What a source supplies -----------------------------------------
+    virtual ApiErrorCode checkBeforeInstall(const std::string& id) = 0;
+    virtual ApiErrorCode getPackage() = 0;
+    virtual ApiErrorCode verifySign() = 0;
+    // Undoes a failed installation of a plugin that was not installed before.
+    virtual void cleanWhenFailed();
+    virtual std::string statOnceString() = 0;
+    // Removes the package file the pipeline worked on.
+    virtual void cleanPackage();
+
+    // ---- The pipeline -----------------------------------------------------
+    // Runs every step on the calling thread: 0, or the first failing step's code.
+    ApiErrorCode run();
+    bool isInstalling() const { return installing_; }
+    // Marks the installation started before its thread runs.
+    void beginInstall();
+    void checkIsUpdate();
+    // Disables an installed version before it is replaced: 0 or the status change's code.
+    ApiErrorCode changeStatusBeforeInstall();
+    // Downloads url_ to `target` on the calling thread: 0, 2003 or 2007.
+    ApiErrorCode downloadPackage(const std::string& target);
+    // A copy of the progress record, with the download's progress.
+    datacenter::PluginInfo getPluginInfo();
+    // Checks the signature of packagePath_ into the data directory: 0 or 2508.
+    ApiErrorCode verifySignImpl(bool keepOriginal);
+
+    // ---- Package steps ----------------------------------------------------
+    // Checks a local package's signature into the working directory: 0, 2, 2503 or 2508.
+    ApiErrorCode putPackageToTmpDir(const std::string& package, std::string& tmpDir, std::string& zipPath);
+    // The "plugin_id" of the payload's manifest, or "".
+    std::string getIdFromPackage(const std::string& zipPath);
+    // Unpacks the payload into destDir; false for a bad or unsafe archive.
+    bool unzip(std::string zipPath, std::string destDir);
+    // Unpacks packagePath_ into the data directory: 0, 2529 or 1008.
+    ApiErrorCode unzipFile();
+    static bool sCheckSdkLevel(const std::string& id);
+    static bool sCheckRomType(const std::string& id);
+    static bool sCheckRomVersion(const std::string& id);
+    // 0, 2513, 2521, 2522 or 2527.
+    ApiErrorCode checkPackage();
+    // Token, status, store entry, configuration file, data migration: 0.
+    ApiErrorCode installPackage();
+    static std::map<std::string, bool> getIgnoreFiles(const std::string& dataDir);
+    static bool getFilesPath(const std::string& path, std::vector<std::string>& files,
+                             const std::map<std::string, bool>& ignore);
+    // Writes "init_files.record": 0, 1038 or 1081.
+    ApiErrorCode recordInitFiles();
+    ApiErrorCode savePluginPackage();
+
+    // The CA certificate that package signatures must chain to (a setting;
+    // by default a file under "/usr/share/halvard/", root-prefixed).
+    static std::string sCaCertPath();
+    static void sSetCaCertPath(const std::string& path);
+
+    const std::string& pluginId() const { return pluginId_; }
+    const std::string& packagePath() const { return packagePath_; }
+
+protected:
+    void setStatus(datacenter::PluginStatus status);
+    void setFailure(ApiErrorCode code);
+
+    std::string url_;
+    std::string pluginId_;
+    std::string packagePath_;
+    std::atomic<bool> installing_{false};
+    bool isUpdate_ = false;
+    std::mutex recordMutex_;  // guards pluginInfo_ and downloader_ against readers on other threads
+    datacenter::PluginInfo pluginInfo_;
+    boost::shared_ptr<datacenter::CurlDownloader> downloader_;
+};
