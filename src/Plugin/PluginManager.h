@@ -113,6 +113,9 @@ public:
     ApiErrorCode checkLocalExistBeforeInstall(std::string id);
     // The record of the current installation: 0, or 2512 when there was none.
     ApiErrorCode getUrlInstallPlugin(datacenter::PluginInfo& out);
+    // Waits up to `timeoutMs` for the current installation's thread to finish
+    // its run; true when it has (or when none was ever started).
+    bool waitForInstallation(int timeoutMs);
 
     // ---- Installation (package helpers, same contracts as InstallAction's) --
     std::string getIdFromPackage(const std::string& zipPath);
@@ -142,6 +145,15 @@ private:
     std::map<datacenter::PluginStatus, StatusCreator> statusFactory_;
     std::set<std::string> undeletableIds_;
     boost::shared_ptr<InstallAction> installAction_;
+    // Guards the pointer installAction_ itself (not the action), which the
+    // installing thread and readers on other threads share.
+    mutable boost::mutex actionMutex_;
+
+    boost::shared_ptr<InstallAction> currentAction() const;
+    // Makes `action` the current one unless an installation runs: false then.
+    bool replaceAction(const boost::shared_ptr<InstallAction>& action);
+    // Pre-check, start mark and a detached thread for a server source.
+    ApiErrorCode startServerInstall(const boost::shared_ptr<InstallAction>& action, const std::string& id);
 };
 
 // Accessors for controlConfigData.

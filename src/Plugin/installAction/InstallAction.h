@@ -5,6 +5,7 @@
 // progress record that listings read while it runs.
 #include <atomic>
 #include <boost/shared_ptr.hpp>
+#include <initializer_list>
 #include <map>
 #include <mutex>
 #include <string>
@@ -43,6 +44,9 @@ public:
     // Runs every step on the calling thread: 0, or the first failing step's code.
     ApiErrorCode run();
     bool isInstalling() const { return installing_; }
+    // True once run() has returned, its file record and notifications done.
+    // An action refused before it started counts as finished.
+    bool hasFinished() const { return finished_ || !started_; }
     // Marks the installation started before its thread runs.
     void beginInstall();
     void checkIsUpdate();
@@ -87,6 +91,12 @@ public:
     const std::string& packagePath() const { return packagePath_; }
 
 protected:
+    // The payload step of local and URL sources: checks packagePath_'s
+    // signature into the working directory `tmpDir`, reads the plugin id and
+    // creates its data directory. 0, 2, 2503, 2508, or 2504 without a usable id.
+    ApiErrorCode readPayload(std::string& tmpDir, bool checkUpdate);
+    // 0 when the package's sign type is one of `accepted`, else 2509.
+    ApiErrorCode checkSignType(std::initializer_list<int> accepted);
     void setStatus(datacenter::PluginStatus status);
     void setFailure(ApiErrorCode code);
 
@@ -94,6 +104,8 @@ protected:
     std::string pluginId_;
     std::string packagePath_;
     std::atomic<bool> installing_{false};
+    std::atomic<bool> started_{false};
+    std::atomic<bool> finished_{false};
     bool isUpdate_ = false;
     std::mutex recordMutex_;  // guards pluginInfo_ and downloader_ against readers on other threads
     datacenter::PluginInfo pluginInfo_;

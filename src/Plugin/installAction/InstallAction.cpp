@@ -1,0 +1,256 @@
+#include "Plugin/installAction/InstallAction.h"
+
+#include <glog/logging.h>
+
+#include <iostream>
+
+#include "DataBase/PluginStorageManager.h"
+#include "Plugin/PluginManager.h"
+#include "common/PluginId.h"
+#include "common/Singleton.h"
+#include "sign/PackageSign.h"
+#include "storage/Directory.h"
+#include "storage/File.h"
+#include "system/CurlDownloader.h"
+#include "system/RootPrefix.h"
+#include "tools/Statistics.h"
+
+const std::string InstallAction::sVerifiedQpkLocalName = "verified_korvia.qpk";
+const std::string InstallAction::sLocalInstallTmpDir = "local_install_tmp/";
+const std::string InstallAction::sInitFilesRecordName = "init_files.record";
+const std::string InstallAction::sRomType = "netvale_rom";
+
+namespace {
+
+std::mutex gCaMutex;
+std::string gCaCertPath;
+
+PluginManager* manager() {
+    return Singleton<PluginManager>::instance();
+}
+
+// Writes a step's name to standard output, where installers and operators follow the progress.
+void announce(const char* step) {
+    std::cout << step << std::endl;
+}
+
+bool isEnableSuccess(ApiErrorCode code) {
+    return code == API_SUCCESS || code == API_WELCOME_NO_HOMEPAGE;
+}
+
+}  // namespace
+
+InstallAction::InstallAction(const std::string& id, const std::string& url, const std::string& packagePath)
+    : url_(url), pluginId_(id), packagePath_(packagePath) {
+    pluginInfo_.id = id;
+}
+
+InstallAction::~InstallAction() = default;
+
+std::string InstallAction::sCaCertPath() {
+    std::lock_guard<std::mutex> lock(gCaMutex);
+    return gCaCertPath.empty() ? datacenter::RootPrefix::sPath("/usr/share/halvard/plugin_api_ca.crt") : gCaCertPath;
+}
+
+void InstallAction::sSetCaCertPath(const std::string& path) {
+    std::lock_guard<std::mutex> lock(gCaMutex);
+    gCaCertPath = path;
+}
+
+void InstallAction::setStatus(datacenter::PluginStatus status) {
+    std::lock_guard<std::mutex> lock(recordMutex_);
+    pluginInfo_.status = status;
+}
+
+void InstallAction::setFailure(ApiErrorCode code) {
+    std::lock_guard<std::mutex> lock(recordMutex_);
+    pluginInfo_.errorCode = code;
+    pluginInfo_.status = datacenter::NOT_INSTALLED;
+}
+
+void InstallAction::beginInstall() {
+    started_ = true;
+    installing_ = true;
+    setStatus(datacenter::DOWNLOADING);
+}
+
+void InstallAction::checkIsUpdate() {
+    if (!pluginId_.empty() &&
+        datacenter::File::sExists(Singleton<PluginStorageManager>::instance()->getManifestFilePath(pluginId_))) {
+        isUpdate_ = true;
+    }
+}
+
+ApiErrorCode InstallAction::changeStatusBeforeInstall() {
+    if (pluginId_.empty() ||
+        !datacenter::File::sExists(Singleton<PluginStorageManager>::instance()->getManifestFilePath(pluginId_))) {
+        return API_SUCCESS;
+    }
+    isUpdate_ = true;
+    return manager()->changePluginStatus(pluginId_, datacenter::DISABLED);
+}
+
+ApiErrorCode InstallAction::downloadPackage(const std::string& target) {
+    boost::shared_ptr<datacenter::CurlDownloader> downloader(new datacenter::CurlDownloader(url_, target, nullptr, 0));
+    {
+        std::lock_guard<std::mutex> lock(recordMutex_);
+        downloader_ = downloader;
+    }
+    downloader->beginDownloadSync();
+    const datacenter::DownloadInfo info = downloader->getInfo();
+    packagePath_ = info.localPath;
+    return info.errorCode;
+}
+
+datacenter::PluginInfo InstallAction::getPluginInfo() {
+    boost::shared_ptr<datacenter::CurlDownloader> downloader;
+    {
+        std::lock_guard<std::mutex> lock(recordMutex_);
+        downloader = downloader_;
+    }
+    const int progress = downloader ? static_cast<int>(downloader->getInfo().percent) : -1;
+    std::lock_guard<std::mutex> lock(recordMutex_);
+    if (progress >= 0) {
+        pluginInfo_.progress = progress;
+    }
+    return pluginInfo_;
+}
+
+ApiErrorCode InstallAction::run() {
+    started_ = true;
+    installing_ = true;
+    checkIsUpdate();
+    // Local and URL sources learn their id from the package; until then there
+    // is no data directory to prepare.
+    const std::string dataDir = PluginManager::sGetPluginDataPath(pluginId_);
+    if (!dataDir.empty() && !datacenter::Directory::sExists(dataDir)) {
+        datacenter::Directory::sCreateDirectory(dataDir);
+    }
+    LOG(INFO) << "do plugin install.";
+    setStatus(datacenter::DOWNLOADING);
+
+    ApiErrorCode code = API_SUCCESS;
+    announce("getPackage");
+    code = getPackage();
+    if (code == API_SUCCESS) {
+        announce("changeStatusBeforeInstall");
+        code = changeStatusBeforeInstall();
+    }
+    if (code == API_SUCCESS) {
+        setStatus(datacenter::INSTALLING);
+        announce("verifySign");
+        code = verifySign();
+    }
+    if (code == API_SUCCESS) {
+        announce("unzipFile");
+        code = unzipFile();
+    }
+    if (code == API_SUCCESS) {
+        announce("checkPackage");
+        code = checkPackage();
+    }
+    if (code == API_SUCCESS) {
+        announce("installPackage");
+        code = installPackage();
+    }
+    if (code == API_SUCCESS) {
+        announce("changePluginStatus");
+        code = manager()->changePluginStatus(pluginId_, datacenter::ENABLED);
+        if (isEnableSuccess(code)) {
+            code = API_SUCCESS;
+        }
+    }
+    if (code == API_SUCCESS) {
+        setStatus(datacenter::ENABLED);
+        announce("savePluginPackage");
+        Statistics::statOnce(statOnceString(), pluginId_);
+    } else {
+        setFailure(code);
+        LOG(ERROR) << "install ERROR:" << code;
+        cleanWhenFailed();
+    }
+    cleanPackage();
+    installing_ = false;
+    announce("RecordInitFiles");
+    const ApiErrorCode recorded = recordInitFiles();
+    manager()->updatePluginListToServer();
+    finished_ = true;
+    return code != API_SUCCESS ? code : recorded;
+}
+
+void InstallAction::cleanWhenFailed() {
+    // An update keeps the old version's files; an unknown id has nothing to undo.
+    if (isUpdate_ || pluginId_.empty()) {
+        return;
+    }
+    PluginManager* pluginManager = manager();
+    pluginManager->changePluginStatus(pluginId_, datacenter::DISABLED);
+    const std::map<std::string, datacenter::PluginInfo> infos =
+        Singleton<PluginStorageManager>::instance()->getPluginInfos();
+    std::string output;
+    pluginManager->umountRemoveChrootFolder(pluginId_, output);
+    const auto found = infos.find(pluginId_);
+    if (found != infos.end() && !found->second.name.empty()) {
+        pluginManager->cleanPluginImpl(pluginId_);
+    }
+}
+
+void InstallAction::cleanPackage() {
+    datacenter::File::sDelete(packagePath_);
+}
+
+ApiErrorCode InstallAction::checkSignType(std::initializer_list<int> accepted) {
+    const int type = getSignType(packagePath_);
+    LOG(INFO) << "installPlugin signType is " << type;
+    for (const int ok : accepted) {
+        if (type == ok) {
+            return API_SUCCESS;
+        }
+    }
+    LOG(INFO) << "installPlugin signType is PluginSignTypeError";
+    return API_SIGN_TYPE_UNSUPPORTED;
+}
+
+ApiErrorCode InstallAction::verifySignImpl(bool keepOriginal) {
+    const std::string dataDir = PluginManager::sGetPluginDataPath(pluginId_);
+    const std::string verified = dataDir + sVerifiedQpkLocalName;
+    const std::string cert = dataDir + "dev_cert";
+    LOG(INFO) << "installPlugin packagepath is " << packagePath_;
+    LOG(INFO) << "installPlugin path is " << verified;
+    const int code = verifyPackage(packagePath_, verified, cert, sCaCertPath());
+    LOG(INFO) << "installPlugin signCode is " << code;
+    if (code != 0) {
+        return API_VERIFY_SIGN_FAILED;
+    }
+    if (!keepOriginal) {
+        datacenter::File::sDelete(packagePath_);
+    }
+    packagePath_ = verified;
+    return API_SUCCESS;
+}
+
+ApiErrorCode InstallAction::readPayload(std::string& tmpDir, bool checkUpdate) {
+    std::string zipPath;
+    ApiErrorCode code = putPackageToTmpDir(packagePath_, tmpDir, zipPath);
+    if (code == API_SUCCESS) {
+        const std::string id = getIdFromPackage(zipPath);
+        // The id names directories and ends up in command lines: only a plain token will do.
+        if (!datacenter::isSafePluginId(id)) {
+            LOG(ERROR) << "getPackage: the package carries no usable plugin id '" << id << "'";
+            return API_GET_PACKAGE_FAILED;
+        }
+        pluginId_ = id;
+        {
+            std::lock_guard<std::mutex> lock(recordMutex_);
+            pluginInfo_.id = id;
+        }
+        if (checkUpdate) {
+            checkIsUpdate();
+        }
+    }
+    const std::string dataDir = PluginManager::sGetPluginDataPath(pluginId_);
+    if (!dataDir.empty() && !datacenter::Directory::sExists(dataDir)) {
+        datacenter::Directory::sCreateDirectory(dataDir);
+    }
+    return code;
+}

@@ -1,0 +1,34 @@
+#include "Plugin/installAction/InstallFromLocal.h"
+
+#include "sign/PackageSign.h"
+#include "storage/Directory.h"
+#include "storage/File.h"
+
+InstallFromLocal::InstallFromLocal(const std::string& path, bool keepPackage)
+    : InstallAction("", "", path), keepPackage_(keepPackage) {}
+
+ApiErrorCode InstallFromLocal::checkBeforeInstall(const std::string&) {
+    return API_SUCCESS;
+}
+
+ApiErrorCode InstallFromLocal::getPackage() {
+    return readPayload(tmpDir_, true);
+}
+
+ApiErrorCode InstallFromLocal::verifySign() {
+    const ApiErrorCode type = checkSignType({packagesign::kSignTypeDeveloper, packagesign::kSignTypeOfficial});
+    return type != API_SUCCESS ? type : verifySignImpl(keepPackage_);
+}
+
+std::string InstallFromLocal::statOnceString() {
+    return "plugin_install_local";
+}
+
+void InstallFromLocal::cleanPackage() {
+    if (!keepPackage_) {
+        datacenter::File::sDelete(packagePath_);
+    }
+    if (!tmpDir_.empty()) {
+        datacenter::Directory::sDelete(tmpDir_, true);
+    }
+}

@@ -1,0 +1,169 @@
+// Server, upgrade and URL installations against a loopback HTTP server, and
+// hostile archives, through the manager in this process.
+#include <gtest/gtest.h>
+
+#include <boost/filesystem.hpp>
+
+#include "DataBase/PluginStorageManager.h"
+#include "Plugin/PluginManager.h"
+#include "common/Singleton.h"
+#include "support/HttpTestServer.h"
+#include "support/PackageFactory.h"
+#include "support/TestSupport.h"
+
+using testsupport::HttpResponse;
+using testsupport::HttpTestServer;
+using testsupport::PackageFactory;
+using testsupport::PackageSpec;
+using testsupport::underRoot;
+
+namespace {
+
+const std::string kId = "5017400000000000100";
+
+std::string dataDir(const std::string& id = kId) {
+    return underRoot("/userdisk/appdata/") + id + "/";
+}
+bool exists(const std::string& path) {
+    return boost::filesystem::exists(boost::filesystem::symlink_status(path));
+}
+
+datacenter::PluginInfo finished(PluginManager* manager) {
+    EXPECT_TRUE(manager->waitForInstallation(60000));
+    datacenter::PluginInfo info;
+    manager->getUrlInstallPlugin(info);
+    return info;
+}
+
+datacenter::PluginStatus storedStatus(const std::string& id) {
+    return Singleton<PluginStorageManager>::instance()->getPluginInfoById(id).status;
+}
+
+}  // namespace
+
+TEST(InstallFromServer, RunsOnItsOwnThreadAndRefusesASecondInstallation) {
+    PackageFactory factory;
+    PackageSpec spec;
+    spec.signType = 1;
+    spec.signer = "official";
+    spec.files["big.bin"] = std::string(256 * 1024, 'x');
+    const std::string package = testsupport::readFile(factory.build(spec, "official"));
+    HttpTestServer server;
+    server.route("/pkg.qpk", HttpResponse::slow(package, 16 * 1024, 40));
+
+    PluginManager* manager = Singleton<PluginManager>::instance();
+    datacenter::PluginInfo info;
+    EXPECT_EQ(API_NO_SUCH_PLUGIN, manager->getUrlInstallPlugin(info));
+    ASSERT_EQ(API_SUCCESS, manager->installFromServer(kId, server.url("/pkg.qpk")));
+    EXPECT_EQ(API_INSTALL_IN_PROGRESS, manager->installFromServer("5017400000000000101", server.url("/pkg.qpk")));
+    EXPECT_EQ(API_INSTALL_IN_PROGRESS, manager->installFromLocal("/nonexistent.qpk", false));
+    EXPECT_EQ(API_INSTALL_IN_PROGRESS, manager->installFromUrl(server.url("/pkg.qpk")));
+
+    ASSERT_EQ(API_SUCCESS, manager->getUrlInstallPlugin(info));
+    EXPECT_EQ(kId, info.id);
+    EXPECT_TRUE(info.status == datacenter::DOWNLOADING || info.status == datacenter::INSTALLING);
+    EXPECT_GE(info.progress, 0);
+    EXPECT_LT(info.progress, 100);
+
+    info = finished(manager);
+    EXPECT_EQ(datacenter::ENABLED, info.status);
+    EXPECT_EQ(API_SUCCESS, info.errorCode);
+    EXPECT_EQ(100, info.progress);
+    EXPECT_EQ(datacenter::ENABLED, storedStatus(kId));
+    // The download and the verified payload are gone; the plugin's files stay.
+    EXPECT_FALSE(exists(dataDir() + "korvia.qpk"));
+    EXPECT_FALSE(exists(dataDir() + "verified_korvia.qpk"));
+    EXPECT_TRUE(exists(dataDir() + "big.bin"));
+
+    // A new-plugin install of an installed plugin is refused before any thread starts.
+    EXPECT_EQ(API_ALREADY_INSTALLED, manager->installFromServer(kId, server.url("/pkg.qpk")));
+}
+
+TEST(InstallFromServer, AcceptsOnlyOfficialPackagesAndTheIdItAskedFor) {
+    PackageFactory factory;
+    HttpTestServer server;
+    server.route("/dev.qpk", HttpResponse::text(200, testsupport::readFile(factory.build(PackageSpec(), "dev"))));
+    PackageSpec official;
+    official.signType = 1;
+    official.signer = "official";
+    server.route("/other.qpk", HttpResponse::text(200, testsupport::readFile(factory.build(official, "other"))));
+    server.route("/missing.qpk", HttpResponse::text(404, "no"));
+
+    PluginManager* manager = Singleton<PluginManager>::instance();
+    ASSERT_EQ(API_SUCCESS, manager->installFromServer(kId, server.url("/dev.qpk")));
+    EXPECT_EQ(API_SIGN_TYPE_UNSUPPORTED, finished(manager).errorCode);
+    EXPECT_FALSE(exists(dataDir() + "korvia.qpk"));
+
+    ASSERT_EQ(API_SUCCESS, manager->installFromServer("5017400000000000555", server.url("/other.qpk")));
+    EXPECT_EQ(API_PLUGIN_ID_MISMATCH, finished(manager).errorCode);
+
+    ASSERT_EQ(API_SUCCESS, manager->installFromServer("5017400000000000556", server.url("/missing.qpk")));
+    const datacenter::PluginInfo failed = finished(manager);
+    EXPECT_EQ(API_DOWNLOAD_FAILED, failed.errorCode);
+    EXPECT_EQ(datacenter::NOT_INSTALLED, failed.status);
+
+    EXPECT_EQ(API_GET_PACKAGE_FAILED, manager->installFromServer("../escape", server.url("/other.qpk")));
+}
+
+TEST(UpgradeFromServer, AFailedUpgradeLeavesTheOldFilesAndTheOldVersionDisabled) {
+    PackageFactory factory;
+    PluginManager* manager = Singleton<PluginManager>::instance();
+    PackageSpec v1;
+    v1.files["data/keep.txt"] = "version one";
+    ASSERT_EQ(API_SUCCESS, manager->installFromLocal(factory.build(v1, "v1"), false));
+    ASSERT_EQ(datacenter::ENABLED, storedStatus(kId));
+
+    PackageSpec v2 = v1;
+    v2.manifest["version"] = "2.0.0";
+    v2.files["data/keep.txt"] = "version two";
+    HttpTestServer server;
+    // A developer package is not accepted from the server: the upgrade stops at the signature.
+    server.route("/v2.qpk", HttpResponse::text(200, testsupport::readFile(factory.build(v2, "v2"))));
+    ASSERT_EQ(API_SUCCESS, manager->upgradeFromServer(kId, server.url("/v2.qpk")));
+    EXPECT_EQ(API_SIGN_TYPE_UNSUPPORTED, finished(manager).errorCode);
+    EXPECT_EQ("version one", testsupport::readFile(dataDir() + "data/keep.txt"));
+    EXPECT_EQ(datacenter::DISABLED, storedStatus(kId));
+}
+
+TEST(InstallFromUrl, LearnsTheIdFromThePackage) {
+    PackageFactory factory;
+    HttpTestServer server;
+    server.route("/hello.qpk", HttpResponse::text(200, testsupport::readFile(factory.build(PackageSpec(), "url"))));
+    PluginManager* manager = Singleton<PluginManager>::instance();
+    ASSERT_EQ(API_SUCCESS, manager->installFromUrl(server.url("/hello.qpk")));
+    const datacenter::PluginInfo info = finished(manager);
+    EXPECT_EQ(API_SUCCESS, info.errorCode);
+    EXPECT_EQ(kId, info.id);
+    EXPECT_EQ(datacenter::ENABLED, storedStatus(kId));
+    EXPECT_EQ("app", testsupport::readFile(dataDir() + "bin/app"));
+}
+
+TEST(InstallHostileArchives, EntriesThatClimbOutOrRepeatAreRefusedWithNothingWrittenOutside) {
+    PackageFactory factory;
+    PackageSpec spec;
+    const std::string manifest = PackageFactory::manifestText(spec);
+    struct Case {
+        const char* name;
+        std::vector<std::pair<std::string, std::string>> entries;
+        std::vector<std::pair<std::string, std::string>> links;
+    };
+    const std::vector<Case> cases = {
+        {"dotdot", {{"manifest", manifest}, {"../escape1.txt", "x"}}, {}},
+        {"nested", {{"manifest", manifest}, {"a/../../escape2.txt", "x"}}, {}},
+        {"absolute", {{"manifest", manifest}, {"/tmp/escape3.txt", "x"}}, {}},
+        {"duplicate", {{"manifest", manifest}, {"bin/app", "one"}, {"bin/app", "two"}}, {}},
+        {"directory", {{"manifest", manifest}, {"bin/", ""}}, {}},
+        {"symlink", {{"manifest", manifest}}, {{"link", "/etc/passwd"}}},
+    };
+    PluginManager* manager = Singleton<PluginManager>::instance();
+    for (const Case& c : cases) {
+        const std::string package = factory.sign(factory.rawZip(c.entries, c.links, c.name), 0, "developer", c.name);
+        EXPECT_EQ(API_UNZIP_FAILED, manager->installFromLocal(package, false)) << c.name;
+    }
+    for (const char* escaped : {"/userdisk/appdata/escape1.txt", "/userdisk/escape2.txt",
+                                "/userdisk/appdata/escape2.txt", "/tmp/escape3.txt"}) {
+        EXPECT_FALSE(exists(underRoot(escaped))) << escaped;
+    }
+    EXPECT_FALSE(exists("/tmp/escape3.txt"));
+    EXPECT_FALSE(exists(dataDir() + "link"));
+}
