@@ -1,0 +1,189 @@
+// The package steps of the install pipeline: unpacking, compatibility
+// checks, the installation data and the record of the plugin's files.
+#include <glog/logging.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+
+#include "DataBase/PluginStorageManager.h"
+#include "Plugin/PluginManager.h"
+#include "Plugin/installAction/InstallAction.h"
+#include "Plugin/installAction/PackageFiles.h"
+#include "common/Singleton.h"
+#include "storage/Directory.h"
+#include "storage/File.h"
+#include "system/CommonUtils.h"
+#include "system/ConfigInfo.h"
+#include "system/RootPrefix.h"
+
+namespace {
+
+std::string manifestValue(const std::string& id, const std::string& key) {
+    return datacenter::ConfigInfo::sGetInstance()->getConfigFromFile(PluginManager::sGetPluginManifestPath(id), key);
+}
+
+// An SDK level: empty means 1; text that is not a whole number is no level at all.
+bool parseLevel(const std::string& text, long& level) {
+    if (text.empty()) {
+        level = 1;
+        return true;
+    }
+    char* end = nullptr;
+    errno = 0;
+    level = std::strtol(text.c_str(), &end, 10);
+    return errno == 0 && *end == '\0' && level >= INT_MIN && level <= INT_MAX;
+}
+
+}  // namespace
+
+ApiErrorCode InstallAction::putPackageToTmpDir(const std::string& package, std::string& tmpDir, std::string& zipPath) {
+    return PackageFiles::sPutPackageToTmpDir(package, tmpDir, zipPath);
+}
+
+std::string InstallAction::getIdFromPackage(const std::string& zipPath) {
+    return PackageFiles::sGetIdFromPackage(zipPath);
+}
+
+bool InstallAction::unzip(std::string zipPath, std::string destDir) {
+    return PackageFiles::sUnzip(zipPath, destDir);
+}
+
+ApiErrorCode InstallAction::unzipFile() {
+    const std::string dataDir = PluginManager::sGetPluginDataPath(pluginId_);
+    if (!unzip(packagePath_, dataDir)) {
+        return API_UNZIP_FAILED;
+    }
+    datacenter::Directory::sCreateDirectory(dataDir + "/etc/");
+    const datacenter::ErrorCode moved =
+        datacenter::File::sMove(dataDir + "manifest", PluginManager::sGetPluginManifestPath(pluginId_));
+    if (!moved.ok()) {
+        LOG(ERROR) << "installPlugin sMove file error " << moved.systemError().value();
+        return API_UNZIP_MOVE_FAILED;
+    }
+    return API_SUCCESS;
+}
+
+bool InstallAction::sCheckSdkLevel(const std::string& id) {
+    const std::string levelFile = datacenter::RootPrefix::sPath(PluginManager::sSdkLevelFilePath);
+    std::string romText;
+    if (datacenter::File::sExists(levelFile)) {
+        romText = datacenter::ConfigInfo::sGetInstance()->getConfigFromFile(levelFile, "sdk_level");
+    }
+    long romLevel = 1;
+    long pluginLevel = 1;
+    if (!parseLevel(romText, romLevel) || !parseLevel(manifestValue(id, "sdk_level"), pluginLevel)) {
+        LOG(ERROR) << "appid is " << id << ": sdk_level is not a number";
+        return false;
+    }
+    LOG(INFO) << "appid is " << id << "\n rom level is " << romLevel << "\nplugin level is " << pluginLevel;
+    return romLevel >= pluginLevel;
+}
+
+bool InstallAction::sCheckRomType(const std::string& id) {
+    const std::string rom = manifestValue(id, "supported_rom");
+    if (rom == sRomType) {
+        return true;
+    }
+    std::cout << "plugin rom string is " << rom << std::endl;
+    std::cout << "router rom string is " << sRomType << std::endl;
+    std::cout << "path is " << PluginManager::sGetPluginManifestPath(id) << std::endl;
+    return false;
+}
+
+bool InstallAction::sCheckRomVersion(const std::string& id) {
+    const std::string version = manifestValue(id, "supported_rom_version");
+    if (version.empty()) {
+        return true;
+    }
+    LOG(INFO) << "check supported rom: " << version;
+    return CommonUtils::sCheckIsLowerVersionThanCurrentRom(version);
+}
+
+ApiErrorCode InstallAction::checkPackage() {
+    if (!sCheckSdkLevel(pluginId_)) {
+        return API_SDK_LEVEL_TOO_LOW;
+    }
+    if (!sCheckRomType(pluginId_)) {
+        return API_FIRMWARE_TYPE_UNSUPPORTED;
+    }
+    if (!sCheckRomVersion(pluginId_)) {
+        LOG(ERROR) << "check rom version fail: row verion too low";
+        return API_FIRMWARE_TOO_OLD;
+    }
+    if (manifestValue(pluginId_, "plugin_id") != pluginId_) {
+        return API_PLUGIN_ID_MISMATCH;
+    }
+    return API_SUCCESS;
+}
+
+ApiErrorCode InstallAction::installPackage() {
+    datacenter::ConfigInfo* config = datacenter::ConfigInfo::sGetInstance();
+    const std::string manifest = PluginManager::sGetPluginManifestPath(pluginId_);
+    config->setConfigToFile(manifest, PluginStorageManager::sManifestSdkTokenKey, PluginManager::sNewSdkToken());
+    config->setConfigToFile(manifest, PluginStorageManager::sManifestStatusKey,
+                            std::to_string(static_cast<int>(datacenter::INSTALLING)));
+    datacenter::PluginInfo record;
+    record.id = pluginId_;
+    Singleton<PluginStorageManager>::instance()->insertToStorage(pluginId_, manifest, record);
+    const std::string pluginConfig = PluginManager::sGetPluginDataPath(pluginId_) +
+                                     PluginManager::sPluginConfigFileDirectory + PluginManager::sPluginConfigFileName;
+    if (!datacenter::File::sExists(pluginConfig)) {
+        if (FILE* file = fopen(pluginConfig.c_str(), "a")) {
+            fclose(file);
+        }
+    }
+    chmod(pluginConfig.c_str(), 0777);
+    Singleton<PluginManager>::instance()->moveTimeMachineData(pluginId_);
+    return API_SUCCESS;
+}
+
+std::map<std::string, bool> InstallAction::getIgnoreFiles(const std::string& dataDir) {
+    return PackageFiles::sGetIgnoreFiles(dataDir);
+}
+
+bool InstallAction::getFilesPath(const std::string& path, std::vector<std::string>& files,
+                                 const std::map<std::string, bool>& ignore) {
+    return PackageFiles::sGetFilesPath(path, files, ignore);
+}
+
+ApiErrorCode InstallAction::recordInitFiles() {
+    const std::string dataDir = PluginManager::sGetPluginDataPath(pluginId_);
+    std::cout << "plugin install dir is " << dataDir << std::endl;
+    LOG(INFO) << "plugin install dir is " << dataDir;
+    std::vector<std::string> files;
+    if (dataDir.empty() || !getFilesPath(dataDir, files, getIgnoreFiles(dataDir))) {
+        LOG(ERROR) << "record Init Files error , error code is " << API_CONFIG_FILE_OPEN_FAILED;
+        return API_CONFIG_FILE_OPEN_FAILED;
+    }
+    std::cout << "fileLength = " << files.size() << std::endl;
+    LOG(INFO) << "fileLength = " << files.size();
+    const std::string recordPath = dataDir + sInitFilesRecordName;
+    std::string text;
+    bool ownPathListed = false;
+    for (const std::string& file : files) {
+        text += file + "\n";
+        ownPathListed = ownPathListed || file == recordPath;
+    }
+    if (!ownPathListed) {
+        text += recordPath + "\n";
+    }
+    if (!datacenter::File::sWriteAtomically(recordPath, text)) {
+        LOG(ERROR) << "record Init Files error , error code is " << API_INIT_FILES_RECORD_FAILED;
+        return API_INIT_FILES_RECORD_FAILED;
+    }
+    LOG(INFO) << "Record init files suc!\n";
+    return API_SUCCESS;
+}
+
+ApiErrorCode InstallAction::savePluginPackage() {
+    const std::string archive = PackageFiles::sPackageArchiveDir() + pluginId_;
+    if (!pluginId_.empty() && packagePath_ != archive) {
+        datacenter::File::sDelete(archive);
+        datacenter::File::sMove(packagePath_, archive);
+    }
+    return API_SUCCESS;
+}

@@ -1,0 +1,31 @@
+#pragma once
+// Work on a package's payload shared by the install pipeline and the
+// manager's helpers of the same names: checking a local package into a
+// working directory, reading the plugin id, unpacking, and the walk that
+// records the files a plugin brought.
+#include <map>
+#include <string>
+#include <vector>
+
+#include "common/ApiErrorCode.h"
+
+class PackageFiles {
+public:
+    // Checks `package`'s signature into the working directory below the plugin
+    // root: 0, 2 (empty path), 2503 (missing) or 2508 (not authentic).
+    static ApiErrorCode sPutPackageToTmpDir(const std::string& package, std::string& tmpDir, std::string& zipPath);
+    // The "plugin_id" of the payload's "manifest", or "" when there is none.
+    static std::string sGetIdFromPackage(const std::string& zipPath);
+    // Unpacks every file entry below `destDir`. Refuses, before writing
+    // anything, archives with entries that are absolute, climb out with "..",
+    // are links or directories, repeat a name, or would not leave the copy
+    // reserve free on the destination.
+    static bool sUnzip(const std::string& zipPath, const std::string& destDir);
+    // The sandbox mount points and system folders that a file record leaves out.
+    static std::map<std::string, bool> sGetIgnoreFiles(const std::string& dataDir);
+    // Appends `path` and, depth first, everything below it except ignored paths.
+    static bool sGetFilesPath(const std::string& path, std::vector<std::string>& files,
+                              const std::map<std::string, bool>& ignore);
+    // "/userdisk/appdata/app_package/" (root-prefixed), created when missing.
+    static std::string sPackageArchiveDir();
+};

@@ -1,0 +1,94 @@
+#include <gtest/gtest.h>
+
+#include <boost/filesystem.hpp>
+
+#include "Plugin/PluginManager.h"
+#include "Plugin/TimeMachineMigration.h"
+#include "common/Singleton.h"
+#include "support/RecordingRunner.h"
+#include "support/TestSupport.h"
+#include "unit/Plugin/PluginTestSupport.h"
+
+using testsupport::RecordingRunner;
+using testsupport::underRoot;
+using testsupport::writeFile;
+
+namespace {
+
+bool exists(const std::string& path) {
+    return boost::filesystem::exists(boost::filesystem::symlink_status(path));
+}
+
+}  // namespace
+
+TEST(CleanPlugin, EmptiesTheDirectoryDownToTheSandboxSkeleton) {
+    const auto runner = RecordingRunner::sInstall();
+    PluginManager* manager = Singleton<PluginManager>::instance();
+    const std::string dir = PluginManager::sGetPluginDataPath("77");
+    for (const char* kept : {"bin/sh", "lib/libc.so", "userdata/photo", "extdisks/sda1/x", "etc/TZ", "etc/group",
+                             "etc/manifest", "etc/passwd", "etc/plugin_config"}) {
+        writeFile(dir + kept, "keep");
+    }
+    for (const char* removed : {"app", "www/index.html", "etc/other.conf", "usr/lib/x.so", "tmp/t"}) {
+        writeFile(dir + removed, "remove");
+    }
+    writeFile(underRoot("/outside/secret"), "secret");
+    boost::filesystem::create_directory_symlink(underRoot("/outside"), dir + "usr/link");
+
+    EXPECT_EQ(API_SUCCESS, manager->cleanPluginImpl("77"));
+    for (const char* kept : {"bin/sh", "lib/libc.so", "userdata/photo", "extdisks/sda1/x", "etc/TZ", "etc/manifest",
+                             "etc/plugin_config"}) {
+        EXPECT_TRUE(exists(dir + kept)) << kept;
+    }
+    for (const char* removed : {"app", "www", "etc/other.conf", "usr/lib", "tmp", "usr/link"}) {
+        EXPECT_FALSE(exists(dir + removed)) << removed;
+    }
+    EXPECT_TRUE(exists(dir + "usr"));
+    EXPECT_EQ("secret", testsupport::readFile(underRoot("/outside/secret")));
+
+    EXPECT_EQ(API_GENERAL_FAILURE, manager->cleanPluginImpl("78"));
+    EXPECT_EQ(API_GENERAL_FAILURE, manager->cleanPluginImpl(""));
+}
+
+TEST(CleanPlugin, UnmountsTheChrootWithTheDataDirectory) {
+    const auto runner = RecordingRunner::sInstall();
+    PluginManager* manager = Singleton<PluginManager>::instance();
+    std::string output;
+    EXPECT_EQ(API_FAILED, manager->umountRemoveChrootFolder("", output));
+    EXPECT_TRUE(runner->commands().empty());
+    runner->answer("chroot_umout.sh", 3, "busy\n");
+    EXPECT_EQ(API_SUCCESS, manager->umountRemoveChrootFolder("77", output));
+    EXPECT_EQ("busy", output);
+    EXPECT_EQ((std::vector<std::string>{"chroot_umout.sh " + PluginManager::sGetPluginDataPath("77")}),
+              runner->commands());
+}
+
+TEST(TimeMachine, MigratesOnlyVersionsAboveOnePointThree) {
+    PluginManager* manager = Singleton<PluginManager>::instance();
+    const std::string id = TimeMachineInfo::getPluginId();
+    auto prepare = [&](const std::string& version) {
+        boost::filesystem::remove_all(underRoot("/userdisk/data"));
+        boost::filesystem::create_directories(underRoot("/userdisk/data"));
+        writeFile(timecapsuleOlddir() + "backup.sparsebundle", "backup");
+        writeFile(afpOlddir() + "share/file", "afp");
+        testsupport::putPlugin(id, datacenter::ENABLED);
+        datacenter::ConfigInfo::sGetInstance()->setConfigToFile(testsupport::storeManifest(id), "version", version);
+        testsupport::putPlugin(id, datacenter::ENABLED);
+    };
+    for (const char* version : {"1.3", "1.2.9", "1", "1.x"}) {
+        prepare(version);
+        manager->moveTimeMachineData(id);
+        EXPECT_TRUE(exists(timecapsuleOlddir() + "backup.sparsebundle")) << version;
+        EXPECT_TRUE(exists(afpOlddir() + "share/file")) << version;
+        EXPECT_FALSE(exists(timecapsuleNewdir() + "backup.sparsebundle")) << version;
+    }
+    manager->moveTimeMachineData("5017400000000000100");
+    EXPECT_TRUE(exists(timecapsuleOlddir() + "backup.sparsebundle"));
+
+    prepare("1.3.0");
+    manager->moveTimeMachineData(id);
+    EXPECT_EQ("backup", testsupport::readFile(timecapsuleNewdir() + "backup.sparsebundle"));
+    EXPECT_EQ("afp", testsupport::readFile(afpNewdir() + "share/file"));
+    EXPECT_FALSE(exists(afpOlddir()));
+    EXPECT_FALSE(exists(timecapsuleOlddir()));
+}

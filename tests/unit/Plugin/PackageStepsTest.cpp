@@ -1,0 +1,112 @@
+#include <gtest/gtest.h>
+#include <zip.h>
+
+#include <boost/filesystem.hpp>
+
+#include "Plugin/PluginManager.h"
+#include "Plugin/installAction/PackageFiles.h"
+#include "common/Singleton.h"
+#include "storage/File.h"
+#include "support/RecordingRunner.h"
+#include "support/TestSupport.h"
+
+using testsupport::underRoot;
+using testsupport::writeFile;
+
+namespace {
+
+// A zip with `entries` (name -> content), made with libzip.
+std::string makeZip(const std::string& name, const std::vector<std::pair<std::string, std::string>>& entries) {
+    const std::string path = testsupport::makeScratchDir("zips") + "/" + name;
+    int err = 0;
+    zip_t* archive = zip_open(path.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &err);
+    for (const auto& entry : entries) {
+        zip_source_t* source = zip_source_buffer(archive, entry.second.data(), entry.second.size(), 0);
+        zip_file_add(archive, entry.first.c_str(), source, ZIP_FL_OVERWRITE);
+    }
+    zip_close(archive);
+    return path;
+}
+
+// Only the check steps of an installation, for plugin `id`.
+class ChecksOnly : public InstallAction {
+public:
+    explicit ChecksOnly(const std::string& id) : InstallAction(id, "", "") {}
+    ApiErrorCode checkBeforeInstall(const std::string&) override { return API_SUCCESS; }
+    ApiErrorCode getPackage() override { return API_SUCCESS; }
+    ApiErrorCode verifySign() override { return API_SUCCESS; }
+    std::string statOnceString() override { return "test"; }
+};
+
+void writeManifest(const std::string& id, const std::string& text) {
+    writeFile(PluginManager::sGetPluginManifestPath(id), "plugin_id = \"" + id + "\";\n" + text);
+}
+
+void setFirmware(const std::string& version) {
+    writeFile(underRoot("/usr/share/halvard/halvard_version"),
+              "config version 'version'\n\toption ROM '" + version + "'\n");
+}
+
+}  // namespace
+
+TEST(PackageUnzip, UnpacksNestedFilesAndKeepsTheCopyReserve) {
+    const std::string zip = makeZip("ok.zip", {{"manifest", "plugin_id = \"9\";\n"}, {"bin/app", "app"}});
+    const std::string dest = testsupport::makeScratchDir("unzip");
+    ASSERT_TRUE(PackageFiles::sUnzip(zip, dest));
+    EXPECT_EQ("app", testsupport::readFile(dest + "/bin/app"));
+    EXPECT_EQ("9", PackageFiles::sGetIdFromPackage(zip));
+
+    const std::string full = testsupport::makeScratchDir("full");
+    // 17 bytes of manifest and 3 of app must fit beside the reserve.
+    const uint64_t needed = datacenter::File::sCopyReserveBytes + 17 + 3;
+    datacenter::File::sSetDiskSpaceQuery([needed](const std::string&) {
+        datacenter::DiskSpaceInfo info;
+        info.available = needed - 1;
+        return info;
+    });
+    EXPECT_FALSE(PackageFiles::sUnzip(zip, full));
+    EXPECT_FALSE(boost::filesystem::exists(full + "/manifest"));
+    datacenter::File::sSetDiskSpaceQuery(nullptr);
+}
+
+TEST(PackageUnzip, PayloadsWithoutAUsableManifestHaveNoId) {
+    EXPECT_EQ("", PackageFiles::sGetIdFromPackage(makeZip("nomanifest.zip", {{"bin/app", "x"}})));
+    EXPECT_EQ("", PackageFiles::sGetIdFromPackage(makeZip("noid.zip", {{"manifest", "name = \"x\";\n"}})));
+    const std::string notZip = testsupport::root() + "/not.zip";
+    writeFile(notZip, "plain text");
+    EXPECT_EQ("", PackageFiles::sGetIdFromPackage(notZip));
+    EXPECT_FALSE(PackageFiles::sUnzip(notZip, testsupport::makeScratchDir("notzip")));
+    EXPECT_EQ("", PackageFiles::sGetIdFromPackage(testsupport::root() + "/missing.zip"));
+}
+
+TEST(PackageChecks, SdkLevelFirmwareTypeVersionAndIdInThatOrder) {
+    const auto runner = testsupport::RecordingRunner::sInstall();
+    setFirmware("1.2.9");
+    ChecksOnly action("31");
+    writeManifest("31", "supported_rom = \"netvale_rom\";\n");
+    EXPECT_EQ(API_SUCCESS, action.checkPackage());
+
+    writeManifest("31", "sdk_level = \"2\";\nsupported_rom = \"other\";\n");
+    EXPECT_EQ(API_SDK_LEVEL_TOO_LOW, action.checkPackage());
+    writeFile(underRoot("/usr/share/datacenter/sdk_level"), "sdk_level = \"2\";\n");
+    EXPECT_EQ(API_FIRMWARE_TYPE_UNSUPPORTED, action.checkPackage());
+    writeManifest("31", "sdk_level = \"abc\";\nsupported_rom = \"netvale_rom\";\n");
+    EXPECT_EQ(API_SDK_LEVEL_TOO_LOW, action.checkPackage());
+
+    for (const auto& check : std::vector<std::pair<std::string, bool>>{
+             {"1.2.9", true}, {"1.2.8", true}, {"1.3.0", false}, {"1.2", false}, {"0.9.99", true}}) {
+        writeManifest("31", "supported_rom = \"netvale_rom\";\nsupported_rom_version = \"" + check.first + "\";\n");
+        EXPECT_EQ(check.second, InstallAction::sCheckRomVersion("31")) << check.first;
+    }
+    writeFile(PluginManager::sGetPluginManifestPath("31"), "plugin_id = \"32\";\nsupported_rom = \"netvale_rom\";\n");
+    EXPECT_EQ(API_PLUGIN_ID_MISMATCH, action.checkPackage());
+}
+
+TEST(PackageArchive, KeepsACopyOfThePackageForReinstallation) {
+    PluginManager* manager = Singleton<PluginManager>::instance();
+    const std::string package = testsupport::root() + "/p.qpk";
+    writeFile(package, "package bytes");
+    EXPECT_EQ(API_SUCCESS, manager->savePluginPackage("41", package));
+    EXPECT_EQ("package bytes", testsupport::readFile(underRoot("/userdisk/appdata/app_package/41")));
+    EXPECT_FALSE(boost::filesystem::exists(package));
+}
