@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/PluginId.h"
 #include "storage/Directory.h"
 #include "storage/File.h"
 #include "system/CommonUtils.h"
@@ -29,22 +30,6 @@ namespace {
 const char* const kWelcomePluginId = "5017400000000000005";
 // Where a plugin's own manifest lies below its data directory.
 const char* const kPluginManifestFileName = "/etc/manifest";
-
-// Plugin ids become file names in the store and in the plugin root, so only
-// plain tokens are accepted: letters, digits, "_", "-" and ".".
-bool isSafePluginId(const std::string& id) {
-    if (id.empty() || id == "." || id == "..") {
-        return false;
-    }
-    for (const char c : id) {
-        const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
-                           c == '-' || c == '.';
-        if (!plain) {
-            return false;
-        }
-    }
-    return true;
-}
 
 // Modification time of the store directory in seconds; 0 when unknown.
 time_t modificationTime(const std::string& path) {
@@ -169,7 +154,7 @@ bool PluginStorageManager::getPluginInfoFromManifest(const std::string& path, Pl
         datacenter::File::sDelete(path);
         return false;
     }
-    if (!isSafePluginId(info.id)) {
+    if (!datacenter::isSafePluginId(info.id)) {
         LOG(ERROR) << path << " is not valid manifest";
         return false;
     }
@@ -237,7 +222,7 @@ bool PluginStorageManager::insertToStorage(const std::string& id, const std::str
         LOG(ERROR) << "PluginStorageManager insertToStorage failed: ID is empty!";
         return false;
     }
-    if (!isSafePluginId(id)) {
+    if (!datacenter::isSafePluginId(id)) {
         LOG(ERROR) << "PluginStorageManager invalid plugin id: " << id;
         return false;
     }
@@ -262,7 +247,7 @@ bool PluginStorageManager::writeKeyToStorage(const std::string& id, const std::s
         return false;
     }
     const std::string path = getManifestFilePath(id);
-    if (!isSafePluginId(id) || !datacenter::File::sExists(path)) {
+    if (!datacenter::isSafePluginId(id) || !datacenter::File::sExists(path)) {
         LOG(ERROR) << caller << " not Exist , id is " << id;
         return false;
     }
@@ -301,7 +286,7 @@ bool PluginStorageManager::deleteInStorage(const std::string& id) {
         LOG(ERROR) << "PluginDB deleteInStorage failed: ID is empty!";
         return false;
     }
-    if (!isSafePluginId(id)) {
+    if (!datacenter::isSafePluginId(id)) {
         LOG(ERROR) << "PluginStorageManager invalid plugin id: " << id;
         return false;
     }

@@ -8,36 +8,12 @@
 
 #include "DataBase/PluginDBManager.h"
 #include "storage/File.h"
+#include "support/LogCapture.h"
 #include "support/TestSupport.h"
 
 using datacenter::PluginInfo;
 
 namespace {
-
-// Collects the glog lines written while it is alive.
-class LogCapture : public google::LogSink {
-public:
-    LogCapture() { google::AddLogSink(this); }
-    ~LogCapture() override { google::RemoveLogSink(this); }
-    void send(google::LogSeverity, const char*, const char*, int, const struct ::tm*, const char* message,
-              size_t length) override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        lines_.emplace_back(message, length);
-    }
-    bool contains(const std::string& text) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        for (const std::string& line : lines_) {
-            if (line.find(text) != std::string::npos) {
-                return true;
-            }
-        }
-        return false;
-    }
-
-private:
-    std::mutex mutex_;
-    std::vector<std::string> lines_;
-};
 
 std::string databaseFile() {
     return testsupport::underRoot("/userdisk/data/.systemconfig/DataBase/pluginDatabase.db");
@@ -163,7 +139,7 @@ TEST(PluginDBManagerTest, UpdatesChangeOnlyTheAddressedRecord) {
 
 TEST(PluginDBManagerTest, EmptyIdsAreRefusedWithTheirMessages) {
     PluginDBManager db;
-    LogCapture log;
+    testsupport::LogCapture log;
     EXPECT_FALSE(db.insertToDB(PluginInfo()));
     EXPECT_FALSE(db.updateStatusToDB("", datacenter::ENABLED));
     EXPECT_FALSE(db.deleteInDB(""));
@@ -178,7 +154,7 @@ TEST(PluginDBManagerTest, DuplicateInsertFailsAndKeepsTheFirstRecord) {
     ASSERT_TRUE(db.insertToDB(sampleRecord("dup")));
     PluginInfo again = sampleRecord("dup");
     again.name = "second";
-    LogCapture log;
+    testsupport::LogCapture log;
     EXPECT_FALSE(db.insertToDB(again));
     EXPECT_TRUE(log.contains("sql error:"));
     EXPECT_TRUE(log.contains("PluginDB insertToDB failed: ID already exist!"));
@@ -200,7 +176,7 @@ TEST(PluginDBManagerTest, OldSchemaIsUpgradedOnceAndKeepsItsRows) {
     ASSERT_EQ(0, readInt("PRAGMA user_version"));
     ASSERT_EQ(14, columnCount());
 
-    LogCapture log;
+    testsupport::LogCapture log;
     {
         PluginDBManager db;
         EXPECT_TRUE(log.contains("upgradeDB add CONTROLURL succeed!"));
@@ -215,7 +191,7 @@ TEST(PluginDBManagerTest, OldSchemaIsUpgradedOnceAndKeepsItsRows) {
         updated.controlUrl = "http://127.0.0.1:1/";
         EXPECT_TRUE(db.updateToDB(updated));
     }
-    LogCapture secondOpen;
+    testsupport::LogCapture secondOpen;
     PluginDBManager reopened;
     EXPECT_TRUE(secondOpen.contains("PluginDBManager db exist!"));
     EXPECT_FALSE(secondOpen.contains("upgradeDB sUrlConfigKey is empty."));

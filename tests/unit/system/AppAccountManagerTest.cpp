@@ -4,41 +4,13 @@
 #include <mutex>
 
 #include "support/HttpTestServer.h"
+#include "support/LogCapture.h"
 #include "support/TestSupport.h"
 #include "system/AppAccountManager.h"
 #include "unit/Plugin/PluginTestSupport.h"
 
 using testsupport::HttpResponse;
 using testsupport::HttpTestServer;
-
-namespace {
-
-// Collects the log lines written while it exists.
-class LogCapture : public google::LogSink {
-public:
-    LogCapture() { google::AddLogSink(this); }
-    ~LogCapture() override { google::RemoveLogSink(this); }
-    void send(google::LogSeverity, const char*, const char*, int, const struct ::tm*, const char* message,
-              size_t length) override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        lines_.emplace_back(message, length);
-    }
-    bool has(const std::string& prefix) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        for (const std::string& line : lines_) {
-            if (line.compare(0, prefix.size(), prefix) == 0) {
-                return true;
-            }
-        }
-        return false;
-    }
-
-private:
-    std::mutex mutex_;
-    std::vector<std::string> lines_;
-};
-
-}  // namespace
 
 TEST(AppAccount, KnownIdsNeedNoRequestAndConfirmedIdsAreRemembered) {
     HttpTestServer server;
@@ -50,11 +22,11 @@ TEST(AppAccount, KnownIdsNeedNoRequestAndConfirmedIdsAreRemembered) {
     EXPECT_TRUE(accounts.IsValidAppId("installed1"));
     EXPECT_TRUE(server.requests().empty());
 
-    LogCapture log;
+    testsupport::LogCapture log;
     EXPECT_TRUE(accounts.IsValidAppId("5017"));
     ASSERT_EQ(1u, server.requests().size());
     EXPECT_EQ("/plugin/v2/summary?appId=5017", server.requests()[0].target);
-    EXPECT_TRUE(log.has("stat_points_none datacenter_api_duration=get_app_id_from_server:"));
+    EXPECT_TRUE(log.contains("stat_points_none datacenter_api_duration=get_app_id_from_server:"));
 
     server.stop();
     EXPECT_TRUE(accounts.IsValidAppId("5017"));
