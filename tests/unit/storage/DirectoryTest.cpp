@@ -91,22 +91,6 @@ TEST(DirectoryQueries, NeverCreatesOrRemovesTheRootItselfOrAnEmptyPath) {
     EXPECT_EQ("keep", readFile(testsupport::root() + "/precious"));
 }
 
-TEST(DuplicateFileName, NumbersFilesUntilAFreeNameIsFound) {
-    const std::string d = testsupport::makeScratchDir("dup");
-    EXPECT_EQ(d + "/a.jpg", CommonUtils::sGetDuplicateFileName(d + "/a.jpg"));
-    writeFile(d + "/a.jpg", "");
-    EXPECT_EQ(d + "/a(1).jpg", CommonUtils::sGetDuplicateFileName(d + "/a.jpg"));
-    writeFile(d + "/a(1).jpg", "");
-    EXPECT_EQ(d + "/a(2).jpg", CommonUtils::sGetDuplicateFileName(d + "/a.jpg"));
-
-    writeFile(d + "/a(7).jpg", "");
-    EXPECT_EQ(d + "/a(2).jpg", CommonUtils::sGetDuplicateFileName(d + "/a(7).jpg"));
-    writeFile(d + "/a(b).jpg", "");
-    EXPECT_EQ(d + "/a(b)(1).jpg", CommonUtils::sGetDuplicateFileName(d + "/a(b).jpg"));
-    writeFile(d + "/noext", "");
-    EXPECT_EQ(d + "/noext(1)", CommonUtils::sGetDuplicateFileName(d + "/noext"));
-}
-
 TEST(LibconfigKey, ConvertsArbitraryTextIntoAValidSettingName) {
     std::string key = "5 ab.c";
     CommonUtils::sConvertToValidLibconfigKey(key);
