@@ -230,6 +230,44 @@ bool extractEntry(zip_t* archive, datacenter::PluginTree& tree, const Entry& ent
 
 }  // namespace
 
+std::string PackageFiles::sStagingDir() {
+    const std::string root = PluginManager::sGetPluginRootPath();
+    const std::string name = InstallAction::sLocalInstallTmpDir.substr(0, InstallAction::sLocalInstallTmpDir.size() - 1);
+    if (!datacenter::Directory::sExists(root)) {
+        datacenter::Directory::sCreateDirectory(root);
+    }
+    datacenter::PluginTree tree(root);
+    int fd = tree.openDirectory(name, true, 0700);
+    if (fd < 0 && tree.isLink(name)) {
+        // Someone put a link where the folder belongs: remove the link itself.
+        tree.remove(name);
+        fd = tree.openDirectory(name, true, 0700);
+    }
+    struct stat st;
+    const bool owned = fd >= 0 && fstat(fd, &st) == 0 && st.st_uid == geteuid();
+    const bool closed = owned && fchmod(fd, 0700) == 0;
+    if (fd >= 0) {
+        close(fd);
+    }
+    if (!closed) {
+        LOG(ERROR) << "cannot prepare the staging folder " << root << InstallAction::sLocalInstallTmpDir << ": "
+                   << (fd < 0 ? tree.lastError() : std::string("it belongs to someone else"));
+        return std::string();
+    }
+    return root + InstallAction::sLocalInstallTmpDir;
+}
+
+void PackageFiles::sLogSignRefusal(const char* who, int code, int err) {
+    if (code == 0) {
+        return;
+    }
+    std::string reason = packagesign::describeResult(code);
+    if ((code == packagesign::kWriteFailed || code == packagesign::kUnreadableFile) && err != 0) {
+        reason += std::string(" (") + std::strerror(err) + ")";
+    }
+    LOG(ERROR) << who << " package refused: " << reason;
+}
+
 ApiErrorCode PackageFiles::sPutPackageToTmpDir(const std::string& package, std::string& tmpDir, std::string& zipPath) {
     if (package.empty()) {
         LOG(ERROR) << "installFromLocal para is EMPTY!!";
@@ -238,13 +276,16 @@ ApiErrorCode PackageFiles::sPutPackageToTmpDir(const std::string& package, std::
     if (!datacenter::File::sExists(package)) {
         return API_PACKAGE_NOT_EXIST;
     }
-    tmpDir = PluginManager::sGetPluginRootPath() + InstallAction::sLocalInstallTmpDir;
-    if (!datacenter::Directory::sExists(tmpDir)) {
-        datacenter::Directory::sCreateDirectory(tmpDir);
+    tmpDir = sStagingDir();
+    if (tmpDir.empty()) {
+        return API_VERIFY_SIGN_FAILED;
     }
     zipPath = tmpDir + "korvia.zip";
+    errno = 0;
     const int code = verifyPackage(package, zipPath, tmpDir + "dev", InstallAction::sCaCertPath());
+    const int err = errno;
     LOG(INFO) << "installFromLocal signCode is " << code;
+    sLogSignRefusal("installFromLocal", code, err);
     return code == 0 ? API_SUCCESS : API_VERIFY_SIGN_FAILED;
 }
 
