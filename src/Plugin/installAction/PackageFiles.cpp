@@ -73,7 +73,9 @@ mode_t unixType(zip_t* archive, zip_uint64_t index) {
 // directories; links and special files are never made.
 std::string entryProblem(zip_t* archive, zip_uint64_t index, const zip_stat_t& st, std::set<std::string>& names) {
     const std::string name = st.name;
-    if (!datacenter::PluginTree::sIsSafeName(name)) {
+    // libzip shows names in code page 437 as their Unicode look-alikes; the bytes as stored must be clean too.
+    const char* raw = zip_get_name(archive, index, ZIP_FL_ENC_RAW);
+    if (!raw || !datacenter::PluginTree::sIsSafeName(raw) || !datacenter::PluginTree::sIsSafeName(name)) {
         return "its name is absolute, climbs out, or holds a backslash or control character";
     }
     const bool directory = name.back() == '/';
