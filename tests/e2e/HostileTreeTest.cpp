@@ -15,6 +15,8 @@
 #include "Plugin/PluginManager.h"
 #include "common/ApiErrorCode.h"
 #include "common/Singleton.h"
+#include "support/HttpTestServer.h"
+#include "support/LogCapture.h"
 #include "support/PackageFactory.h"
 #include "support/TestSupport.h"
 
@@ -258,4 +260,43 @@ TEST(HostilePlantedLinks, ConfigurationFileLinkedOutsideIsNeitherOpenedNorChmodd
     EXPECT_EQ(0600u, st.st_mode & 0777);
     EXPECT_EQ("secret", readFile(underRoot("/bait/secret.txt")));
     EXPECT_FALSE(fs::exists(underRoot("/bait/plugin_config")));
+}
+
+TEST(HostilePlantedLinks, DownloadsAreStagedAwayFromWhatThePluginPlanted) {
+    PackageFactory factory;
+    PluginManager* manager = Singleton<PluginManager>::instance();
+    ASSERT_EQ(API_SUCCESS, manager->installFromLocal(factory.build(PackageSpec(), "v1"), false));
+    // A FIFO where the download used to go would block the installing thread for good.
+    ASSERT_EQ(0, mkfifo((dataDir() + "korvia.qpk").c_str(), 0666));
+    // A link where the staging folder goes is removed, never followed.
+    makeBait();
+    fs::create_symlink(underRoot("/bait"), underRoot("/userdisk/appdata/local_install_tmp"));
+    PackageSpec v2;
+    v2.signType = 1;
+    v2.signer = "official";
+    v2.manifest["version"] = "1.0.1";
+    testsupport::HttpTestServer server;
+    server.route("/v2.qpk", testsupport::HttpResponse::text(200, readFile(factory.build(v2, "v2"))));
+    ASSERT_EQ(API_SUCCESS, manager->upgradeFromServer(kId, server.url("/v2.qpk")));
+    ASSERT_TRUE(manager->waitForInstallation(60000));
+    datacenter::PluginInfo info;
+    manager->getUrlInstallPlugin(info);
+    EXPECT_EQ(API_SUCCESS, info.errorCode);
+    EXPECT_EQ(fs::fifo_file, fs::symlink_status(dataDir() + "korvia.qpk").type());
+    struct stat staging;
+    ASSERT_EQ(0, lstat(underRoot("/userdisk/appdata/local_install_tmp").c_str(), &staging));
+    EXPECT_TRUE(S_ISDIR(staging.st_mode));
+    EXPECT_EQ(0700u, staging.st_mode & 0777);
+    EXPECT_EQ(1, std::distance(fs::directory_iterator(underRoot("/bait")), fs::directory_iterator()));
+}
+
+TEST(HostileCorpus, ARefusedSignatureIsExplainedInWords) {
+    PackageFactory factory;
+    PackageSpec spec;
+    spec.signer = "expired";
+    const std::string package = factory.build(spec, "expired");
+    testsupport::LogCapture log;
+    EXPECT_EQ(API_VERIFY_SIGN_FAILED, Singleton<PluginManager>::instance()->installFromLocal(package, true));
+    EXPECT_TRUE(log.contains("installFromLocal signCode is -5"));
+    EXPECT_TRUE(log.contains("installFromLocal package refused: certificate expired or not yet valid"));
 }
