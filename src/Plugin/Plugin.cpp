@@ -145,13 +145,15 @@ BinaryPlugin::BinaryPlugin(PluginManager* manager, const std::string& id) : AbsP
 ApiErrorCode BinaryPlugin::enableHook() const {
     LOG(INFO) << "BinaryPlugin enableHook pluginControllor";
     const ApiErrorCode result =
-        callSystem(datacenter::planformGetPluginControllorPath() + " -b " + datacenter::shellArgument(id()) + " ", exitcode2Apicode);
+        callSystem(datacenter::planformGetPluginControllorPath() + " -b " + datacenter::shellArgument(id()) + " ",
+                   exitcode2Apicode);
     LOG(INFO) << "BinaryPlugin enableHook pluginControllor end. code is " << result;
     return result;
 }
 
 ApiErrorCode BinaryPlugin::disableHook() const {
-    return callSystem(datacenter::planformGetPluginControllorPath() + " -k " + datacenter::shellArgument(id()) + " ", exitcode2Apicode);
+    return callSystem(datacenter::planformGetPluginControllorPath() + " -k " + datacenter::shellArgument(id()) + " ",
+                      exitcode2Apicode);
 }
 
 void BinaryPlugin::killProcesses() const {

@@ -30,7 +30,8 @@ bool removePreloadPluginData() {
     CommonUtils::sCallSystem("/etc/init.d/cachecenter status", status);
     if (status != "0") {
         LOG(ERROR) << "removePreloadPluginData, remove cache.";
-        CommonUtils::sCallSystem("rm -rf " + datacenter::shellArgument(datacenter::RootPrefix::sPath("/userdisk/cachecenter")));
+        CommonUtils::sCallSystem("rm -rf " +
+                                 datacenter::shellArgument(datacenter::RootPrefix::sPath("/userdisk/cachecenter")));
     }
     return true;
 }

@@ -1,6 +1,4 @@
 #include "Plugin/PluginManager.h"
-#include "common/PluginId.h"
-#include "common/ShellArgument.h"
 
 #include <glog/logging.h>
 #include <sys/stat.h>
@@ -13,6 +11,8 @@
 #include "Plugin/GlobalLinkPlugin.h"
 #include "Plugin/OrbisStorePlugin.h"
 #include "Plugin/PluginManagerExtend.h"
+#include "common/PluginId.h"
+#include "common/ShellArgument.h"
 #include "common/Singleton.h"
 #include "storage/Directory.h"
 #include "storage/File.h"

@@ -80,7 +80,8 @@ ApiErrorCode PluginManager::umountRemoveChrootFolder(const std::string& id, std:
         LOG(ERROR) << "umountRemoveChrootFolder para empty!";
         return API_FAILED;
     }
-    if (!CommonUtils::sCallSystem(sUnmountChrootPath + " " + datacenter::shellArgument(sGetPluginDataPath(id)), output)) {
+    if (!CommonUtils::sCallSystem(sUnmountChrootPath + " " + datacenter::shellArgument(sGetPluginDataPath(id)),
+                                  output)) {
         return API_FAILED;
     }
     if (!output.empty() && output.back() == '\n') {

@@ -6,9 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
-
 #include <boost/lexical_cast.hpp>
+#include <cerrno>
 #include <memory>
 
 #include "Plugin/PluginManager.h"

@@ -99,8 +99,7 @@ void PluginManager::mvTimemachinePluginData(const std::string& from, const std::
     copy.push_back('\0');
     const std::string parent = dirname(copy.data());
     if (access(parent.c_str(), F_OK) == 0) {
-        const std::string command =
-            "mv " + datacenter::shellArgument(from) + " " + datacenter::shellArgument(parent);
+        const std::string command = "mv " + datacenter::shellArgument(from) + " " + datacenter::shellArgument(parent);
         if (command.size() <= kPathMax) {
             callSystem(command, exitcode2Apicode);
         }

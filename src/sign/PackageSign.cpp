@@ -181,12 +181,13 @@ int checkPackage(const std::string& packagePath, const std::string& devCertPath,
     }
 }
 
-int verifyPackageAndType(const std::string& packagePath, const std::string& payloadPath,
-                         const std::string& devCertPath, const std::string& caCertPath, int& signType) {
+int verifyPackageAndType(const std::string& packagePath, const std::string& payloadPath, const std::string& devCertPath,
+                         const std::string& caCertPath, int& signType) {
     signType = -1;
     int code;
     try {
-        code = payloadPath.empty() ? kWriteFailed : verify(packagePath, &payloadPath, devCertPath, caCertPath, &signType);
+        code =
+            payloadPath.empty() ? kWriteFailed : verify(packagePath, &payloadPath, devCertPath, caCertPath, &signType);
     } catch (const std::exception&) {
         code = kUnreadableFile;
     }

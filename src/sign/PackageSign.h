@@ -47,8 +47,8 @@ int checkPackage(const std::string& packagePath, const std::string& devCertPath,
 // As verifyPackage below; on success `signType` is the sign type inside the
 // descriptor whose signature was just checked (otherwise -1), so a caller
 // deciding by the type decides by the bytes it installs.
-int verifyPackageAndType(const std::string& packagePath, const std::string& payloadPath,
-                         const std::string& devCertPath, const std::string& caCertPath, int& signType);
+int verifyPackageAndType(const std::string& packagePath, const std::string& payloadPath, const std::string& devCertPath,
+                         const std::string& caCertPath, int& signType);
 
 struct SignRequest {
     std::string payloadPath;  // the zip archive to sign

@@ -7,8 +7,8 @@
 
 #include <boost/thread/mutex.hpp>
 
-#include "system/CommonUtils.h"
 #include "common/ShellArgument.h"
+#include "system/CommonUtils.h"
 #include "system/ConfigUtils.h"
 #include "system/RootPrefix.h"
 #include "system/UciAccess.h"

@@ -207,9 +207,9 @@ int InstallAction::verifyIntoStaging(std::string& verified, int& type, int& err)
     verified = staging.empty() ? std::string() : staging + sVerifiedQpkLocalName;
     const std::string cert = PluginManager::sGetPluginDataPath(pluginId_) + "dev_cert";
     errno = 0;
-    const int code = verified.empty() ? packagesign::kWriteFailed
-                                      : packagesign::verifyPackageAndType(packagePath_, verified, cert,
-                                                                          sCaCertPath(), type);
+    const int code = verified.empty()
+                         ? packagesign::kWriteFailed
+                         : packagesign::verifyPackageAndType(packagePath_, verified, cert, sCaCertPath(), type);
     err = errno;
     return code;
 }

@@ -5,8 +5,7 @@
 #include "Plugin/installAction/PackageFiles.h"
 #include "sign/PackageSign.h"
 
-InstallFromUrl::InstallFromUrl(const std::string& url)
-    : InstallAction("", url, "") {}
+InstallFromUrl::InstallFromUrl(const std::string& url) : InstallAction("", url, "") {}
 
 ApiErrorCode InstallFromUrl::checkBeforeInstall(const std::string&) {
     return API_SUCCESS;

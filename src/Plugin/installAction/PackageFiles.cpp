@@ -234,7 +234,8 @@ bool extractEntry(zip_t* archive, datacenter::PluginTree& tree, const Entry& ent
 
 std::string PackageFiles::sStagingDir() {
     const std::string root = PluginManager::sGetPluginRootPath();
-    const std::string name = InstallAction::sLocalInstallTmpDir.substr(0, InstallAction::sLocalInstallTmpDir.size() - 1);
+    const std::string name =
+        InstallAction::sLocalInstallTmpDir.substr(0, InstallAction::sLocalInstallTmpDir.size() - 1);
     if (!datacenter::Directory::sExists(root)) {
         datacenter::Directory::sCreateDirectory(root);
     }

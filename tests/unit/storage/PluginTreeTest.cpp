@@ -1,5 +1,3 @@
-#include "storage/PluginTree.h"
-
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -8,6 +6,7 @@
 #include <boost/filesystem.hpp>
 
 #include "common/ShellArgument.h"
+#include "storage/PluginTree.h"
 #include "support/TestSupport.h"
 
 namespace fs = boost::filesystem;
@@ -48,9 +47,8 @@ TEST(PluginTreeNames, OnlyPlainRelativeNamesAreSafe) {
     for (const char* ok : {"manifest", "bin/app", "www/css/", "a.b/c-d_e", "..hidden", "x..y"}) {
         EXPECT_TRUE(PluginTree::sIsSafeName(ok)) << ok;
     }
-    for (const char* bad :
-         {"", "/etc/passwd", "..", "../x", "a/../../x", "a/./b", "./a", "a//b", "..\\..\\x", "a\\b", "a\nb", "a\tb",
-          "a\x7f", "a\x1b[2J"}) {
+    for (const char* bad : {"", "/etc/passwd", "..", "../x", "a/../../x", "a/./b", "./a", "a//b", "..\\..\\x", "a\\b",
+                            "a\nb", "a\tb", "a\x7f", "a\x1b[2J"}) {
         EXPECT_FALSE(PluginTree::sIsSafeName(bad)) << bad;
     }
 }
@@ -150,7 +148,8 @@ TEST(PluginTreeFiles, AHardLinkToAFileOutsideIsReplacedNotWritten) {
 }
 
 TEST(ShellArgument, PlainWordsStayAsTheyAreEverythingElseIsQuoted) {
-    EXPECT_EQ("/userdisk/appdata/5017400000000000100/", datacenter::shellArgument("/userdisk/appdata/5017400000000000100/"));
+    EXPECT_EQ("/userdisk/appdata/5017400000000000100/",
+              datacenter::shellArgument("/userdisk/appdata/5017400000000000100/"));
     EXPECT_EQ("'/a b/c'", datacenter::shellArgument("/a b/c"));
     EXPECT_EQ("'x;rm -rf /'", datacenter::shellArgument("x;rm -rf /"));
     EXPECT_EQ("'it'\\''s'", datacenter::shellArgument("it's"));
