@@ -39,31 +39,18 @@ def write(name, entries, links=(), directories=()):
 def patch_entry(path, entry, crc=None, size=None):
     """Rewrites the CRC and/or uncompressed size of `entry` in both headers."""
     data = bytearray(open(path, "rb").read())
-    name = entry.encode()
-    pos = 0
-    while True:
-        local = data.find(b"PK\x03\x04", pos)
-        if local < 0:
-            break
-        nlen = struct.unpack_from("<H", data, local + 26)[0]
-        if bytes(data[local + 30:local + 30 + nlen]) == name:
-            if crc is not None:
-                struct.pack_into("<I", data, local + 14, crc)
-            if size is not None:
-                struct.pack_into("<I", data, local + 22, size)
-        pos = local + 4
-    pos = 0
-    while True:
-        central = data.find(b"PK\x01\x02", pos)
-        if central < 0:
-            break
-        nlen = struct.unpack_from("<H", data, central + 28)[0]
-        if bytes(data[central + 46:central + 46 + nlen]) == name:
-            if crc is not None:
-                struct.pack_into("<I", data, central + 16, crc)
-            if size is not None:
-                struct.pack_into("<I", data, central + 24, size)
-        pos = central + 4
+    # signature, offset of the name length, of the name, of the CRC, of the size
+    for magic, name_len, name_at, crc_at, size_at in ((b"PK\x03\x04", 26, 30, 14, 22),
+                                                       (b"PK\x01\x02", 28, 46, 16, 24)):
+        pos = data.find(magic)
+        while pos >= 0:
+            nlen = struct.unpack_from("<H", data, pos + name_len)[0]
+            if bytes(data[pos + name_at:pos + name_at + nlen]) == entry.encode():
+                if crc is not None:
+                    struct.pack_into("<I", data, pos + crc_at, crc)
+                if size is not None:
+                    struct.pack_into("<I", data, pos + size_at, size)
+            pos = data.find(magic, pos + 4)
     open(path, "wb").write(bytes(data))
 
 
