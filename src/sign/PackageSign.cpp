@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <vector>
 
 #include "sign/AtomicFile.h"
@@ -192,8 +193,11 @@ int verifyPackageAndType(const std::string& packagePath, const std::string& payl
         code = kUnreadableFile;
     }
     if (code != kOk) {
+        // The caller may explain the failure with errno: the clean-up must not change it.
+        const int err = errno;
         signType = -1;
         removeStalePayload(packagePath, payloadPath);
+        errno = err;
     }
     return code;
 }
