@@ -51,14 +51,13 @@ int openLocked(datacenter::PluginTree& tree) {
         if (again >= 0) {
             close(again);
         }
-        if (same || again < 0) {
-            if (again < 0) {
-                close(fd);
-                return -1;
-            }
+        if (same) {
             return fd;
         }
         close(fd);
+        if (again < 0) {
+            return -1;
+        }
     }
 }
 
