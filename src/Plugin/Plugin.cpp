@@ -10,6 +10,7 @@
 
 #include "DataBase/PluginStorageManager.h"
 #include "Plugin/PluginManager.h"
+#include "common/ShellArgument.h"
 #include "common/Singleton.h"
 #include "storage/Directory.h"
 #include "system/CommandRunner.h"
@@ -144,13 +145,15 @@ BinaryPlugin::BinaryPlugin(PluginManager* manager, const std::string& id) : AbsP
 ApiErrorCode BinaryPlugin::enableHook() const {
     LOG(INFO) << "BinaryPlugin enableHook pluginControllor";
     const ApiErrorCode result =
-        callSystem(datacenter::planformGetPluginControllorPath() + " -b " + id() + " ", exitcode2Apicode);
+        callSystem(datacenter::planformGetPluginControllorPath() + " -b " + datacenter::shellArgument(id()) + " ",
+                   exitcode2Apicode);
     LOG(INFO) << "BinaryPlugin enableHook pluginControllor end. code is " << result;
     return result;
 }
 
 ApiErrorCode BinaryPlugin::disableHook() const {
-    return callSystem(datacenter::planformGetPluginControllorPath() + " -k " + id() + " ", exitcode2Apicode);
+    return callSystem(datacenter::planformGetPluginControllorPath() + " -k " + datacenter::shellArgument(id()) + " ",
+                      exitcode2Apicode);
 }
 
 void BinaryPlugin::killProcesses() const {

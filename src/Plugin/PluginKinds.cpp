@@ -8,6 +8,7 @@
 #include "DataBase/PluginStorageManager.h"
 #include "Plugin/Plugin.h"
 #include "Plugin/PluginManager.h"
+#include "common/ShellArgument.h"
 #include "common/Singleton.h"
 #include "storage/File.h"
 #include "system/CommonUtils.h"
@@ -29,7 +30,8 @@ bool removePreloadPluginData() {
     CommonUtils::sCallSystem("/etc/init.d/cachecenter status", status);
     if (status != "0") {
         LOG(ERROR) << "removePreloadPluginData, remove cache.";
-        CommonUtils::sCallSystem("rm -rf " + datacenter::RootPrefix::sPath("/userdisk/cachecenter"));
+        CommonUtils::sCallSystem("rm -rf " +
+                                 datacenter::shellArgument(datacenter::RootPrefix::sPath("/userdisk/cachecenter")));
     }
     return true;
 }

@@ -11,6 +11,8 @@
 #include "Plugin/GlobalLinkPlugin.h"
 #include "Plugin/OrbisStorePlugin.h"
 #include "Plugin/PluginManagerExtend.h"
+#include "common/PluginId.h"
+#include "common/ShellArgument.h"
 #include "common/Singleton.h"
 #include "storage/Directory.h"
 #include "storage/File.h"
@@ -215,10 +217,16 @@ void PluginManager::updatePluginListToServer() {
     }
     std::string ids;
     for (const datacenter::PluginInfo& plugin : plugins) {
-        ids += (ids.empty() ? "" : ",") + plugin.id;
+        // Only plain ids go onto the command line; anything else is no id this system made.
+        if (datacenter::isSafePluginId(plugin.id)) {
+            ids += (ids.empty() ? "" : ",") + plugin.id;
+        }
+    }
+    if (ids.empty()) {
+        return;
     }
     std::string output;
-    CommonUtils::sCallSystem("matool --method setKV --params plugin_id_list " + ids, output);
+    CommonUtils::sCallSystem("matool --method setKV --params plugin_id_list " + datacenter::shellArgument(ids), output);
 }
 
 boost::shared_ptr<PluginItemBase> PluginManager::getItem(ApiPluginCode code) {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Plugin/PluginManager.h"
+#include "common/ShellArgument.h"
 #include "storage/File.h"
 #include "system/CommonUtils.h"
 #include "system/RootPrefix.h"
@@ -79,7 +80,8 @@ ApiErrorCode PluginManager::umountRemoveChrootFolder(const std::string& id, std:
         LOG(ERROR) << "umountRemoveChrootFolder para empty!";
         return API_FAILED;
     }
-    if (!CommonUtils::sCallSystem(sUnmountChrootPath + " " + sGetPluginDataPath(id), output)) {
+    if (!CommonUtils::sCallSystem(sUnmountChrootPath + " " + datacenter::shellArgument(sGetPluginDataPath(id)),
+                                  output)) {
         return API_FAILED;
     }
     if (!output.empty() && output.back() == '\n') {

@@ -1,24 +1,64 @@
 // Talking to a plugin: RPC control calls to its recorded port, and its own
 // configuration file, shared with the plugin's processes under a flock.
+#include <fcntl.h>
 #include <glog/logging.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <boost/lexical_cast.hpp>
+#include <cerrno>
 #include <memory>
 
 #include "Plugin/PluginManager.h"
 #include "common/PluginId.h"
 #include "rpc/DataCenterRpcClient.h"
 #include "storage/Directory.h"
-#include "storage/FileLock.h"
+#include "storage/PluginTree.h"
 #include "system/ConfigInfo.h"
 
 namespace {
 
 const int kControlTimeoutMs = 5000;
 
-int makeAccessible(const std::string& path) {
-    return chmod(path.c_str(), 0777);
+const char* const kConfigName = "etc/plugin_config";
+
+// Opens the plugin's configuration file inside its tree, never through a link
+// or special file the plugin planted, and takes the exclusive lock on it.
+// The file is replaced by rename on every write, so the lock is only good
+// when the locked file is still the one the name leads to. Returns the
+// locked descriptor, -1 when the file cannot be opened, -2 when it cannot be locked.
+int openLocked(datacenter::PluginTree& tree) {
+    for (;;) {
+        const int fd = tree.openFile(kConfigName, O_RDWR | O_CREAT | O_APPEND, 0777);
+        if (fd < 0) {
+            LOG(ERROR) << "controlConfigData: cannot open the configuration file: " << tree.lastError();
+            return -1;
+        }
+        int rc;
+        do {
+            rc = flock(fd, LOCK_EX);
+        } while (rc != 0 && errno == EINTR);
+        if (rc != 0) {
+            close(fd);
+            return -2;
+        }
+        const int again = tree.openFile(kConfigName, O_RDONLY, 0);
+        struct stat locked;
+        struct stat current;
+        const bool same = again >= 0 && fstat(fd, &locked) == 0 && fstat(again, &current) == 0 &&
+                          locked.st_ino == current.st_ino && locked.st_dev == current.st_dev;
+        if (again >= 0) {
+            close(again);
+        }
+        if (same) {
+            return fd;
+        }
+        close(fd);
+        if (again < 0) {
+            return -1;
+        }
+    }
 }
 
 // Runs the accessor, turning what it throws into the configuration-data codes.
@@ -97,28 +137,34 @@ ApiErrorCode PluginManager::controlConfigData(const std::string& id, const std::
         LOG(ERROR) << "controlConfigData: invalid plugin id '" << id << "'";
         return API_FAILED;
     }
-    const std::string etcDirectory = sGetPluginDataPath(id) + "/etc/";
-    if (!datacenter::Directory::sExists(etcDirectory)) {
-        datacenter::Directory::sCreateDirectory(etcDirectory);
+    const std::string dataDirectory = sGetPluginDataPath(id);
+    if (!datacenter::Directory::sExists(dataDirectory)) {
+        datacenter::Directory::sCreateDirectory(dataDirectory);
+    }
+    datacenter::PluginTree tree(dataDirectory);
+    const int etc = tree.openDirectory("etc", true, 0777);
+    if (etc >= 0) {
+        close(etc);
     }
     const std::string path = getConfigFilePath(id);
-    const int modeResult = makeAccessible(path);
+    const int modeResult = tree.chmod(kConfigName, 0777) ? 0 : -1;
     LOG(WARNING) << "controlConfigData set 777,path is " << path;
     LOG(WARNING) << "controlConfigData set 777,result is " << modeResult;
 
-    datacenter::FileLock lock(path);
-    if (lock.openFailed()) {
+    const int fd = openLocked(tree);
+    if (fd == -1) {
         return API_CONFIG_FILE_OPEN_FAILED;
     }
     LOG(INFO) << "controlConfigData flock";
     ApiErrorCode result = API_CONFIG_DATA_LOCK_FAILED;
-    if (lock.locked()) {
+    if (fd >= 0) {
         result = runAccessor(fn, path, sConfigKeyPrefix + key, value);
-        if (!lock.unlock()) {
+        if (flock(fd, LOCK_UN) != 0) {
             result = API_CONFIG_DATA_LOCK_FAILED;
         }
+        close(fd);
     }
-    makeAccessible(path);
+    tree.chmod(kConfigName, 0777);
     LOG(INFO) << "controlConfigData unlock";
     return result;
 }

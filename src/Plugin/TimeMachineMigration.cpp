@@ -13,6 +13,7 @@
 #include "DataBase/PluginStorageManager.h"
 #include "Plugin/Plugin.h"
 #include "Plugin/PluginManager.h"
+#include "common/ShellArgument.h"
 #include "common/Singleton.h"
 #include "storage/Directory.h"
 #include "system/CommonUtils.h"
@@ -98,9 +99,10 @@ void PluginManager::mvTimemachinePluginData(const std::string& from, const std::
     copy.push_back('\0');
     const std::string parent = dirname(copy.data());
     if (access(parent.c_str(), F_OK) == 0) {
-        char command[kPathMax + 1];
-        snprintf(command, sizeof(command), "mv %s %s", from.c_str(), parent.c_str());
-        callSystem(command, exitcode2Apicode);
+        const std::string command = "mv " + datacenter::shellArgument(from) + " " + datacenter::shellArgument(parent);
+        if (command.size() <= kPathMax) {
+            callSystem(command, exitcode2Apicode);
+        }
     }
     std::vector<char> path(target.begin(), target.end());
     path.push_back('\0');

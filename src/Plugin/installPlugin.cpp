@@ -1,5 +1,6 @@
 #include "Plugin/installPlugin.h"
 
+#include <fcntl.h>
 #include <glog/logging.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,6 +12,7 @@
 #include "DataBase/PluginStorageManager.h"
 #include "Plugin/PluginManager.h"
 #include "common/Singleton.h"
+#include "storage/PluginTree.h"
 #include "system/Environment.h"
 #include "system/Logging.h"
 
@@ -19,10 +21,15 @@ namespace {
 void touchMarkFile() {
     const std::string markFile = PluginStorageManager::sGetManifestRootPath() + PluginStorageManager::sUpdatedFile;
     std::cout << "update mark file " << markFile << std::endl;
-    if (FILE* mark = fopen(markFile.c_str(), "a")) {
-        fclose(mark);
+    // Created and opened to everyone through the store's own descriptor, never through a planted link.
+    datacenter::PluginTree store(PluginStorageManager::sGetManifestRootPath());
+    const int mark = store.openFile(PluginStorageManager::sUpdatedFile, O_WRONLY | O_CREAT | O_APPEND, 0777);
+    if (mark < 0) {
+        LOG(ERROR) << "cannot mark the store updated: " << store.lastError();
+        return;
     }
-    chmod(markFile.c_str(), 0777);
+    fchmod(mark, 0777);
+    close(mark);
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <vector>
 
 #include "sign/AtomicFile.h"
@@ -81,7 +82,7 @@ int streamPayload(const PackageReader& reader, const Descriptor& descriptor, Ato
 }
 
 int verify(const std::string& packagePath, const std::string* payloadPath, const std::string& devCertPath,
-           const std::string& caCertPath) {
+           const std::string& caCertPath, int* signType = nullptr) {
     PackageReader reader;
     int code = reader.open(packagePath);
     Descriptor descriptor;
@@ -103,7 +104,13 @@ int verify(const std::string& packagePath, const std::string* payloadPath, const
     if (!devCertPath.empty() && !writeCertificatePem(signer, devCertPath)) {
         return kWriteFailed;
     }
-    return !payloadPath || payload.commit() ? kOk : kWriteFailed;
+    if (payloadPath && !payload.commit()) {
+        return kWriteFailed;
+    }
+    if (signType) {
+        *signType = descriptor.signType;
+    }
+    return kOk;
 }
 
 // A failed verification leaves no payload behind, not even one from an
@@ -175,6 +182,26 @@ int checkPackage(const std::string& packagePath, const std::string& devCertPath,
     }
 }
 
+int verifyPackageAndType(const std::string& packagePath, const std::string& payloadPath, const std::string& devCertPath,
+                         const std::string& caCertPath, int& signType) {
+    signType = -1;
+    int code;
+    try {
+        code =
+            payloadPath.empty() ? kWriteFailed : verify(packagePath, &payloadPath, devCertPath, caCertPath, &signType);
+    } catch (const std::exception&) {
+        code = kUnreadableFile;
+    }
+    if (code != kOk) {
+        // The caller may explain the failure with errno: the clean-up must not change it.
+        const int err = errno;
+        signType = -1;
+        removeStalePayload(packagePath, payloadPath);
+        errno = err;
+    }
+    return code;
+}
+
 }  // namespace packagesign
 
 int getSignType(const std::string& packagePath) {
@@ -185,15 +212,6 @@ int getSignType(const std::string& packagePath) {
 
 int verifyPackage(const std::string& packagePath, const std::string& payloadPath, const std::string& devCertPath,
                   const std::string& caCertPath) {
-    int code;
-    try {
-        code = payloadPath.empty() ? packagesign::kWriteFailed
-                                   : packagesign::verify(packagePath, &payloadPath, devCertPath, caCertPath);
-    } catch (const std::exception&) {
-        code = packagesign::kUnreadableFile;
-    }
-    if (code != packagesign::kOk) {
-        packagesign::removeStalePayload(packagePath, payloadPath);
-    }
-    return code;
+    int signType = -1;
+    return packagesign::verifyPackageAndType(packagePath, payloadPath, devCertPath, caCertPath, signType);
 }

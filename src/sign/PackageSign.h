@@ -44,6 +44,12 @@ int readPackageHeader(const std::string& packagePath, PackageHeader& header);
 // certificate (PEM) is written there on success. Returns kOk or a failure code.
 int checkPackage(const std::string& packagePath, const std::string& devCertPath, const std::string& caCertPath);
 
+// As verifyPackage below; on success `signType` is the sign type inside the
+// descriptor whose signature was just checked (otherwise -1), so a caller
+// deciding by the type decides by the bytes it installs.
+int verifyPackageAndType(const std::string& packagePath, const std::string& payloadPath, const std::string& devCertPath,
+                         const std::string& caCertPath, int& signType);
+
 struct SignRequest {
     std::string payloadPath;  // the zip archive to sign
     std::string packagePath;  // the package to write
@@ -64,7 +70,7 @@ int signPackage(const SignRequest& request);
 
 // The signature type stored in the package: 0 (developer) or 1 (official), or
 // kUnreadableFile / kNotPackage. The type is read without checking the
-// signature; verifyPackage checks it.
+// signature; verifyPackageAndType gives the type of the verified bytes.
 int getSignType(const std::string& packagePath);
 
 // Checks that `packagePath` is authentic: the signer certificate chains to a

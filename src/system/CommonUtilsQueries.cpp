@@ -7,6 +7,7 @@
 
 #include <boost/thread/mutex.hpp>
 
+#include "common/ShellArgument.h"
 #include "system/CommonUtils.h"
 #include "system/ConfigUtils.h"
 #include "system/RootPrefix.h"
@@ -129,7 +130,7 @@ void CommonUtils::sGetPartitionSpaceInfo(const std::string& mountPoint, unsigned
     total = 0;
     available = 0;
     std::string output;
-    sCallSystem("df | grep " + mountPoint, output);
+    sCallSystem("df | grep " + datacenter::shellArgument(mountPoint), output);
     for (const std::string& line : splitString(output, "\n")) {
         const std::vector<std::string> fields = splitStringTokenCompress(line, " ");
         if (fields.size() == 6 && fields[5] == mountPoint) {

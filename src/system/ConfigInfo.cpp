@@ -61,7 +61,7 @@ std::string ConfigInfo::sGetConfigFromFile(const std::string& path, const std::s
     try {
         libconfig::Config config;
         if (File::sExists(path)) {
-            config.readFile(path.c_str());
+            LibconfigFile::sReadPlain(config, path);
         }
         std::string value;
         config.getRoot().lookupValue(key, value);
@@ -77,7 +77,7 @@ void ConfigInfo::setConfigToFile(const std::string& path, const std::string& key
     try {
         libconfig::Config config;
         if (File::sExists(path)) {
-            config.readFile(path.c_str());
+            LibconfigFile::sReadPlain(config, path);
         }
         LibconfigFile::sSetString(config, key, value);
         LibconfigFile::sWrite(config, path);
@@ -92,7 +92,7 @@ std::vector<std::string> ConfigInfo::getListFromFile(const std::string& path, co
     try {
         libconfig::Config config;
         if (File::sExists(path)) {
-            config.readFile(path.c_str());
+            LibconfigFile::sReadPlain(config, path);
         }
         const libconfig::Setting& setting = config.getRoot()[key.c_str()];
         if (setting.isArray()) {
@@ -109,7 +109,7 @@ std::vector<std::string> ConfigInfo::getListFromFile(const std::string& path, co
 std::string ConfigInfo::getConfigFromString(const std::string& text, const std::string& key) {
     try {
         libconfig::Config config;
-        config.readString(text);
+        LibconfigFile::sReadPlainString(config, text, "text");
         std::string value;
         if (config.getRoot().lookupValue(key, value)) {
             LOG(INFO) << "return is" << value;
@@ -149,7 +149,7 @@ void ConfigInfo::init() {
 
 void ConfigInfo::loadGlobalFileLocked() {
     try {
-        config_.readFile(globalConfigPath.c_str());
+        LibconfigFile::sReadPlain(config_, globalConfigPath);
     } catch (const libconfig::ParseException& e) {
         LOG(ERROR) << "parse config file error at :" << e.getLine() << " - " << e.getError() << "\npath is "
                    << globalConfigPath;

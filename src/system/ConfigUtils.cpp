@@ -3,13 +3,15 @@
 #include <iostream>
 #include <libconfig.h++>
 
+#include "system/LibconfigFile.h"
+
 ConfigUtils::ConfigUtils(const std::string& path) : path_(path) {}
 
 std::string ConfigUtils::getConfigFromKey(const std::string& key) {
     boost::mutex::scoped_lock lock(mutex_);
     try {
         libconfig::Config config;
-        config.readFile(path_.c_str());
+        datacenter::LibconfigFile::sReadPlain(config, path_);
         std::string value;
         config.getRoot().lookupValue(key, value);
         return value;

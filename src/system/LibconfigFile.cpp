@@ -1,7 +1,12 @@
 #include "system/LibconfigFile.h"
 
+#include <fcntl.h>
 #include <glog/logging.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <cctype>
+#include <cerrno>
 #include <fstream>
 #include <vector>
 
@@ -9,9 +14,67 @@
 
 namespace datacenter {
 
+namespace {
+
+const char* const kIncludeRefused = "@include is not allowed";
+
+}  // namespace
+
+bool LibconfigFile::sHasInclude(const std::string& text) {
+    const std::string directive = "@include";
+    std::string::size_type line = 0;
+    while (line < text.size()) {
+        std::string::size_type at = text.find_first_not_of(" \t\r\f\v", line);
+        if (at != std::string::npos && text.size() - at >= directive.size()) {
+            bool same = true;
+            for (std::string::size_type i = 0; same && i < directive.size(); ++i) {
+                same = std::tolower(static_cast<unsigned char>(text[at + i])) == directive[i];
+            }
+            if (same) {
+                return true;
+            }
+        }
+        const std::string::size_type end = text.find('\n', line);
+        if (end == std::string::npos) {
+            break;
+        }
+        line = end + 1;
+    }
+    return false;
+}
+
+void LibconfigFile::sReadPlainString(libconfig::Config& config, const std::string& text, const char* origin) {
+    if (sHasInclude(text)) {
+        throw libconfig::ParseException(origin, 0, kIncludeRefused);
+    }
+    config.readString(text);
+}
+
+void LibconfigFile::sReadPlain(libconfig::Config& config, const std::string& path) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    struct stat st;
+    if (fd < 0 || ::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        if (fd >= 0) {
+            ::close(fd);
+        }
+        throw libconfig::FileIOException();
+    }
+    std::string text;
+    char buffer[4096];
+    ssize_t got;
+    while ((got = ::read(fd, buffer, sizeof buffer)) > 0 || (got < 0 && errno == EINTR)) {
+        text.append(buffer, got > 0 ? static_cast<size_t>(got) : 0);
+    }
+    ::close(fd);
+    if (got < 0) {
+        throw libconfig::FileIOException();
+    }
+    sReadPlainString(config, text, path.c_str());
+}
+
 bool LibconfigFile::sRead(libconfig::Config& config, const std::string& path, std::string& error) {
     try {
-        config.readFile(path.c_str());
+        sReadPlain(config, path);
         return true;
     } catch (const std::exception& e) {
         error = sDescribe(e);
@@ -57,7 +120,7 @@ std::string LibconfigFile::sLongestParsablePrefix(const std::string& path) {
         text.erase(cut >= text.size() ? 0 : text.size() - cut);
         try {
             libconfig::Config config;
-            config.readString(text);
+            sReadPlainString(config, text, path.c_str());
             break;
         } catch (const libconfig::ParseException&) {
             LOG(ERROR) << "config ParseException line is " << lastLine;

@@ -12,6 +12,16 @@ class LibconfigFile {
 public:
     // Reads `path` into `config`; false with `error` filled when it cannot be read or parsed.
     static bool sRead(libconfig::Config& config, const std::string& path, std::string& error);
+    // Reads `path` into `config` (libconfig's readFile, without its side
+    // doors): the file is opened without blocking and must be a regular file,
+    // and "@include" directives are refused rather than followed, so a file a
+    // plugin wrote can make the core read nothing else. Throws
+    // libconfig::FileIOException or libconfig::ParseException.
+    static void sReadPlain(libconfig::Config& config, const std::string& path);
+    // Parses `text` like sReadPlain; `origin` names it in errors.
+    static void sReadPlainString(libconfig::Config& config, const std::string& text, const char* origin);
+    // True when `text` holds a line starting with "@include" (in any case).
+    static bool sHasInclude(const std::string& text);
     // Removes `key` from the root and adds it back as a string unless `value` is empty.
     static void sSetString(libconfig::Config& config, const std::string& key, const std::string& value);
     // Writes the whole document through a temporary file, fsync and rename.

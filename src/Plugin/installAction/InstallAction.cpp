@@ -2,10 +2,13 @@
 
 #include <glog/logging.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <iostream>
 
 #include "DataBase/PluginStorageManager.h"
 #include "Plugin/PluginManager.h"
+#include "Plugin/installAction/PackageFiles.h"
 #include "common/PluginId.h"
 #include "common/Singleton.h"
 #include "sign/PackageSign.h"
@@ -199,26 +202,23 @@ void InstallAction::cleanPackage() {
     datacenter::File::sDelete(packagePath_);
 }
 
-ApiErrorCode InstallAction::checkSignType(std::initializer_list<int> accepted) {
-    const int type = getSignType(packagePath_);
-    LOG(INFO) << "installPlugin signType is " << type;
-    for (const int ok : accepted) {
-        if (type == ok) {
-            return API_SUCCESS;
-        }
-    }
-    LOG(INFO) << "installPlugin signType is PluginSignTypeError";
-    return API_SIGN_TYPE_UNSUPPORTED;
+int InstallAction::verifyIntoStaging(std::string& verified, int& type, int& err) {
+    const std::string staging = PackageFiles::sStagingDir();
+    verified = staging.empty() ? std::string() : staging + sVerifiedQpkLocalName;
+    const std::string cert = PluginManager::sGetPluginDataPath(pluginId_) + "dev_cert";
+    errno = 0;
+    const int code = verified.empty()
+                         ? packagesign::kWriteFailed
+                         : packagesign::verifyPackageAndType(packagePath_, verified, cert, sCaCertPath(), type);
+    err = errno;
+    return code;
 }
 
-ApiErrorCode InstallAction::verifySignImpl(bool keepOriginal) {
-    const std::string dataDir = PluginManager::sGetPluginDataPath(pluginId_);
-    const std::string verified = dataDir + sVerifiedQpkLocalName;
-    const std::string cert = dataDir + "dev_cert";
+ApiErrorCode InstallAction::finishVerification(int code, int err, const std::string& verified, bool keepOriginal) {
     LOG(INFO) << "installPlugin packagepath is " << packagePath_;
     LOG(INFO) << "installPlugin path is " << verified;
-    const int code = verifyPackage(packagePath_, verified, cert, sCaCertPath());
     LOG(INFO) << "installPlugin signCode is " << code;
+    PackageFiles::sLogSignRefusal("installPlugin", code, err);
     if (code != 0) {
         return API_VERIFY_SIGN_FAILED;
     }
@@ -227,6 +227,33 @@ ApiErrorCode InstallAction::verifySignImpl(bool keepOriginal) {
     }
     packagePath_ = verified;
     return API_SUCCESS;
+}
+
+ApiErrorCode InstallAction::verifySignChecked(std::initializer_list<int> accepted, bool keepOriginal) {
+    std::string verified;
+    int verifiedType = -1;
+    int err = 0;
+    const int code = verifyIntoStaging(verified, verifiedType, err);
+    // Only verified bytes decide what is installed; the type read from an
+    // unverified package merely picks which refusal is reported.
+    const int type = code == 0 ? verifiedType : getSignType(packagePath_);
+    LOG(INFO) << "installPlugin signType is " << type;
+    if (std::find(accepted.begin(), accepted.end(), type) == accepted.end()) {
+        LOG(INFO) << "installPlugin signType is PluginSignTypeError";
+        if (code == 0) {
+            datacenter::File::sDelete(verified);
+        }
+        return API_SIGN_TYPE_UNSUPPORTED;
+    }
+    return finishVerification(code, err, verified, keepOriginal);
+}
+
+ApiErrorCode InstallAction::verifySignImpl(bool keepOriginal) {
+    std::string verified;
+    int type = -1;
+    int err = 0;
+    const int code = verifyIntoStaging(verified, type, err);
+    return finishVerification(code, err, verified, keepOriginal);
 }
 
 ApiErrorCode InstallAction::readPayload(std::string& tmpDir, bool checkUpdate) {

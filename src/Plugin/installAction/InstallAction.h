@@ -56,7 +56,8 @@ public:
     ApiErrorCode downloadPackage(const std::string& target);
     // A copy of the progress record, with the download's progress.
     datacenter::PluginInfo getPluginInfo();
-    // Checks the signature of packagePath_ into the data directory: 0 or 2508.
+    // Checks the signature of packagePath_ into the staging folder and
+    // continues with the verified payload: 0 or 2508.
     ApiErrorCode verifySignImpl(bool keepOriginal);
 
     // ---- Package steps ----------------------------------------------------
@@ -95,9 +96,13 @@ protected:
     // signature into the working directory `tmpDir`, reads the plugin id and
     // creates its data directory. 0, 2, 2503, 2508, or 2504 without a usable id.
     ApiErrorCode readPayload(std::string& tmpDir, bool checkUpdate);
-    // 0 when the package's sign type is one of `accepted`, else 2509.
-    ApiErrorCode checkSignType(std::initializer_list<int> accepted);
+    // Verifies packagePath_ and checks that the sign type inside the verified
+    // bytes is one of `accepted`: 0, 2509 (type refused) or 2508.
+    ApiErrorCode verifySignChecked(std::initializer_list<int> accepted, bool keepOriginal);
     void setStatus(datacenter::PluginStatus status);
+    // Verifies packagePath_ into the staging folder; the signing library's code.
+    int verifyIntoStaging(std::string& verified, int& type, int& err);
+    ApiErrorCode finishVerification(int code, int err, const std::string& verified, bool keepOriginal);
     void setFailure(ApiErrorCode code);
 
     std::string url_;

@@ -1,7 +1,9 @@
 // The package steps of the install pipeline: unpacking, compatibility
 // checks, the installation data and the record of the plugin's files.
+#include <fcntl.h>
 #include <glog/logging.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <climits>
@@ -16,6 +18,7 @@
 #include "common/Singleton.h"
 #include "storage/Directory.h"
 #include "storage/File.h"
+#include "storage/PluginTree.h"
 #include "system/CommonUtils.h"
 #include "system/ConfigInfo.h"
 #include "system/RootPrefix.h"
@@ -38,6 +41,20 @@ bool parseLevel(const std::string& text, long& level) {
     return errno == 0 && *end == '\0' && level >= INT_MIN && level <= INT_MAX;
 }
 
+// Creates "etc/plugin_config" for the plugin to write its settings to, open to
+// the plugin (0777); a link or special file planted there is left alone.
+void createPluginConfig(const std::string& id) {
+    datacenter::PluginTree tree(PluginManager::sGetPluginDataPath(id));
+    const std::string name = PluginManager::sPluginConfigFileDirectory.substr(1) + PluginManager::sPluginConfigFileName;
+    const int fd = tree.openFile(name, O_WRONLY | O_CREAT | O_APPEND, 0777);
+    if (fd < 0) {
+        LOG(ERROR) << "installPackage: cannot create " << name << ": " << tree.lastError();
+        return;
+    }
+    fchmod(fd, 0777);
+    close(fd);
+}
+
 }  // namespace
 
 ApiErrorCode InstallAction::putPackageToTmpDir(const std::string& package, std::string& tmpDir, std::string& zipPath) {
@@ -57,11 +74,16 @@ ApiErrorCode InstallAction::unzipFile() {
     if (!unzip(packagePath_, dataDir)) {
         return API_UNZIP_FAILED;
     }
-    datacenter::Directory::sCreateDirectory(dataDir + "/etc/");
-    const datacenter::ErrorCode moved =
-        datacenter::File::sMove(dataDir + "manifest", PluginManager::sGetPluginManifestPath(pluginId_));
-    if (!moved.ok()) {
-        LOG(ERROR) << "installPlugin sMove file error " << moved.systemError().value();
+    // The manifest goes into place inside the plugin's own tree, whatever the plugin planted there.
+    datacenter::PluginTree tree(dataDir);
+    const int etc = tree.openDirectory("etc", true, 0777);
+    if (etc >= 0) {
+        close(etc);
+    }
+    if (etc < 0 || !tree.rename("manifest", "etc/manifest")) {
+        const int err = errno != 0 ? errno : EINVAL;
+        LOG(ERROR) << "installPlugin sMove file error " << err;
+        LOG(ERROR) << "installPlugin: " << (tree.isOpen() ? tree.lastError() : dataDir + " cannot be opened");
         return API_UNZIP_MOVE_FAILED;
     }
     return API_SUCCESS;
@@ -129,14 +151,7 @@ ApiErrorCode InstallAction::installPackage() {
     datacenter::PluginInfo record;
     record.id = pluginId_;
     Singleton<PluginStorageManager>::instance()->insertToStorage(pluginId_, manifest, record);
-    const std::string pluginConfig = PluginManager::sGetPluginDataPath(pluginId_) +
-                                     PluginManager::sPluginConfigFileDirectory + PluginManager::sPluginConfigFileName;
-    if (!datacenter::File::sExists(pluginConfig)) {
-        if (FILE* file = fopen(pluginConfig.c_str(), "a")) {
-            fclose(file);
-        }
-    }
-    chmod(pluginConfig.c_str(), 0777);
+    createPluginConfig(pluginId_);
     Singleton<PluginManager>::instance()->moveTimeMachineData(pluginId_);
     return API_SUCCESS;
 }

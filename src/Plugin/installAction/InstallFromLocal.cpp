@@ -16,8 +16,7 @@ ApiErrorCode InstallFromLocal::getPackage() {
 }
 
 ApiErrorCode InstallFromLocal::verifySign() {
-    const ApiErrorCode type = checkSignType({packagesign::kSignTypeDeveloper, packagesign::kSignTypeOfficial});
-    return type != API_SUCCESS ? type : verifySignImpl(keepPackage_);
+    return verifySignChecked({packagesign::kSignTypeDeveloper, packagesign::kSignTypeOfficial}, keepPackage_);
 }
 
 std::string InstallFromLocal::statOnceString() {

@@ -4,6 +4,7 @@
 
 #include "DataBase/PluginStorageManager.h"
 #include "Plugin/PluginManager.h"
+#include "Plugin/installAction/PackageFiles.h"
 #include "common/Singleton.h"
 #include "sign/PackageSign.h"
 #include "storage/File.h"
@@ -19,12 +20,17 @@ ApiErrorCode InstallFromServer::checkBeforeInstall(const std::string& id) {
 }
 
 ApiErrorCode InstallFromServer::getPackage() {
-    return downloadPackage(PluginManager::sGetQpkLocalPath(pluginId_));
+    // Downloaded where only the installer can write, so nothing planted in the
+    // plugin's own folder is written through and nothing swaps the package.
+    const std::string staging = PackageFiles::sStagingDir();
+    if (staging.empty()) {
+        return API_DOWNLOAD_FAILED;
+    }
+    return downloadPackage(staging + "korvia.qpk");
 }
 
 ApiErrorCode InstallFromServer::verifySign() {
-    const ApiErrorCode type = checkSignType({packagesign::kSignTypeOfficial});
-    return type != API_SUCCESS ? type : verifySignImpl(false);
+    return verifySignChecked({packagesign::kSignTypeOfficial}, false);
 }
 
 std::string InstallFromServer::statOnceString() {

@@ -2,11 +2,10 @@
 
 #include <glog/logging.h>
 
-#include "Plugin/PluginManager.h"
+#include "Plugin/installAction/PackageFiles.h"
 #include "sign/PackageSign.h"
 
-InstallFromUrl::InstallFromUrl(const std::string& url)
-    : InstallAction("", url, ""), downloadPath_(PluginManager::sGetPluginRootPath() + "/urlinstall.qpk") {}
+InstallFromUrl::InstallFromUrl(const std::string& url) : InstallAction("", url, "") {}
 
 ApiErrorCode InstallFromUrl::checkBeforeInstall(const std::string&) {
     return API_SUCCESS;
@@ -15,13 +14,16 @@ ApiErrorCode InstallFromUrl::checkBeforeInstall(const std::string&) {
 ApiErrorCode InstallFromUrl::getPackage() {
     // A failed download leaves no valid package; the signature check of the
     // payload step then fails on it.
-    LOG(ERROR) << "getPackage code " << downloadPackage(downloadPath_);
+    // Downloaded where only the installer can write: a link planted in the
+    // plugin root would otherwise receive the download.
+    const std::string staging = PackageFiles::sStagingDir();
+    downloadPath_ = staging.empty() ? std::string() : staging + "urlinstall.qpk";
+    LOG(ERROR) << "getPackage code " << (downloadPath_.empty() ? API_DOWNLOAD_FAILED : downloadPackage(downloadPath_));
     return readPayload(tmpDir_, false);
 }
 
 ApiErrorCode InstallFromUrl::verifySign() {
-    const ApiErrorCode type = checkSignType({packagesign::kSignTypeDeveloper, packagesign::kSignTypeOfficial});
-    return type != API_SUCCESS ? type : verifySignImpl(false);
+    return verifySignChecked({packagesign::kSignTypeDeveloper, packagesign::kSignTypeOfficial}, false);
 }
 
 std::string InstallFromUrl::statOnceString() {

@@ -6,7 +6,7 @@ class InstallFromUrl : public InstallAction {
 public:
     explicit InstallFromUrl(const std::string& url);
     ApiErrorCode checkBeforeInstall(const std::string& id) override;
-    // Downloads to the plugin root, then reads the payload like a local package.
+    // Downloads to the staging folder, then reads the payload like a local package.
     ApiErrorCode getPackage() override;
     ApiErrorCode verifySign() override;
     std::string statOnceString() override;

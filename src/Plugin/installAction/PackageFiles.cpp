@@ -1,20 +1,25 @@
 #include "Plugin/installAction/PackageFiles.h"
 
+#include <fcntl.h>
 #include <glog/logging.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <zip.h>
 
 #include <boost/filesystem.hpp>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <set>
 
 #include "Plugin/PluginManager.h"
 #include "Plugin/installAction/InstallAction.h"
+#include "common/ShellArgument.h"
 #include "sign/PackageSign.h"
 #include "storage/Directory.h"
 #include "storage/File.h"
+#include "storage/PluginTree.h"
 #include "system/CommonUtils.h"
 #include "system/ConfigInfo.h"
 #include "system/RootPrefix.h"
@@ -35,30 +40,59 @@ struct Entry {
     zip_uint64_t index;
     std::string name;
     zip_uint64_t size;
+    bool directory;
 };
 
-bool climbsOut(const std::string& name) {
-    if (name.empty() || name[0] == '/' || name.back() == '/') {
-        return true;
-    }
-    std::string::size_type start = 0;
-    while (start <= name.size()) {
-        const std::string::size_type end = std::min(name.find('/', start), name.size());
-        if (name.compare(start, end - start, "..") == 0 && end - start == 2) {
-            return true;
+// A name as it can go into one log line: control characters as "\xNN".
+std::string printable(const std::string& name) {
+    std::string out;
+    for (const char c : name) {
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) {
+            char hex[8];
+            snprintf(hex, sizeof hex, "\\x%02x", static_cast<unsigned char>(c));
+            out += hex;
+        } else {
+            out += c;
         }
-        start = end + 1;
     }
-    return false;
+    return out;
 }
 
-bool isLink(zip_t* archive, zip_uint64_t index) {
+// The file type an archive records for an entry made on a Unix system, or 0.
+mode_t unixType(zip_t* archive, zip_uint64_t index) {
     zip_uint8_t system = 0;
     zip_uint32_t attributes = 0;
-    if (zip_file_get_external_attributes(archive, index, 0, &system, &attributes) != 0) {
-        return false;
+    if (zip_file_get_external_attributes(archive, index, 0, &system, &attributes) != 0 || system != ZIP_OPSYS_UNIX) {
+        return 0;
     }
-    return system == ZIP_OPSYS_UNIX && ((attributes >> 16) & S_IFMT) == S_IFLNK;
+    return (attributes >> 16) & S_IFMT;
+}
+
+// Why an entry cannot be unpacked, or "" when it can. Directory entries
+// (names ending in "/", as zip -r, 7-Zip and bsdtar write them) become
+// directories; links and special files are never made.
+std::string entryProblem(zip_t* archive, zip_uint64_t index, const zip_stat_t& st, std::set<std::string>& names) {
+    const std::string name = st.name;
+    // libzip shows names in code page 437 as their Unicode look-alikes; the bytes as stored must be clean too.
+    const char* raw = zip_get_name(archive, index, ZIP_FL_ENC_RAW);
+    if (!raw || !datacenter::PluginTree::sIsSafeName(raw) || !datacenter::PluginTree::sIsSafeName(name)) {
+        return "its name is absolute, climbs out, or holds a backslash or control character";
+    }
+    const bool directory = name.back() == '/';
+    const mode_t type = unixType(archive, index);
+    if (type == S_IFLNK) {
+        return "it is a symbolic link";
+    }
+    if (type != 0 && type != (directory ? S_IFDIR : S_IFREG)) {
+        return "it is neither a plain file nor a directory";
+    }
+    if (directory && st.size != 0) {
+        return "a directory entry carries data";
+    }
+    if (!names.insert(directory ? name.substr(0, name.size() - 1) : name).second) {
+        return "its name appears twice";
+    }
+    return std::string();
 }
 
 // The entries to unpack, or false when the archive must be refused as a whole.
@@ -72,13 +106,14 @@ bool collectEntries(zip_t* archive, const std::string& destDir, std::vector<Entr
         if (zip_stat_index(archive, i, 0, &st) != 0 || !st.name) {
             continue;
         }
-        const std::string name = st.name;
-        if (climbsOut(name) || isLink(archive, i) || !names.insert(name).second) {
-            LOG(ERROR) << "unzip refused: unsafe archive entry '" << name << "'";
+        const std::string problem = entryProblem(archive, i, st, names);
+        if (!problem.empty()) {
+            LOG(ERROR) << "unzip refused: unsafe archive entry '" << printable(st.name) << "': " << problem;
             return false;
         }
         total += st.size;
-        entries.push_back({static_cast<zip_uint64_t>(i), name, st.size});
+        const std::string name = st.name;
+        entries.push_back({static_cast<zip_uint64_t>(i), name, st.size, name.back() == '/'});
     }
     const uint64_t available = datacenter::File::sGetDiskSpaceInfo(destDir).available;
     if (total + datacenter::File::sCopyReserveBytes > available) {
@@ -89,64 +124,152 @@ bool collectEntries(zip_t* archive, const std::string& destDir, std::vector<Entr
     return true;
 }
 
-// Whether `path` can be put on a shell command line as it is.
-bool isShellSafe(const std::string& path) {
-    return path.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/._-+,@=~") ==
-           std::string::npos;
+// True when the tree itself refused the destination (a link, a special file,
+// a component that is no directory): no process holding it can change that.
+bool refusedByTree(int err) {
+    return err == ELOOP || err == ENOTDIR || err == EINVAL || err == ENXIO || err == EISDIR;
 }
 
-FILE* openDestination(const std::string& dest) {
-    FILE* out = fopen(dest.c_str(), "w");
-    if (out) {
-        return out;
+int openDestination(datacenter::PluginTree& tree, const std::string& name, const std::string& dest) {
+    const int flags = O_WRONLY | O_CREAT | O_TRUNC;
+    int fd = tree.openFile(name, flags, 0777);
+    if (fd >= 0 || refusedByTree(errno)) {
+        if (fd < 0) {
+            LOG(ERROR) << "unzip failed. create file error. desFile is" << dest << ": " << tree.lastError();
+        }
+        return fd;
     }
     // A running plugin may hold the file: free it once and try again.
     LOG(ERROR) << "file busy. desFile is" << dest;
-    if (isShellSafe(dest)) {
-        CommonUtils::sCallSystem("fuser -k " + dest);
-    }
+    CommonUtils::sCallSystem("fuser -k " + datacenter::shellArgument(dest));
     usleep(100);
-    out = fopen(dest.c_str(), "w");
-    if (!out) {
-        LOG(ERROR) << "unzip failed. create file error. desFile is" << dest;
+    fd = tree.openFile(name, flags, 0777);
+    if (fd < 0) {
+        LOG(ERROR) << "unzip failed. create file error. desFile is" << dest << ": " << tree.lastError();
     }
-    return out;
+    return fd;
 }
 
-bool extractEntry(zip_t* archive, const Entry& entry, const std::string& destDir) {
+// Copies the entry's whole stream: the data must end exactly at the declared
+// size and pass libzip's CRC check, which only happens at the end of the stream.
+bool copyEntry(zip_file_t* in, int out, zip_uint64_t size, std::string& problem) {
+    char buffer[1024];
+    zip_uint64_t done = 0;
+    for (;;) {
+        const zip_int64_t got = zip_fread(in, buffer, sizeof(buffer));
+        if (got < 0) {
+            problem = zip_error_strerror(zip_file_get_error(in));
+            return false;
+        }
+        if (got == 0) {
+            break;
+        }
+        done += static_cast<zip_uint64_t>(got);
+        if (done > size) {
+            problem = "more data than declared";
+            return false;
+        }
+        for (zip_int64_t written = 0; written < got;) {
+            const ssize_t n = ::write(out, buffer + written, static_cast<size_t>(got - written));
+            if (n < 0 && errno == EINTR) {
+                continue;
+            }
+            if (n <= 0) {
+                problem = std::string("write error: ") + std::strerror(errno);
+                return false;
+            }
+            written += n;
+        }
+    }
+    if (done != size) {
+        problem = "data ends before the declared size";
+        return false;
+    }
+    return true;
+}
+
+bool makeDirectory(datacenter::PluginTree& tree, const std::string& name, const std::string& destDir) {
+    const int fd = tree.openDirectory(name, true, 0777);
+    if (fd < 0) {
+        LOG(ERROR) << "unzip failed. cannot create directory " << destDir << "/" << name << ": " << tree.lastError();
+        return false;
+    }
+    ::fchmod(fd, 0777);
+    ::close(fd);
+    return true;
+}
+
+bool extractEntry(zip_t* archive, datacenter::PluginTree& tree, const Entry& entry, const std::string& destDir) {
+    if (entry.directory) {
+        return makeDirectory(tree, entry.name, destDir);
+    }
     const std::string dest = destDir + "/" + entry.name;
     const std::string::size_type slash = entry.name.rfind('/');
-    if (slash != std::string::npos) {
-        datacenter::Directory::sCreateDirectory(destDir + "/" + entry.name.substr(0, slash));
+    if (slash != std::string::npos && !makeDirectory(tree, entry.name.substr(0, slash), destDir)) {
+        return false;
     }
     zip_file_t* in = zip_fopen_index(archive, entry.index, 0);
     if (!in) {
-        LOG(ERROR) << "unzip failed. cannot read entry " << entry.name;
+        LOG(ERROR) << "unzip failed. cannot read entry " << entry.name << ": " << zip_strerror(archive);
         return false;
     }
-    FILE* out = openDestination(dest);
-    if (!out) {
+    const int out = openDestination(tree, entry.name, dest);
+    if (out < 0) {
         zip_fclose(in);
         return false;
     }
-    char buffer[1024];
-    zip_uint64_t done = 0;
-    bool ok = true;
-    while (ok && done < entry.size) {
-        const zip_int64_t got = zip_fread(in, buffer, sizeof(buffer));
-        ok = got > 0 && fwrite(buffer, 1, static_cast<size_t>(got), out) == static_cast<size_t>(got);
-        done += got > 0 ? static_cast<zip_uint64_t>(got) : 0;
-    }
-    ok = fclose(out) == 0 && ok;
+    std::string problem;
+    bool ok = copyEntry(in, out, entry.size, problem);
+    ::fchmod(out, 0777);
+    ok = ::close(out) == 0 && ok;
     zip_fclose(in);
-    chmod(dest.c_str(), 0777);
     if (!ok) {
-        LOG(ERROR) << "unzip failed. cannot write " << dest;
+        LOG(ERROR) << "unzip failed. cannot write " << dest << ": " << (problem.empty() ? "close failed" : problem);
+        tree.remove(entry.name);
     }
     return ok;
 }
 
 }  // namespace
+
+std::string PackageFiles::sStagingDir() {
+    const std::string root = PluginManager::sGetPluginRootPath();
+    const std::string name =
+        InstallAction::sLocalInstallTmpDir.substr(0, InstallAction::sLocalInstallTmpDir.size() - 1);
+    if (!datacenter::Directory::sExists(root)) {
+        datacenter::Directory::sCreateDirectory(root);
+    }
+    datacenter::PluginTree tree(root);
+    int fd = tree.openDirectory(name, true, 0700);
+    if (fd < 0 && tree.isLink(name)) {
+        // Someone put a link where the folder belongs: remove the link itself.
+        tree.remove(name);
+        fd = tree.openDirectory(name, true, 0700);
+    }
+    struct stat st;
+    const bool owned = fd >= 0 && fstat(fd, &st) == 0 && st.st_uid == geteuid();
+    const bool closed = owned && fchmod(fd, 0700) == 0;
+    if (fd >= 0) {
+        close(fd);
+    }
+    if (!closed) {
+        LOG(ERROR) << "cannot prepare the staging folder " << root << InstallAction::sLocalInstallTmpDir << ": "
+                   << (fd < 0 ? tree.lastError() : std::string("it belongs to someone else"));
+        return std::string();
+    }
+    return root + InstallAction::sLocalInstallTmpDir;
+}
+
+void PackageFiles::sLogSignRefusal(const char* who, int code, int err) {
+    if (code == 0) {
+        return;
+    }
+    std::string reason = packagesign::describeResult(code);
+    if ((code == packagesign::kWriteFailed || code == packagesign::kUnreadableFile) && err != 0) {
+        reason += std::string(" (") + std::strerror(err) + ")";
+    }
+    LOG(ERROR) << who << " package refused: " << reason;
+}
 
 ApiErrorCode PackageFiles::sPutPackageToTmpDir(const std::string& package, std::string& tmpDir, std::string& zipPath) {
     if (package.empty()) {
@@ -156,13 +279,16 @@ ApiErrorCode PackageFiles::sPutPackageToTmpDir(const std::string& package, std::
     if (!datacenter::File::sExists(package)) {
         return API_PACKAGE_NOT_EXIST;
     }
-    tmpDir = PluginManager::sGetPluginRootPath() + InstallAction::sLocalInstallTmpDir;
-    if (!datacenter::Directory::sExists(tmpDir)) {
-        datacenter::Directory::sCreateDirectory(tmpDir);
+    tmpDir = sStagingDir();
+    if (tmpDir.empty()) {
+        return API_VERIFY_SIGN_FAILED;
     }
     zipPath = tmpDir + "korvia.zip";
+    errno = 0;
     const int code = verifyPackage(package, zipPath, tmpDir + "dev", InstallAction::sCaCertPath());
+    const int err = errno;
     LOG(INFO) << "installFromLocal signCode is " << code;
+    sLogSignRefusal("installFromLocal", code, err);
     return code == 0 ? API_SUCCESS : API_VERIFY_SIGN_FAILED;
 }
 
@@ -213,8 +339,13 @@ bool PackageFiles::sUnzip(const std::string& zipPath, const std::string& destDir
     if (!collectEntries(archive.get(), destDir, entries)) {
         return false;
     }
+    datacenter::PluginTree tree(destDir);
+    if (!tree.isOpen()) {
+        LOG(ERROR) << "unzip failed. cannot open " << destDir << ": " << tree.lastError();
+        return false;
+    }
     for (const Entry& entry : entries) {
-        if (!extractEntry(archive.get(), entry, destDir)) {
+        if (!extractEntry(archive.get(), tree, entry, destDir)) {
             return false;
         }
     }

@@ -14,7 +14,16 @@ public:
     // Checks `package`'s signature into the working directory below the plugin
     // root: 0, 2 (empty path), 2503 (missing) or 2508 (not authentic).
     static ApiErrorCode sPutPackageToTmpDir(const std::string& package, std::string& tmpDir, std::string& zipPath);
-    // The "plugin_id" of the payload's "manifest", or "" when there is none.
+    // The folder where packages are downloaded and verified payloads staged:
+    // "local_install_tmp/" below the plugin root, owned by the installer and
+    // closed to everyone else (0700), so nothing verified can be swapped
+    // before it is read. "" when it cannot be made safe (the reason is logged).
+    static std::string sStagingDir();
+    // Logs why the signing library refused a package, in words, after the
+    // line with its code. `err` is errno right after the call.
+    static void sLogSignRefusal(const char* who, int code, int err);
+    // The "plugin_id" of the payload's "manifest", or "" when there is none
+    // (or when the manifest would pull in other files with "@include").
     static std::string sGetIdFromPackage(const std::string& zipPath);
     // Unpacks every file entry below `destDir`. Refuses, before writing
     // anything, archives with entries that are absolute, climb out with "..",

@@ -1,0 +1,302 @@
+// Hostile packages and hostile plugin trees, replayed through the installplugin
+// binary: archives that try to write outside the plugin (tests/data/hostile),
+// links a plugin plants in its own directory before an upgrade or a
+// configuration write, and special files given as packages. Each case checks
+// the result code and that nothing outside the plugin's directory changed.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <boost/filesystem.hpp>
+#include <fstream>
+#include <map>
+#include <sstream>
+
+#include "Plugin/PluginManager.h"
+#include "common/ApiErrorCode.h"
+#include "common/Singleton.h"
+#include "support/HttpTestServer.h"
+#include "support/LogCapture.h"
+#include "support/PackageFactory.h"
+#include "support/TestSupport.h"
+
+namespace fs = boost::filesystem;
+using testsupport::PackageFactory;
+using testsupport::PackageSpec;
+using testsupport::readFile;
+using testsupport::underRoot;
+using testsupport::writeFile;
+
+namespace {
+
+const std::string kId = "5017400000000000100";
+
+testsupport::CommandResult installplugin(const std::string& args) {
+    // The time limit only turns a hang into a failure; no case comes near it.
+    return testsupport::runCommand("DATACENTER_INSTALLPLUGIN_DELAY_MS=0 DATACENTER_ROOT=" + testsupport::root() +
+                                   " timeout 120 " + testsupport::buildDir() + "/apps/installplugin " + args +
+                                   " 2>/dev/null");
+}
+
+std::string dataDir() {
+    return underRoot("/userdisk/appdata/") + kId + "/";
+}
+
+std::string codeLine(int code) {
+    return code == 0 ? "installplugin succeed!" : "installplugin failed. code is " + std::to_string(code);
+}
+
+bool installs(const testsupport::CommandResult& result, int code) {
+    return result.output.find(codeLine(code) + "\n") != std::string::npos;
+}
+
+// Type, permission bits and content of every entry below the root, except the
+// plugin's own directory and the folders the installer keeps for itself.
+std::map<std::string, std::string> outsideSnapshot() {
+    std::map<std::string, std::string> entries;
+    const std::string root = testsupport::root();
+    const std::string own = dataDir().substr(0, dataDir().size() - 1);
+    boost::system::error_code ec;
+    for (fs::recursive_directory_iterator it(root, ec), end; !ec && it != end; it.increment(ec)) {
+        const std::string path = it->path().string();
+        const bool mine = path == own || path.compare(0, own.size() + 1, own + "/") == 0;
+        bool skipped = mine;
+        for (const char* own : {"/userdisk/appdata/app_infos", "/userdisk/appdata/local_install_tmp", "/scratch",
+                                "/test-pki", "/tmp/sim-commands.log"}) {
+            skipped = skipped || path == underRoot(own);
+        }
+        if (skipped) {
+            if (fs::is_directory(fs::symlink_status(path))) {
+                it.disable_recursion_pending();
+            }
+            continue;
+        }
+        struct stat st;
+        lstat(path.c_str(), &st);
+        std::ostringstream line;
+        line << std::oct << st.st_mode;
+        if (S_ISREG(st.st_mode)) {
+            line << " " << std::hash<std::string>()(readFile(path));
+        } else if (S_ISLNK(st.st_mode)) {
+            line << " -> " << fs::read_symlink(path).string();
+            it.disable_recursion_pending();
+        }
+        entries[path] = line.str();
+    }
+    return entries;
+}
+
+// The entries that differ between two snapshots, one per line.
+std::string changes(const std::map<std::string, std::string>& before, const std::map<std::string, std::string>& after) {
+    std::string text;
+    for (const auto& entry : after) {
+        const auto old = before.find(entry.first);
+        if (old == before.end() || old->second != entry.second) {
+            text += "changed or new: " + entry.first + "\n";
+        }
+    }
+    for (const auto& entry : before) {
+        if (after.count(entry.first) == 0) {
+            text += "gone: " + entry.first + "\n";
+        }
+    }
+    return text;
+}
+
+// A folder and a root-only file outside every plugin, for links to aim at.
+void makeBait() {
+    writeFile(underRoot("/bait/secret.txt"), "secret");
+    chmod(underRoot("/bait/secret.txt").c_str(), 0600);
+}
+
+std::string corpusDir() {
+    return testsupport::sourceDir() + "/tests/data/hostile";
+}
+
+}  // namespace
+
+TEST(HostileCorpus, EveryArchiveIsRefusedWithItsCodeAndNothingOutsideChanges) {
+    PackageFactory factory;
+    makeBait();
+    const std::string out = testsupport::makeScratchDir("corpus");
+    writeFile(out + "/manifest", PackageFactory::manifestText(PackageSpec()));
+    const testsupport::CommandResult made =
+        testsupport::runCommand("python3 " + corpusDir() + "/make-corpus.py " + out + "/manifest " + out);
+    ASSERT_EQ(0, made.exitStatus);
+    // The first run lays out the router's own files; only later runs are compared.
+    installplugin("-f " + testsupport::root() + "/missing.qpk");
+    std::ifstream list(corpusDir() + "/corpus.txt");
+    int cases = 0;
+    for (std::string name, code; list >> name;) {
+        if (name[0] == '#') {
+            std::getline(list, name);
+            continue;
+        }
+        list >> code;
+        const std::map<std::string, std::string> before = outsideSnapshot();
+        const std::string package = factory.sign(out + "/" + name + ".zip", 0, "developer", name);
+        const testsupport::CommandResult result = installplugin("-f " + package);
+        EXPECT_TRUE(installs(result, std::stoi(code))) << name << "\n" << result.output;
+        EXPECT_EQ("", changes(before, outsideSnapshot())) << name;
+        // A refused fresh installation leaves no plugin behind.
+        EXPECT_FALSE(fs::exists(fs::symlink_status(dataDir() + "etc/manifest"))) << name;
+        ++cases;
+    }
+    EXPECT_EQ(19, cases);
+    EXPECT_EQ("secret", readFile(underRoot("/bait/secret.txt")));
+}
+
+TEST(HostileCorpus, ArchivesFromZip7ZipAndBsdtarInstallWithTheirDirectories) {
+    PackageFactory factory;
+    const std::string tree = testsupport::makeScratchDir("tooltree");
+    writeFile(tree + "/manifest", PackageFactory::manifestText(PackageSpec()));
+    writeFile(tree + "/bin/app", "app");
+    writeFile(tree + "/www/css/site.css", "body{}");
+    fs::create_directories(tree + "/data/empty");
+    const std::map<std::string, std::string> tools = {
+        {"zip", "zip -qr ../tool-zip.zip manifest bin www data"},
+        {"7z", "7z a -tzip -bd ../tool-7z.zip manifest bin www data >/dev/null"},
+        {"bsdtar", "bsdtar --format zip -cf ../tool-bsdtar.zip manifest bin www data"},
+    };
+    for (const auto& tool : tools) {
+        const std::string zip = tree + "/../tool-" + tool.first + ".zip";
+        ASSERT_EQ(0, testsupport::runCommand("cd " + tree + " && " + tool.second).exitStatus) << tool.first;
+        const std::string listing = testsupport::runCommand("unzip -Z1 " + zip).output;
+        ASSERT_NE(std::string::npos, listing.find("bin/\n")) << tool.first << " wrote no directory entry";
+        const testsupport::CommandResult result = installplugin("-f " + factory.sign(zip, 0, "developer", tool.first));
+        EXPECT_TRUE(installs(result, 0)) << tool.first << "\n" << result.output;
+        EXPECT_EQ("body{}", readFile(dataDir() + "www/css/site.css")) << tool.first;
+        struct stat st;
+        ASSERT_EQ(0, stat((dataDir() + "data/empty").c_str(), &st)) << tool.first;
+        EXPECT_TRUE(S_ISDIR(st.st_mode));
+        EXPECT_EQ(0777u, st.st_mode & 0777) << tool.first;
+    }
+}
+
+TEST(HostileCorpus, AManifestThatIncludesAnotherFileHasNoId) {
+    PackageFactory factory;
+    // With includes followed, the id and every other setting would come from a file of the router.
+    writeFile(underRoot("/bait/settings.cfg"), PackageFactory::manifestText(PackageSpec()));
+    const std::string manifest = "@include \"" + underRoot("/bait/settings.cfg") + "\"\n";
+    const std::string zip = factory.rawZip({{"manifest", manifest}, {"bin/app", "app"}}, {}, "include");
+    const testsupport::CommandResult result = installplugin("-f " + factory.sign(zip, 0, "developer", "include"));
+    EXPECT_TRUE(installs(result, API_GET_PACKAGE_FAILED)) << result.output;
+    EXPECT_FALSE(fs::exists(dataDir() + "bin/app"));
+}
+
+TEST(HostileCorpus, AFifoGivenAsThePackageFailsInsteadOfHanging) {
+    const std::string fifo = testsupport::root() + "/pipe.qpk";
+    ASSERT_EQ(0, mkfifo(fifo.c_str(), 0666));
+    const testsupport::CommandResult result = installplugin("-f " + fifo);
+    EXPECT_TRUE(installs(result, API_VERIFY_SIGN_FAILED)) << result.output;
+}
+
+TEST(HostilePlantedLinks, AnUpgradeNeverWritesThroughALinkThePluginPlanted) {
+    PackageFactory factory;
+    makeBait();
+    PackageSpec v1;
+    ASSERT_TRUE(installs(installplugin("-f " + factory.build(v1, "v1")), 0));
+    PackageSpec v2 = v1;
+    v2.manifest["version"] = "1.0.1";
+    v2.files["www/new.html"] = "new";
+    struct Plant {
+        const char* what;
+        std::string link;
+        std::string target;
+        int code;
+    };
+    const std::vector<Plant> plants = {
+        {"folder of the package", "www", underRoot("/bait"), API_UNZIP_FAILED},
+        {"file of the package", "bin/app", underRoot("/bait/secret.txt"), API_UNZIP_FAILED},
+        {"folder of the manifest", "etc", underRoot("/bait"), API_UNZIP_MOVE_FAILED},
+    };
+    for (const Plant& plant : plants) {
+        const std::string link = dataDir() + plant.link;
+        const std::string saved = link + ".saved";
+        fs::rename(link, saved);
+        fs::create_symlink(plant.target, link);
+        const std::map<std::string, std::string> before = outsideSnapshot();
+        const testsupport::CommandResult result = installplugin("-f " + factory.build(v2, "v2"));
+        EXPECT_TRUE(installs(result, plant.code)) << plant.what << "\n" << result.output;
+        EXPECT_EQ("", changes(before, outsideSnapshot())) << plant.what;
+        fs::remove(link);
+        fs::rename(saved, link);
+    }
+    struct stat st;
+    ASSERT_EQ(0, stat(underRoot("/bait/secret.txt").c_str(), &st));
+    EXPECT_EQ(0600u, st.st_mode & 0777);
+    EXPECT_EQ("secret", readFile(underRoot("/bait/secret.txt")));
+}
+
+TEST(HostilePlantedLinks, ConfigurationFileLinkedOutsideIsNeitherOpenedNorChmodded) {
+    PackageFactory factory;
+    makeBait();
+    ASSERT_TRUE(installs(installplugin("-f " + factory.build(PackageSpec(), "v1")), 0));
+    const std::string config = dataDir() + "etc/plugin_config";
+    fs::remove(config);
+    fs::create_symlink(underRoot("/bait/secret.txt"), config);
+
+    // An upgrade recreates the configuration file only where it is a file of the plugin's own.
+    PackageSpec v2;
+    v2.manifest["version"] = "1.0.1";
+    const std::map<std::string, std::string> before = outsideSnapshot();
+    EXPECT_TRUE(installs(installplugin("-f " + factory.build(v2, "v2")), 0));
+    EXPECT_EQ("", changes(before, outsideSnapshot()));
+
+    // A configuration write through the manager refuses the link.
+    PluginManager* manager = Singleton<PluginManager>::instance();
+    EXPECT_EQ(API_CONFIG_FILE_OPEN_FAILED, manager->setPluginConfigData(kId, "color", "red"));
+    std::string value;
+    EXPECT_EQ(API_CONFIG_FILE_OPEN_FAILED, manager->getPluginConfigData(kId, "color", value));
+    fs::remove(config);
+    fs::remove_all(dataDir() + "etc.real");
+    fs::rename(dataDir() + "etc", dataDir() + "etc.real");
+    fs::create_symlink(underRoot("/bait"), dataDir() + "etc");
+    EXPECT_EQ(API_CONFIG_FILE_OPEN_FAILED, manager->setPluginConfigData(kId, "color", "red"));
+    EXPECT_EQ("", changes(before, outsideSnapshot()));
+
+    struct stat st;
+    ASSERT_EQ(0, stat(underRoot("/bait/secret.txt").c_str(), &st));
+    EXPECT_EQ(0600u, st.st_mode & 0777);
+    EXPECT_EQ("secret", readFile(underRoot("/bait/secret.txt")));
+    EXPECT_FALSE(fs::exists(underRoot("/bait/plugin_config")));
+}
+
+TEST(HostilePlantedLinks, DownloadsAreStagedAwayFromWhatThePluginPlanted) {
+    PackageFactory factory;
+    PluginManager* manager = Singleton<PluginManager>::instance();
+    ASSERT_EQ(API_SUCCESS, manager->installFromLocal(factory.build(PackageSpec(), "v1"), false));
+    // A FIFO where the download used to go would block the installing thread for good.
+    ASSERT_EQ(0, mkfifo((dataDir() + "korvia.qpk").c_str(), 0666));
+    // A link where the staging folder goes is removed, never followed.
+    makeBait();
+    fs::create_symlink(underRoot("/bait"), underRoot("/userdisk/appdata/local_install_tmp"));
+    PackageSpec v2;
+    v2.signType = 1;
+    v2.signer = "official";
+    v2.manifest["version"] = "1.0.1";
+    testsupport::HttpTestServer server;
+    server.route("/v2.qpk", testsupport::HttpResponse::text(200, readFile(factory.build(v2, "v2"))));
+    ASSERT_EQ(API_SUCCESS, manager->upgradeFromServer(kId, server.url("/v2.qpk")));
+    ASSERT_TRUE(manager->waitForInstallation(60000));
+    datacenter::PluginInfo info;
+    manager->getUrlInstallPlugin(info);
+    EXPECT_EQ(API_SUCCESS, info.errorCode);
+    EXPECT_EQ(fs::fifo_file, fs::symlink_status(dataDir() + "korvia.qpk").type());
+    struct stat staging;
+    ASSERT_EQ(0, lstat(underRoot("/userdisk/appdata/local_install_tmp").c_str(), &staging));
+    EXPECT_TRUE(S_ISDIR(staging.st_mode));
+    EXPECT_EQ(0700u, staging.st_mode & 0777);
+    EXPECT_EQ(1, std::distance(fs::directory_iterator(underRoot("/bait")), fs::directory_iterator()));
+}
+
+TEST(HostileCorpus, ARefusedSignatureIsExplainedInWords) {
+    PackageFactory factory;
+    PackageSpec spec;
+    spec.signer = "expired";
+    const std::string package = factory.build(spec, "expired");
+    testsupport::LogCapture log;
+    EXPECT_EQ(API_VERIFY_SIGN_FAILED, Singleton<PluginManager>::instance()->installFromLocal(package, true));
+    EXPECT_TRUE(log.contains("installFromLocal signCode is -5"));
+    EXPECT_TRUE(log.contains("installFromLocal package refused: certificate expired or not yet valid"));
+}
