@@ -53,3 +53,23 @@ sim_exit_status() {
         printf '%s\n' "$3"
     fi
 }
+
+# Prints the plugin directory argument $1 when it lies below the simulated
+# root without climbing out of it; refuses anything else (exit 2).
+sim_plugin_dir() {
+    _sim_root=$(sim_root) || exit 127
+    case "$1" in
+        "$_sim_root"/*) ;;
+        *)
+            echo "$(basename "$0"): '$1' is not below $_sim_root" >&2
+            exit 2
+            ;;
+    esac
+    case "/$1/" in
+        */../* | */./*)
+            echo "$(basename "$0"): '$1' climbs out" >&2
+            exit 2
+            ;;
+    esac
+    printf '%s\n' "${1%/}"
+}
