@@ -40,8 +40,9 @@ ApiErrorCode runMount(const std::string& command, const char* failure) {
 
 // Mount points end up in a command line: only plain path characters pass.
 bool isPlainPath(const std::string& path) {
-    return !path.empty() && path.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_./-") ==
-                                std::string::npos;
+    return !path.empty() &&
+           path.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_./-") ==
+               std::string::npos;
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <iostream>
 #include <mutex>
 #include <stdexcept>
+#include <vector>
 
 #include "DataBase/PluginStorageManager.h"
 #include "Plugin/GlobalLinkPlugin.h"
@@ -26,29 +27,6 @@ const int kWebTimeoutSeconds = 5;
 
 std::mutex gWebHostMutex;
 std::string gWebHost = "localhost";
-
-// Raised when json-c cannot allocate an object.
-class JsonObjectBadAllocException : public std::runtime_error {
-public:
-    JsonObjectBadAllocException() : std::runtime_error("json object bad alloc") {}
-};
-
-json_object* checked(json_object* object) {
-    if (!object) {
-        throw JsonObjectBadAllocException();
-    }
-    return object;
-}
-
-json_object* metricsObject(const PidMetrics& metrics) {
-    json_object* item = checked(json_object_new_object());
-    json_object_object_add(item, "pid", checked(json_object_new_int(metrics.pid)));
-    json_object_object_add(item, "cpuPercent", checked(json_object_new_double(metrics.cpuPercent)));
-    json_object_object_add(item, "memPercent", checked(json_object_new_double(metrics.memPercent)));
-    json_object_object_add(item, "readKBPerSec", checked(json_object_new_double(metrics.readKBPerSec)));
-    json_object_object_add(item, "writeKBPerSec", checked(json_object_new_double(metrics.writeKBPerSec)));
-    return item;
-}
 
 bool isPlainDecimal(const std::string& text) {
     return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
@@ -116,8 +94,7 @@ ApiErrorCode PluginManager::getOnePlugin(std::vector<datacenter::PluginInfo>& ou
     return API_SUCCESS;
 }
 
-ApiErrorCode PluginManager::getPluginInstallProgress(std::vector<datacenter::PluginInfo>& out,
-                                                     const std::string& ids) {
+ApiErrorCode PluginManager::getPluginInstallProgress(std::vector<datacenter::PluginInfo>& out, const std::string& ids) {
     out.clear();
     ApiErrorCode result = API_SUCCESS;
     if (ids.empty()) {
@@ -205,7 +182,7 @@ ApiErrorCode PluginManager::monitorPlugin(const std::string& id, json_object* ar
     }
     try {
         for (const PidMetrics& one : metrics) {
-            json_object_array_add(array, metricsObject(one));
+            json_object_array_add(array, pidMetricsToJson(one));
         }
         LOG(INFO) << "PluginManager::monitoryPlugin, parray: " << json_object_to_json_string(array);
     } catch (const JsonObjectBadAllocException&) {
