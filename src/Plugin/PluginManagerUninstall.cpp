@@ -77,7 +77,8 @@ bool removeIterativeAt(int parentFd, const std::string& name, const std::string&
     if (!entry->second) {
         return true;
     }
-    const datacenter::UniqueFd dir = TreeRemoval::sOpenAt(parentFd, name);
+    const datacenter::UniqueFd dir =
+        parentFd == AT_FDCWD ? TreeRemoval::sOpenDirectory(name) : TreeRemoval::sOpenAt(parentFd, name);
     std::vector<std::string> names;
     if (!dir.valid() || !TreeRemoval::sList(dir.get(), names)) {
         throw std::runtime_error("cannot walk " + path);
