@@ -1,13 +1,6 @@
 #!/bin/sh
-# Stand-in for the router's sandbox script: "prepare_mount_proc.sh DIR".
-# Logs its arguments and creates the mount point DIR/proc; exits with the status in
-# $DATACENTER_ROOT/sim/prepare_mount_proc.sh/run.exit (0 by default), printing
-# $DATACENTER_ROOT/sim/prepare_mount_proc.sh/output when that file exists.
+# Stand-in for the router's sandbox script "prepare_mount_proc.sh DIR": logs its
+# arguments and creates the mount point DIR/proc (see sim_sandbox_script in sim-lib.sh).
 . "$(dirname "$0")/sim-lib.sh"
 sim_log "$0" "$@"
-status=$(sim_exit_status prepare_mount_proc.sh run 0)
-[ "$status" = 0 ] || exit "$status"
-dir=$(sim_plugin_dir "${1:-}") || exit $?
-mkdir -p "$dir/proc"
-sim_answer prepare_mount_proc.sh output || true
-exit 0
+sim_sandbox_script prepare_mount_proc.sh "${1:-}" proc
