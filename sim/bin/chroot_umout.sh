@@ -1,6 +1,15 @@
 #!/bin/sh
-# Stand-in for the router's chroot unmount script: logs its arguments and
-# exits with the status in $DATACENTER_ROOT/sim/chroot_umout.sh/run.exit (0 by default).
+# Stand-in for the router's chroot unmount script: "chroot_umout.sh DIR".
+# Logs its arguments, "unmounts" the sandbox by removing the mount-point
+# folders proc, dev, cache_dir and userdata of DIR when they are empty (a
+# folder with content is a plugin's own data and stays), and exits with the
+# status in $DATACENTER_ROOT/sim/chroot_umout.sh/run.exit (0 by default).
 . "$(dirname "$0")/sim-lib.sh"
 sim_log "$0" "$@"
-exit "$(sim_exit_status chroot_umout.sh run 0)"
+status=$(sim_exit_status chroot_umout.sh run 0)
+[ "$status" = 0 ] || exit "$status"
+dir=$(sim_plugin_dir "${1:-}") || exit $?
+for point in proc dev cache_dir userdata; do
+    [ -d "$dir/$point" ] && [ ! -L "$dir/$point" ] && rmdir "$dir/$point" 2>/dev/null
+done
+exit 0

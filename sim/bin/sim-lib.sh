@@ -53,3 +53,41 @@ sim_exit_status() {
         printf '%s\n' "$3"
     fi
 }
+
+# Prints the plugin directory argument $1 when it lies below the simulated
+# root without climbing out of it; refuses anything else (exit 2).
+sim_plugin_dir() {
+    _sim_root=$(sim_root) || exit 127
+    case "$1" in
+        "$_sim_root"/*) ;;
+        *)
+            echo "$(basename "$0"): '$1' is not below $_sim_root" >&2
+            exit 2
+            ;;
+    esac
+    case "/$1/" in
+        */../* | */./*)
+            echo "$(basename "$0"): '$1' climbs out" >&2
+            exit 2
+            ;;
+    esac
+    printf '%s\n' "${1%/}"
+}
+
+# The body of the sandbox script stand-ins: "sim_sandbox_script NAME DIR
+# FOLDER...". Exits with the status scripted in sim/NAME/run.exit before
+# touching anything, checks DIR with sim_plugin_dir, creates each FOLDER
+# (the script's mount points) in it, prints sim/NAME/output when present.
+sim_sandbox_script() {
+    _sim_name=$1
+    _sim_dir_arg=$2
+    shift 2
+    _sim_status=$(sim_exit_status "$_sim_name" run 0)
+    [ "$_sim_status" = 0 ] || exit "$_sim_status"
+    _sim_dir=$(sim_plugin_dir "$_sim_dir_arg") || exit $?
+    for _sim_folder in "$@"; do
+        mkdir -p "$_sim_dir/$_sim_folder"
+    done
+    sim_answer "$_sim_name" output || true
+    exit 0
+}

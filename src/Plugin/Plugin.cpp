@@ -20,12 +20,17 @@
 
 namespace {
 
-// A whole signed decimal int, or false.
+// A process id that may be signalled: a plain decimal above 1. Signs,
+// blanks and 0, 1 or -1 are refused: as root, kill(0) hits our own process
+// group, kill(-1) every process and kill(1) init.
 bool parsePid(const std::string& text, int& pid) {
+    if (text.empty() || text.size() > 10 || text.find_first_not_of("0123456789") != std::string::npos) {
+        return false;
+    }
     char* end = nullptr;
     errno = 0;
     const long value = std::strtol(text.c_str(), &end, 10);
-    if (text.empty() || *end != '\0' || errno != 0 || value < INT_MIN || value > INT_MAX) {
+    if (*end != '\0' || errno != 0 || value <= 1 || value > INT_MAX) {
         return false;
     }
     pid = static_cast<int>(value);

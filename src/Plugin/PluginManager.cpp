@@ -8,8 +8,6 @@
 #include <libconfig.h++>
 
 #include "DataBase/PluginStorageManager.h"
-#include "Plugin/GlobalLinkPlugin.h"
-#include "Plugin/OrbisStorePlugin.h"
 #include "Plugin/PluginManagerExtend.h"
 #include "common/PluginId.h"
 #include "common/ShellArgument.h"
@@ -196,46 +194,4 @@ ApiErrorCode PluginManager::generatePluginSSHManifest(std::string id, const std:
     }
     datacenter::File::sRawCopyFile(manifest, sGetPluginRootPath() + sDeveloperSSHInfoManifest);
     return API_SUCCESS;
-}
-
-ApiErrorCode PluginManager::getPluginList(std::vector<datacenter::PluginInfo>& out) {
-    out.clear();
-    const std::map<std::string, datacenter::PluginInfo> infos =
-        Singleton<PluginStorageManager>::instance()->getPluginInfos();
-    LOG(WARNING) << "getPluginList DB count is " << infos.size();
-    for (const auto& entry : infos) {
-        out.push_back(entry.second);
-    }
-    return API_SUCCESS;
-}
-
-void PluginManager::updatePluginListToServer() {
-    std::vector<datacenter::PluginInfo> plugins;
-    getPluginList(plugins);
-    if (plugins.empty()) {
-        return;
-    }
-    std::string ids;
-    for (const datacenter::PluginInfo& plugin : plugins) {
-        // Only plain ids go onto the command line; anything else is no id this system made.
-        if (datacenter::isSafePluginId(plugin.id)) {
-            ids += (ids.empty() ? "" : ",") + plugin.id;
-        }
-    }
-    if (ids.empty()) {
-        return;
-    }
-    std::string output;
-    CommonUtils::sCallSystem("matool --method setKV --params plugin_id_list " + datacenter::shellArgument(ids), output);
-}
-
-boost::shared_ptr<PluginItemBase> PluginManager::getItem(ApiPluginCode code) {
-    switch (code) {
-        case API_PLUGIN_ORBIS_STORE:
-            return boost::shared_ptr<PluginItemBase>(new OrbisStorePlugin());
-        case API_PLUGIN_GLOBAL_LINK:
-            return boost::shared_ptr<PluginItemBase>(new GlobalLinkPlugin());
-        default:
-            return boost::shared_ptr<PluginItemBase>();
-    }
 }

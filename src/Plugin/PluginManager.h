@@ -10,12 +10,15 @@
 #include <string>
 #include <vector>
 
+#include "Plugin/PidMetrics.h"
 #include "Plugin/Plugin.h"
 #include "Plugin/PluginItemBase.h"
 #include "Plugin/installAction/InstallAction.h"
 #include "Plugin/zkfactory.h"
 #include "common/ApiErrorCode.h"
 #include "common/PluginInfo.h"
+
+struct json_object;
 
 class PluginManager {
 public:
@@ -75,15 +78,74 @@ public:
     // 32 upper-case hexadecimal digits from a new random UUID.
     static std::string sNewSdkToken();
 
-    // ---- Listing ----------------------------------------------------------
+    // ---- Listing, progress and metrics ------------------------------------
+    // Every stored record in ascending id order. Always 0.
     ApiErrorCode getPluginList(std::vector<datacenter::PluginInfo>& out);
+    // The running (or last failed) installation's record when it is this id,
+    // else the stored record; empty for an unknown plugin. Always 0.
+    ApiErrorCode getOnePlugin(std::vector<datacenter::PluginInfo>& out, const std::string& id);
+    // One record per ";"-separated id, in order (a default record with status
+    // 0 for an unknown one; progress 100 while installing). Returns the last
+    // getOnePlugin result, 0 for an empty list.
+    ApiErrorCode getPluginInstallProgress(std::vector<datacenter::PluginInfo>& out, const std::string& ids);
     // Publishes the installed ids through "matool"; nothing when none is installed.
     void updatePluginListToServer();
+    // Appends one record per recorded pid of the plugin ("top" and a one-second
+    // "pidstat" sample each). False for an unsafe id or at the first pid entry
+    // that is not a plain decimal of at most 10 digits (records so far stay).
+    bool getPluginMetrics(const std::string& id, std::vector<PidMetrics>& out) const;
+    // Gathers the plugin's metrics and appends one JSON object per PidMetrics
+    // ("pid", "cpuPercent", "memPercent", "readKBPerSec", "writeKBPerSec") to
+    // `array`: 0, or 3 when `array` is null.
+    ApiErrorCode monitorPlugin(const std::string& id, json_object* array) const;
     // The item for code 1 or 3; empty for any other code.
     boost::shared_ptr<PluginItemBase> getItem(ApiPluginCode code);
+    // The 17 characters after the first "HWaddr " of "ifconfig": 0, or 2502
+    // (out unchanged) when the command fails or names no address.
+    ApiErrorCode getRouterMac(std::string& out);
+    // The router web API's device list, unparsed: 0, or 2502 when the request fails.
+    ApiErrorCode getConnectedDeviceList(std::string& out);
+    // Switches a device's internet access: 0, or 2502 when the request fails
+    // or `mac` holds anything but hexadecimal digits, ":" and "-".
+    ApiErrorCode SetDeviceWan(const std::string& mac, bool allow);
+    // Whether the maker's service offers this plugin version in the router's
+    // country; false for an unsafe id.
+    bool checkCountryCode(const std::string& id);
+    // Host (and optional port) of the router's web API; "localhost" by default.
+    static std::string sRouterWebHost();
+    static void sSetRouterWebHost(const std::string& host);
+
+    // ---- Uninstall and clean ----------------------------------------------
+    // Takes the plugin off the router, leaving the sandbox skeleton in its
+    // directory: 0, 2528 (built-in), 2 (empty id), 2502 (unsafe id, unmount or
+    // record removal failed; nothing runs for an unsafe id), 2506 (this plugin
+    // is being installed), the disable step's code, or 4.
+    ApiErrorCode uninstallPlugin(const std::string& id);
+    // Removes what was added to the plugin's directory since installation and
+    // restarts it: 0, 1081 (no readable file record), 1001 (removal failed),
+    // 2502 for an unsafe id (nothing runs).
+    ApiErrorCode cleanPlugin(const std::string& id);
+    // Removal walk with a keep map (true: keep and walk into; false: keep
+    // whole; absent: remove). Links are removed as links, never followed.
+    // False when `path` is missing or a removal fails.
+    bool removeFileIterative(const std::string& path, const std::map<std::string, bool>& keep) const;
+    // Does nothing.
+    void cleanPluginWhenFailed(const std::string& id);
+
+    // ---- Chroot sandbox and capabilities ----------------------------------
+    // Run "chroot_run_script.sh <dir> ..." with output: 0, or 2502 for an
+    // empty or unsafe id or argument (nothing runs) or when it cannot start.
+    ApiErrorCode chrootRunCommand(const std::string& id, const std::string& command, std::string& output);
+    ApiErrorCode chrootRunScript(const std::string& id, const std::string& script, std::string& output);
+    ApiErrorCode chrootRunbinary(const std::string& id, const std::string& binary, std::string& output);
+    // Whether the plugin presenting `token` may use `capability`: 0 (see
+    // `allowed`), 2519 for a wrong token, 5 for an unknown or unsafe id.
+    ApiErrorCode verifyCapability(const std::string& id, const std::string& token, const std::string& capability,
+                                  bool& allowed);
 
     // ---- Status changes ---------------------------------------------------
-    // 0, 3, 4, 2510, 2530 (no manifest), 2534 (exception), or the hook's own code.
+    // 0, 3, 4, 2510, 2530 (no manifest; also for an unsafe id, before anything
+    // runs), 2534 (exception), or the hook's own code.
     ApiErrorCode changePluginStatus(const std::string& id, datacenter::PluginStatus status);
     // The same, with statusMutex_ already held.
     ApiErrorCode changePluginStatusImpl(const std::string& id, datacenter::PluginStatus status);
@@ -130,7 +192,7 @@ public:
     void mvTimemachinePluginData(const std::string& from, const std::string& to) const;
     // Empties the plugin's directory down to the sandbox skeleton: 0, or 4 without a directory.
     ApiErrorCode cleanPluginImpl(const std::string& id) const;
-    // Unmounts and removes the plugin's chroot folders: 0 or 2502.
+    // Unmounts and removes the plugin's chroot folders: 0, or 2502 (also for an unsafe id).
     ApiErrorCode umountRemoveChrootFolder(const std::string& id, std::string& output);
 
     bool isUndeletable(const std::string& id) const { return undeletableIds_.count(id) != 0; }
@@ -138,6 +200,7 @@ public:
 
 private:
     void registerPluginKinds();
+    void removeEtcDirectory(const std::string& id) const;
 
     boost::mutex installMutex_;
     boost::mutex statusMutex_;

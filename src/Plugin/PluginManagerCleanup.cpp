@@ -1,18 +1,17 @@
-// Removing what a plugin left behind: its chroot mounts, and the files of its
-// directory down to the sandbox skeleton that every plugin directory keeps.
+// Emptying a plugin's directory down to the sandbox skeleton that every
+// plugin directory keeps. The directory belongs to the plugin, which may have
+// planted links anywhere in it, so the walk works on directory descriptors
+// and removes a link as a link, never looking behind it.
 #include <glog/logging.h>
 
 #include <algorithm>
-#include <boost/filesystem.hpp>
 #include <vector>
 
 #include "Plugin/PluginManager.h"
-#include "common/ShellArgument.h"
-#include "storage/File.h"
-#include "system/CommonUtils.h"
+#include "storage/TreeRemoval.h"
 #include "system/RootPrefix.h"
 
-namespace fs = boost::filesystem;
+using datacenter::TreeRemoval;
 
 namespace {
 
@@ -40,22 +39,45 @@ bool contains(const std::vector<std::string>& sorted, const std::string& value) 
 
 class MyRemoveFiles {
 public:
-    static void myDeleteFiles(const fs::path& root, const fs::path& path) {
+    // Walks the open directory `dirFd`, whose path is `path` (root + its
+    // relative path); entries outside the skeleton go, skeleton folders that
+    // are walked into are handled the same way one level down.
+    static void myDeleteFiles(const std::string& root, const std::string& path, int dirFd) {
+        LOG(INFO) << "Fun, MyRemoveFiles::myDeleteFiles: isNotLeafNode: " << path;
+        std::vector<std::string> names;
+        if (!TreeRemoval::sList(dirFd, names)) {
+            LOG(ERROR) << "Fun, MyRemoveFiles::myDeleteFiles: exception: cannot list " << path;
+            return;
+        }
+        const std::string prefix = path.back() == '/' ? path : path + "/";
+        for (const std::string& name : names) {
+            visit(root, prefix + name, dirFd, name);
+        }
+    }
+
+private:
+    static void visit(const std::string& root, const std::string& path, int parentFd, const std::string& name) {
         try {
-            const std::string rel = path.string().substr(root.string().size());
-            boost::system::error_code ec;
-            if (!contains(skeleton(), rel)) {
-                LOG(INFO) << "Fun, MyRemoveFiles::myDeleteFiles: remove_all: " << path.string();
-                fs::remove_all(path);
-            } else if (!contains(walkedInto(), rel) || !fs::is_directory(fs::symlink_status(path, ec))) {
-                // Kept whole; a link in place of a skeleton folder is never followed.
-                LOG(INFO) << "Fun, MyRemoveFiles::myDeleteFiles: DoNothing " << path.string();
-            } else {
-                LOG(INFO) << "Fun, MyRemoveFiles::myDeleteFiles: isNotLeafNode: " << path.string();
-                for (fs::directory_iterator it(path), end; it != end; ++it) {
-                    myDeleteFiles(root, it->path());
+            const std::string rel = path.substr(root.size());
+            const TreeRemoval::Kind kind = TreeRemoval::sKindAt(parentFd, name);
+            // A link never stands for a skeleton entry: it goes, as a link.
+            if (!contains(skeleton(), rel) || kind == TreeRemoval::LINK) {
+                LOG(INFO) << "Fun, MyRemoveFiles::myDeleteFiles: remove_all: " << path;
+                std::string error;
+                if (!TreeRemoval::sRemoveAt(parentFd, name, error)) {
+                    LOG(ERROR) << "Fun, MyRemoveFiles::myDeleteFiles: exception: " << error;
                 }
+                return;
             }
+            datacenter::UniqueFd child;
+            if (contains(walkedInto(), rel) && kind == TreeRemoval::DIRECTORY) {
+                child = TreeRemoval::sOpenAt(parentFd, name);
+            }
+            if (!child.valid()) {
+                LOG(INFO) << "Fun, MyRemoveFiles::myDeleteFiles: DoNothing " << path;
+                return;
+            }
+            myDeleteFiles(root, path, child.get());
         } catch (const std::exception& e) {
             LOG(ERROR) << "Fun, MyRemoveFiles::myDeleteFiles: exception: " << e.what();
         }
@@ -66,26 +88,15 @@ public:
 
 ApiErrorCode PluginManager::cleanPluginImpl(const std::string& id) const {
     const std::string dir = sGetPluginDataPath(id);
-    if (dir.empty() || !datacenter::File::sExists(dir) || datacenter::RootPrefix::sIsRootItself(dir)) {
+    datacenter::UniqueFd dirFd;
+    if (!dir.empty() && !datacenter::RootPrefix::sIsRootItself(dir)) {
+        dirFd = TreeRemoval::sOpenDirectory(dir);
+    }
+    if (!dirFd.valid()) {
         LOG(ERROR) << "PluginManager::cleanPlugin: plugindir not exists";
         return API_GENERAL_FAILURE;
     }
     const std::string root = dir.substr(0, dir.size() - 1);
-    MyRemoveFiles::myDeleteFiles(root, root + "/");
-    return API_SUCCESS;
-}
-
-ApiErrorCode PluginManager::umountRemoveChrootFolder(const std::string& id, std::string& output) {
-    if (id.empty()) {
-        LOG(ERROR) << "umountRemoveChrootFolder para empty!";
-        return API_FAILED;
-    }
-    if (!CommonUtils::sCallSystem(sUnmountChrootPath + " " + datacenter::shellArgument(sGetPluginDataPath(id)),
-                                  output)) {
-        return API_FAILED;
-    }
-    if (!output.empty() && output.back() == '\n') {
-        output.pop_back();
-    }
+    MyRemoveFiles::myDeleteFiles(root, root + "/", dirFd.get());
     return API_SUCCESS;
 }

@@ -6,6 +6,7 @@
 
 #include "DataBase/PluginStorageManager.h"
 #include "Plugin/PluginManager.h"
+#include "common/PluginId.h"
 #include "common/Singleton.h"
 #include "storage/File.h"
 #include "system/CommonUtils.h"
@@ -20,6 +21,11 @@ const char* const kPushTvAppEnabled = "pushClient {\"type\":32} \"\" \"\" 1";
 
 ApiErrorCode PluginManager::changePluginStatus(const std::string& id, datacenter::PluginStatus status) {
     LOG(INFO) << "PluginManager::changePluginStatus 0 id  " << id << " to " << static_cast<int>(status);
+    // The id names the plugin's manifest and reaches its start and stop commands.
+    if (!datacenter::isSafePluginId(id)) {
+        LOG(ERROR) << "PluginManager::changePluginStatus: invalid plugin id '" << id << "'";
+        return API_NO_MANIFEST;
+    }
     try {
         const std::string manifest = Singleton<PluginStorageManager>::instance()->getManifestFilePath(id);
         if (!datacenter::File::sExists(manifest)) {

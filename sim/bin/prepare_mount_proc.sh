@@ -1,0 +1,6 @@
+#!/bin/sh
+# Stand-in for the router's sandbox script "prepare_mount_proc.sh DIR": logs its
+# arguments and creates the mount point DIR/proc (see sim_sandbox_script in sim-lib.sh).
+. "$(dirname "$0")/sim-lib.sh"
+sim_log "$0" "$@"
+sim_sandbox_script prepare_mount_proc.sh "${1:-}" proc

@@ -1,0 +1,223 @@
+// Uninstalling and cleaning plugins that the real pipeline installed, with
+// the stand-in platform commands on PATH: what stays, what goes, which
+// commands run, and that links planted by a plugin never lead a walk outside
+// its directory.
+#include <gtest/gtest.h>
+
+#include <boost/filesystem.hpp>
+#include <fstream>
+#include <sstream>
+
+#include "DataBase/PluginStorageManager.h"
+#include "Plugin/BinaryPluginManger.h"
+#include "Plugin/PluginManager.h"
+#include "common/Singleton.h"
+#include "support/HttpTestServer.h"
+#include "support/PackageFactory.h"
+#include "support/TestSupport.h"
+
+using testsupport::PackageFactory;
+using testsupport::PackageSpec;
+using testsupport::readFile;
+using testsupport::underRoot;
+using testsupport::writeFile;
+
+namespace fs = boost::filesystem;
+
+namespace {
+
+const std::string kId = "5017400000000000100";
+
+std::string dataDir(const std::string& id = kId) {
+    return PluginManager::sGetPluginDataPath(id);
+}
+bool exists(const std::string& path) {
+    return fs::exists(fs::symlink_status(path));
+}
+bool isLink(const std::string& path) {
+    return fs::is_symlink(fs::symlink_status(path));
+}
+std::string simLogPath() {
+    return underRoot("/tmp/sim-commands.log");
+}
+
+// Installs `spec` through the manager's local installation, as installplugin does.
+void install(PackageFactory& factory, const PackageSpec& spec, const std::string& name) {
+    ASSERT_EQ(API_SUCCESS, Singleton<PluginManager>::instance()->installFromLocal(factory.build(spec, name), false));
+}
+
+PackageSpec richSpec() {
+    PackageSpec spec;
+    spec.files = {{"bin/app", "app"},          {"lib/libapp.so", "lib"},   {"www/index.html", "<html/>"},
+                  {"www/css/site.css", "css"}, {"data.db", "packaged db"}, {"usr/share/app.txt", "share"}};
+    return spec;
+}
+
+// The log lines of the plugin controller and the chroot scripts since `from`.
+std::string platformCommands(size_t from) {
+    std::istringstream lines(readFile(simLogPath()).substr(from));
+    std::string result;
+    for (std::string line; std::getline(lines, line);) {
+        if (line.rfind("pluginControllor", 0) == 0 || line.rfind("chroot_", 0) == 0) {
+            result += line + "\n";
+        }
+    }
+    return result;
+}
+
+std::string golden(const std::string& name, const std::string& id = kId) {
+    std::string text = readFile(testsupport::sourceDir() + "/tests/data/lifecycle/" + name);
+    for (const auto& [from, to] :
+         {std::make_pair(std::string("@ID@"), id), std::make_pair(std::string("@DIR@"), dataDir(id))}) {
+        for (std::string::size_type at = text.find(from); at != std::string::npos; at = text.find(from, at)) {
+            text.replace(at, from.size(), to);
+            at += to.size();
+        }
+    }
+    return text;
+}
+
+size_t logSize() {
+    return exists(simLogPath()) ? readFile(simLogPath()).size() : 0;
+}
+
+}  // namespace
+
+TEST(Uninstall, KeepsTheSkeletonWithItsContentAndRemovesEverythingElse) {
+    PackageFactory factory;
+    install(factory, richSpec(), "rich");
+    const std::string dir = dataDir();
+    writeFile(dir + "userdata/photo.jpg", "photo");
+    writeFile(dir + "extdisks/sda1/movie", "movie");
+    writeFile(dir + "cache/tmp.bin", "cache");
+    writeFile(dir + "notes.txt", "added later");
+    // Links planted by the plugin: at the top, in a folder that is walked
+    // into, in place of a walked-into folder, and inside kept data.
+    writeFile(underRoot("/outside/secret"), "secret");
+    fs::create_directory_symlink(underRoot("/outside"), dir + "escape");
+    fs::create_directory_symlink(underRoot("/outside"), dir + "usr/escape");
+    fs::remove_all(dir + "usr");
+    fs::create_directory_symlink("/", dir + "usr");
+    fs::create_directory_symlink(underRoot("/outside"), dir + "userdata/escape");
+
+    PluginManager* manager = Singleton<PluginManager>::instance();
+    const size_t before = logSize();
+    ASSERT_EQ(API_SUCCESS, manager->uninstallPlugin(kId));
+
+    EXPECT_EQ(golden("uninstall-commands.expected"), platformCommands(before));
+    EXPECT_EQ("app", readFile(dir + "bin/app"));
+    EXPECT_EQ("lib", readFile(dir + "lib/libapp.so"));
+    EXPECT_EQ("photo", readFile(dir + "userdata/photo.jpg"));
+    EXPECT_EQ("movie", readFile(dir + "extdisks/sda1/movie"));
+    for (const char* gone : {"www", "data.db", "cache", "notes.txt", "etc", "init_files.record", "escape", "usr"}) {
+        EXPECT_FALSE(exists(dir + gone)) << gone;
+    }
+    EXPECT_TRUE(isLink(dir + "userdata/escape"));
+    EXPECT_EQ("secret", readFile(underRoot("/outside/secret")));
+    EXPECT_TRUE(fs::is_directory("/etc"));
+    EXPECT_FALSE(exists(PluginStorageManager::sGetManifestRootPath() + kId + ".manifest"));
+    std::vector<datacenter::PluginInfo> plugins;
+    manager->getPluginList(plugins);
+    EXPECT_TRUE(plugins.empty());
+    // A second uninstall finds no manifest to disable.
+    EXPECT_EQ(API_NO_MANIFEST, manager->uninstallPlugin(kId));
+}
+
+TEST(Uninstall, RefusesBuiltinsUnsafeIdsAndThePluginBeingInstalled) {
+    PackageFactory factory;
+    PackageSpec other = richSpec();
+    other.id = "5017400000000000101";
+    install(factory, other, "other");
+    PluginManager* manager = Singleton<PluginManager>::instance();
+    const size_t before = logSize();
+    for (const std::string& id : {SambaPlugin::Id(), MinidlnaPlugin::Id(), LumoappPlugin::Id()}) {
+        EXPECT_EQ(API_BUILTIN_NOT_REMOVABLE, manager->uninstallPlugin(id)) << id;
+    }
+    EXPECT_EQ(API_EMPTY_ARGUMENT, manager->uninstallPlugin(""));
+    for (const std::string& id : std::vector<std::string>{"..", "a/b", "x;touch " + underRoot("/pwned"), "a b"}) {
+        EXPECT_EQ(API_FAILED, manager->uninstallPlugin(id)) << id;
+        EXPECT_EQ(API_FAILED, manager->cleanPlugin(id)) << id;
+        EXPECT_EQ(API_NO_MANIFEST, manager->changePluginStatus(id, datacenter::DISABLED)) << id;
+    }
+    EXPECT_EQ(before, logSize());
+    EXPECT_FALSE(exists(underRoot("/pwned")));
+
+    // A server installation that hangs in its download is "being installed".
+    PackageSpec served;
+    served.signType = 1;
+    served.signer = "official";
+    factory.build(served, "served");
+    testsupport::HttpTestServer server;
+    server.route("/pkg.qpk", testsupport::HttpResponse::stalled());
+    ASSERT_EQ(API_SUCCESS, manager->installFromServer(kId, server.url("/pkg.qpk")));
+    EXPECT_EQ(API_INSTALL_IN_PROGRESS, manager->uninstallPlugin(kId));
+    EXPECT_EQ(API_SUCCESS, manager->uninstallPlugin(other.id));
+    server.stop();
+    EXPECT_TRUE(manager->waitForInstallation(60000));
+}
+
+TEST(CleanPlugin, RemovesWhatWasAddedAndKeepsEveryRecordedFile) {
+    PackageFactory factory;
+    install(factory, richSpec(), "clean");
+    const std::string dir = dataDir();
+    writeFile(dir + "cache/x", "added");
+    writeFile(dir + "www/added.html", "added");
+    writeFile(dir + "userdata/photo.jpg", "kept: not recorded, but a sandbox folder");
+    writeFile(underRoot("/outside/secret"), "secret");
+    // A recorded directory replaced by a link out, and a record line that
+    // points outside the plugin's directory.
+    fs::rename(dir + "www/css", dir + "css-moved");
+    fs::create_directory_symlink(underRoot("/outside"), dir + "www/css");
+    std::ofstream(dir + "init_files.record", std::ios::app) << underRoot("/outside/secret") << "\n"
+                                                            << dir << "../../outside/secret\n";
+    writeFile(underRoot("/outside/other"), "other");
+    std::ofstream(dir + "init_files.record", std::ios::app) << dir << "../../outside\n";
+
+    PluginManager* manager = Singleton<PluginManager>::instance();
+    const size_t before = logSize();
+    ASSERT_EQ(API_SUCCESS, manager->cleanPlugin(kId));
+    EXPECT_EQ(golden("clean-commands.expected"), platformCommands(before));
+    for (const char* kept : {"bin/app", "lib/libapp.so", "www/index.html", "data.db", "usr/share/app.txt",
+                             "etc/manifest", "init_files.record", "userdata/photo.jpg"}) {
+        EXPECT_TRUE(exists(dir + kept)) << kept;
+    }
+    for (const char* gone : {"cache", "www/added.html", "www/css", "css-moved"}) {
+        EXPECT_FALSE(exists(dir + gone)) << gone;
+    }
+    EXPECT_EQ("secret", readFile(underRoot("/outside/secret")));
+    EXPECT_EQ("other", readFile(underRoot("/outside/other")));
+    datacenter::PluginStatus status = datacenter::NOT_INSTALLED;
+    manager->getPluginStatus(kId, status);
+    EXPECT_EQ(datacenter::ENABLED, status);
+
+    fs::remove(dir + "init_files.record");
+    writeFile(dir + "cache/y", "stays when nothing says what to keep");
+    EXPECT_EQ(API_INIT_FILES_RECORD_FAILED, manager->cleanPlugin(kId));
+    EXPECT_TRUE(exists(dir + "cache/y"));
+}
+
+TEST(Chroot, PrepareRunsTheSandboxScriptAndOneMountPerMountingCapability) {
+    PackageFactory factory;
+    PackageSpec spec = richSpec();
+    spec.files["manifest"] =
+        PackageFactory::manifestText(spec) + "capability_list = [\"access_proc\", \"support_download\"];\n";
+    install(factory, spec, "capabilities");
+    const size_t before = logSize();
+    std::string output;
+    ASSERT_EQ(API_SUCCESS, datacenter::BinaryPluginManger::prepareChroot(kId, output));
+    std::istringstream lines(readFile(simLogPath()).substr(before));
+    std::vector<std::string> scripts;
+    for (std::string line; std::getline(lines, line);) {
+        if (line.find(".sh ") != std::string::npos) {
+            scripts.push_back(line);
+        }
+    }
+    EXPECT_EQ((std::vector<std::string>{"prepare_chroot.sh " + dataDir() + " " + PluginManager::sGetPluginRootPath(),
+                                        "prepare_mount_proc.sh " + dataDir()}),
+              scripts);
+    EXPECT_TRUE(fs::is_directory(dataDir() + "proc"));
+
+    // The unmount script takes the empty mount point away again.
+    ASSERT_EQ(API_SUCCESS, Singleton<PluginManager>::instance()->umountRemoveChrootFolder(kId, output));
+    EXPECT_FALSE(exists(dataDir() + "proc"));
+}

@@ -1,0 +1,172 @@
+// Listing, install progress, metrics parsing and the router queries, with a
+// recording command runner and a loopback web server for the router's API.
+#include <gtest/gtest.h>
+#include <json-c/json.h>
+
+#include "Plugin/PluginManager.h"
+#include "common/Singleton.h"
+#include "support/HttpTestServer.h"
+#include "support/LogCapture.h"
+#include "support/RecordingRunner.h"
+#include "support/TestSupport.h"
+#include "system/AppAccountManager.h"
+#include "system/ConfigInfo.h"
+#include "unit/Plugin/PluginTestSupport.h"
+
+using testsupport::HttpResponse;
+using testsupport::HttpTestServer;
+using testsupport::RecordingRunner;
+
+namespace {
+
+void setPids(const std::string& id, const std::string& value) {
+    datacenter::ConfigInfo::sGetInstance()->setConfigToFile(PluginManager::sGetPluginPidConfig(), "pid_of_" + id,
+                                                            value);
+}
+
+}  // namespace
+
+TEST(Listing, ProgressGivesOneRecordPerRequestedIdInOrder) {
+    PluginManager* manager = Singleton<PluginManager>::instance();
+    testsupport::putPlugin("a", datacenter::ENABLED);
+    testsupport::putPlugin("busy", datacenter::INSTALLING);
+    std::vector<datacenter::PluginInfo> records;
+    EXPECT_EQ(API_SUCCESS, manager->getPluginInstallProgress(records, "a;;b;busy;a"));
+    ASSERT_EQ(5u, records.size());
+    const std::vector<std::string> ids = {"a", "", "b", "busy", "a"};
+    const std::vector<datacenter::PluginStatus> statuses = {datacenter::ENABLED, datacenter::NOT_INSTALLED,
+                                                            datacenter::NOT_INSTALLED, datacenter::INSTALLING,
+                                                            datacenter::ENABLED};
+    for (size_t i = 0; i < records.size(); ++i) {
+        EXPECT_EQ(ids[i], records[i].id) << i;
+        EXPECT_EQ(statuses[i], records[i].status) << i;
+    }
+    EXPECT_EQ(100, records[3].progress);
+    EXPECT_EQ(0, records[0].progress);
+    EXPECT_EQ(API_SUCCESS, manager->getPluginInstallProgress(records, ""));
+    EXPECT_TRUE(records.empty());
+
+    EXPECT_EQ(API_SUCCESS, manager->getOnePlugin(records, "unknown"));
+    EXPECT_TRUE(records.empty());
+}
+
+TEST(Listing, ThePluginListIsPublishedInIdOrder) {
+    const auto runner = RecordingRunner::sInstall();
+    PluginManager* manager = Singleton<PluginManager>::instance();
+    manager->updatePluginListToServer();
+    EXPECT_TRUE(runner->commands().empty());
+    for (const char* id : {"id3", "id1", "id2"}) {
+        testsupport::putPlugin(id, datacenter::ENABLED);
+    }
+    manager->updatePluginListToServer();
+    EXPECT_EQ((std::vector<std::string>{"matool --method setKV --params plugin_id_list id1,id2,id3"}),
+              runner->commands());
+    EXPECT_TRUE(manager->getItem(API_PLUGIN_ORBIS_STORE));
+    EXPECT_TRUE(manager->getItem(API_PLUGIN_GLOBAL_LINK));
+    EXPECT_FALSE(manager->getItem(static_cast<ApiPluginCode>(2)));
+}
+
+TEST(Metrics, ParsesTopAndPidstatPerPidAndStopsAtABadEntry) {
+    const auto runner = RecordingRunner::sInstall();
+    PluginManager* manager = Singleton<PluginManager>::instance();
+    runner->answer("top -p 123 ", 0, "1.5 2.5");
+    runner->answer("pidstat -p 123 ", 0, "3.25 4.75");
+    runner->answer("top -p 456 ", 0, "garbage");
+    setPids("p", "123;;456");
+    std::vector<PidMetrics> metrics;
+    ASSERT_TRUE(manager->getPluginMetrics("p", metrics));
+    ASSERT_EQ(2u, metrics.size());
+    EXPECT_EQ(123, metrics[0].pid);
+    EXPECT_DOUBLE_EQ(1.5, metrics[0].cpuPercent);
+    EXPECT_DOUBLE_EQ(2.5, metrics[0].memPercent);
+    EXPECT_DOUBLE_EQ(3.25, metrics[0].readKBPerSec);
+    EXPECT_DOUBLE_EQ(4.75, metrics[0].writeKBPerSec);
+    EXPECT_EQ(456, metrics[1].pid);
+    EXPECT_DOUBLE_EQ(0, metrics[1].cpuPercent);
+    EXPECT_EQ("top -p 123 -b -n 1 |sed -n 8p|grep 123| awk '{print  $9, $10}'", runner->commands()[0]);
+    EXPECT_EQ("pidstat -p 123 -d 1 1 |tail -n 1|grep 123|awk '{print  $3, $4}'", runner->commands()[1]);
+
+    // The pid text reaches a command line: only plain decimals of at most ten digits do.
+    for (const char* bad : {"12345678901", "12 $(reboot)", "-1", "+5", "abc"}) {
+        setPids("q", std::string("77;") + bad + ";88");
+        const size_t before = runner->commands().size();
+        metrics.clear();
+        EXPECT_FALSE(manager->getPluginMetrics("q", metrics)) << bad;
+        EXPECT_EQ(1u, metrics.size()) << bad;
+        EXPECT_EQ(before + 2, runner->commands().size()) << bad;
+    }
+    metrics.clear();
+    EXPECT_TRUE(manager->getPluginMetrics("nothing_recorded", metrics));
+    EXPECT_TRUE(metrics.empty());
+    EXPECT_FALSE(manager->getPluginMetrics("../p", metrics));
+}
+
+TEST(Metrics, MonitorPutsOneObjectPerProcessIntoTheArray) {
+    const auto runner = RecordingRunner::sInstall();
+    PluginManager* manager = Singleton<PluginManager>::instance();
+    runner->answer("top -p 321 ", 0, "7 8");
+    setPids("m", "321");
+    EXPECT_EQ(API_INVALID_STATUS, manager->monitorPlugin("m", nullptr));
+    json_object* array = json_object_new_array();
+    EXPECT_EQ(API_SUCCESS, manager->monitorPlugin("m", array));
+    ASSERT_EQ(1u, json_object_array_length(array));
+    json_object* item = json_object_array_get_idx(array, 0);
+    json_object* value = nullptr;
+    ASSERT_TRUE(json_object_object_get_ex(item, "pid", &value));
+    EXPECT_EQ(321, json_object_get_int(value));
+    ASSERT_TRUE(json_object_object_get_ex(item, "cpuPercent", &value));
+    EXPECT_DOUBLE_EQ(7, json_object_get_double(value));
+    ASSERT_TRUE(json_object_object_get_ex(item, "writeKBPerSec", &value));
+    json_object_put(array);
+}
+
+TEST(RouterQueries, MacComesFromTheFirstHWaddr) {
+    const auto runner = RecordingRunner::sInstall();
+    PluginManager* manager = Singleton<PluginManager>::instance();
+    std::string mac = "unchanged";
+    runner->answer("ifconfig", 0, "lo Link encap:Local Loopback\n");
+    EXPECT_EQ(API_FAILED, manager->getRouterMac(mac));
+    EXPECT_EQ("unchanged", mac);
+    const auto second = RecordingRunner::sInstall();
+    second->answer("ifconfig", 0,
+                   "br-lan    Link encap:Ethernet  HWaddr 8C:53:C3:00:11:22\n"
+                   "eth0      Link encap:Ethernet  HWaddr 8C:53:C3:00:11:23\n");
+    EXPECT_EQ(API_SUCCESS, manager->getRouterMac(mac));
+    EXPECT_EQ("8C:53:C3:00:11:22", mac);
+}
+
+TEST(RouterQueries, WebApiCallsGoToTheConfiguredHost) {
+    EXPECT_EQ("localhost", PluginManager::sRouterWebHost());
+    HttpTestServer server;
+    server.route("/cgi-bin/luci/api/hvsystem/device_list", HttpResponse::text(200, "{\"devices\":[]}"));
+    server.route("/cgi-bin/luci/;stok=token/api/hvsystem/set_mac_filter", HttpResponse::text(200, "{}"));
+    PluginManager::sSetRouterWebHost("127.0.0.1:" + std::to_string(server.port()));
+    PluginManager* manager = Singleton<PluginManager>::instance();
+    std::string devices;
+    EXPECT_EQ(API_SUCCESS, manager->getConnectedDeviceList(devices));
+    EXPECT_EQ("{\"devices\":[]}", devices);
+    EXPECT_EQ(API_SUCCESS, manager->SetDeviceWan("AA:BB:CC:DD:EE:FF", true));
+    EXPECT_EQ(API_SUCCESS, manager->SetDeviceWan("AA:BB:CC:DD:EE:FF", false));
+    EXPECT_EQ(API_FAILED, manager->SetDeviceWan("AA&wan=1", false));
+    const std::vector<testsupport::HttpRequest> requests = server.requests();
+    ASSERT_EQ(3u, requests.size());
+    EXPECT_EQ("mac=AA:BB:CC:DD:EE:FF&wan=1", requests[1].query);
+    EXPECT_EQ("mac=AA:BB:CC:DD:EE:FF&wan=0", requests[2].query);
+    server.stop();
+    EXPECT_EQ(API_FAILED, manager->getConnectedDeviceList(devices));
+    EXPECT_EQ(API_FAILED, manager->SetDeviceWan("AA:BB:CC:DD:EE:FF", true));
+    PluginManager::sSetRouterWebHost("");
+}
+
+TEST(RouterQueries, CountryCheckAsksWithTheManifestVersion) {
+    HttpTestServer server;
+    server.route("/plugin/v2/summary", HttpResponse::text(200, "{\"code\":0,\"countryCode\":\"CN,US\"}"));
+    AppAccountManager::sSetServerBase(server.url(""));
+    PluginManager* manager = Singleton<PluginManager>::instance();
+    testsupport::writeFile(PluginManager::sGetPluginManifestPath("5017"), "version = \"2.0.1\";\n");
+    EXPECT_TRUE(manager->checkCountryCode("5017"));
+    ASSERT_EQ(1u, server.requests().size());
+    EXPECT_EQ("appId=5017&appVersion=2.0.1", server.requests()[0].query);
+    EXPECT_FALSE(manager->checkCountryCode("../5017"));
+    EXPECT_EQ(1u, server.requests().size());
+}
