@@ -1,0 +1,54 @@
+// The DataCenter RPC processor fed raw bytes as they would arrive on a
+// connection: framed transport, binary protocol, several calls back to back.
+// Malformed frames end the connection with an exception, never a crash.
+#include <thrift/TApplicationException.h>
+#include <thrift/protocol/TBinaryProtocol.h>
+#include <thrift/transport/TBufferTransports.h>
+
+#include <cstdint>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "DataCenter.h"
+
+namespace {
+
+using apache::thrift::TException;
+using apache::thrift::protocol::TBinaryProtocol;
+using apache::thrift::transport::TFramedTransport;
+using apache::thrift::transport::TMemoryBuffer;
+
+// Answers like a plugin that echoes its input; one kind of request fails.
+class EchoHandler : public datacenter::DataCenterIf {
+public:
+    void request(std::string& reply, const std::string& parameter) override {
+        if (parameter == "fail") {
+            throw std::runtime_error("refused");
+        }
+        reply = parameter;
+    }
+    void notify(std::string& reply, const int32_t type, const std::string& parameter) override {
+        reply = std::to_string(type) + ":" + parameter;
+    }
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    auto input = std::make_shared<TMemoryBuffer>(const_cast<uint8_t*>(data), static_cast<uint32_t>(size));
+    auto output = std::make_shared<TMemoryBuffer>();
+    auto inFrames = std::make_shared<TFramedTransport>(input);
+    auto outFrames = std::make_shared<TFramedTransport>(output);
+    auto inProtocol = std::make_shared<TBinaryProtocol>(inFrames);
+    auto outProtocol = std::make_shared<TBinaryProtocol>(outFrames);
+    datacenter::DataCenterProcessor processor(std::make_shared<EchoHandler>());
+    try {
+        // The server loops like this on one connection; 64 calls are plenty for any input here.
+        for (int call = 0; call < 64 && processor.process(inProtocol, outProtocol, nullptr); ++call) {
+        }
+    } catch (const TException&) {
+        // The connection ends; the server goes on.
+    }
+    return 0;
+}
