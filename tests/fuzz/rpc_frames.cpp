@@ -36,7 +36,10 @@ public:
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    auto input = std::make_shared<TMemoryBuffer>(const_cast<uint8_t*>(data), static_cast<uint32_t>(size));
+    // Thrift's buffer does pointer arithmetic on its start even when empty, so it never gets a null one.
+    static uint8_t empty = 0;
+    uint8_t* bytes = size == 0 ? &empty : const_cast<uint8_t*>(data);
+    auto input = std::make_shared<TMemoryBuffer>(bytes, static_cast<uint32_t>(size));
     auto output = std::make_shared<TMemoryBuffer>();
     auto inFrames = std::make_shared<TFramedTransport>(input);
     auto outFrames = std::make_shared<TFramedTransport>(output);

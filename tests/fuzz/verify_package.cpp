@@ -33,8 +33,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (result == packagesign::kOk) {
         packagesign::PackageHeader header;
         struct stat status;
-        if (packagesign::readPackageHeader(package, header) != packagesign::kOk || stat(payload.c_str(), &status) != 0 ||
-            static_cast<uint64_t>(status.st_size) != header.payloadSize) {
+        if (packagesign::readPackageHeader(package, header) != packagesign::kOk ||
+            stat(payload.c_str(), &status) != 0 || static_cast<uint64_t>(status.st_size) != header.payloadSize) {
             fuzzsupport::fail("an accepted package wrote a payload of the wrong size");
         }
     }
