@@ -11,11 +11,11 @@
 #include <string>
 
 #include "DataCenter.h"
+#include "rpc/RpcProtocol.h"
 
 namespace {
 
 using apache::thrift::TException;
-using apache::thrift::protocol::TBinaryProtocol;
 using apache::thrift::transport::TFramedTransport;
 using apache::thrift::transport::TMemoryBuffer;
 
@@ -43,8 +43,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     auto output = std::make_shared<TMemoryBuffer>();
     auto inFrames = std::make_shared<TFramedTransport>(input);
     auto outFrames = std::make_shared<TFramedTransport>(output);
-    auto inProtocol = std::make_shared<TBinaryProtocol>(inFrames);
-    auto outProtocol = std::make_shared<TBinaryProtocol>(outFrames);
+    // The very protocol, with its limits, that the server and the client use.
+    const auto protocols = datacenter::makeRpcProtocolFactory();
+    auto inProtocol = protocols->getProtocol(inFrames);
+    auto outProtocol = protocols->getProtocol(outFrames);
     datacenter::DataCenterProcessor processor(std::make_shared<EchoHandler>());
     try {
         // The server loops like this on one connection; 64 calls are plenty for any input here.
