@@ -10,8 +10,8 @@
 #include <memory>
 
 #include "DataCenter.h"
+#include "rpc/RpcProtocol.h"
 
-using apache::thrift::protocol::TBinaryProtocol;
 using apache::thrift::transport::TFramedTransport;
 using apache::thrift::transport::TSocket;
 using apache::thrift::transport::TTransportException;
@@ -37,7 +37,7 @@ RpcResult callOnce(const std::string& host, int port, int timeoutMs,
         socket->setRecvTimeout(timeoutMs);
         socket->setSendTimeout(timeoutMs);
         auto transport = std::make_shared<TFramedTransport>(socket);
-        auto protocol = std::make_shared<TBinaryProtocol>(transport);
+        auto protocol = makeRpcProtocolFactory()->getProtocol(transport);
         DataCenterClient client(protocol);
         transport->open();
         call(client);

@@ -12,9 +12,9 @@
 #include <thread>
 
 #include "DataCenter.h"
+#include "rpc/RpcProtocol.h"
 
 using apache::thrift::TConnectionInfo;
-using apache::thrift::protocol::TBinaryProtocolFactory;
 using apache::thrift::server::TServerEventHandler;
 using apache::thrift::server::TThreadedServer;
 using apache::thrift::transport::TFramedTransportFactory;
@@ -107,7 +107,7 @@ bool DataCenterRpcServer::start(int port, std::string& error) {
         auto socket = std::make_shared<TServerSocket>(impl_->bindAddress, port);
         auto factory = std::make_shared<DataCenterProcessorFactory>(std::make_shared<HandlerFactory>(impl_->handler));
         auto server = std::make_shared<TThreadedServer>(factory, socket, std::make_shared<TFramedTransportFactory>(),
-                                                        std::make_shared<TBinaryProtocolFactory>());
+                                                        makeRpcProtocolFactory());
         auto listening = std::make_shared<std::promise<void>>();
         std::future<void> listened = listening->get_future();
         server->setServerEventHandler(std::make_shared<ListeningSignal>(listening));
