@@ -1,7 +1,9 @@
 // Talking to a plugin: RPC control calls to its recorded port, and its own
 // configuration file, shared with the plugin's processes under a flock.
 #include <glog/logging.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <boost/lexical_cast.hpp>
 #include <memory>
@@ -19,6 +21,16 @@ const int kControlTimeoutMs = 5000;
 
 int makeAccessible(const std::string& path) {
     return chmod(path.c_str(), 0777);
+}
+
+// Creates `path` if missing, never truncating it; false when it cannot be opened.
+bool canOpenForAppending(const std::string& path) {
+    const int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0777);
+    if (fd < 0) {
+        return false;
+    }
+    ::close(fd);
+    return true;
 }
 
 // Runs the accessor, turning what it throws into the configuration-data codes.
@@ -58,6 +70,11 @@ ApiErrorCode PluginManager::controlPlugin(const std::string& id, const std::stri
             "localhost", boost::lexical_cast<int>(port), request, response, kControlTimeoutMs);
         if (result.ok()) {
             return API_SUCCESS;
+        }
+        if (result.status == datacenter::RpcResult::RPC_FAILED) {
+            // Not a transport failure (an exception answered by the plugin, a broken reply).
+            LOG(ERROR) << "controlPlugin Exception.";
+            return API_FAILED;
         }
         LOG(ERROR) << "controlPlugin Exception. " << result.message;
         return result.status == datacenter::RpcResult::RPC_TIMEOUT ? API_CONTROL_TIMEOUT : API_FAILED;
@@ -106,11 +123,16 @@ ApiErrorCode PluginManager::controlConfigData(const std::string& id, const std::
     LOG(WARNING) << "controlConfigData set 777,path is " << path;
     LOG(WARNING) << "controlConfigData set 777,result is " << modeResult;
 
+    // Opened (created if missing, never truncated) before the line is logged,
+    // so that the line always comes before the wait for the lock.
+    if (!canOpenForAppending(path)) {
+        return API_CONFIG_FILE_OPEN_FAILED;
+    }
+    LOG(INFO) << "controlConfigData flock";
     datacenter::FileLock lock(path);
     if (lock.openFailed()) {
         return API_CONFIG_FILE_OPEN_FAILED;
     }
-    LOG(INFO) << "controlConfigData flock";
     ApiErrorCode result = API_CONFIG_DATA_LOCK_FAILED;
     if (lock.locked()) {
         result = runAccessor(fn, path, sConfigKeyPrefix + key, value);

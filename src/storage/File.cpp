@@ -125,7 +125,7 @@ ErrorCode File::sDelete(const std::string& path) {
             return ErrorCode();
         }
         if (fs::is_directory(status)) {
-            LOG(INFO) << "File delete with folder type. ignore it.";
+            LOG(ERROR) << "File delete with folder type. ignore it.";
             return ErrorCode();
         }
         fs::remove(path, ec);
