@@ -86,6 +86,11 @@ Placeholders& Placeholders::add(const std::string& text, const std::string& plac
     return *this;
 }
 
+Placeholders& Placeholders::addPattern(const std::string& pattern, const std::string& placeholder) {
+    patterns_.emplace_back(pattern, placeholder);
+    return *this;
+}
+
 std::string Placeholders::apply(const std::string& text) const {
     std::vector<std::pair<std::string, std::string>> all = replacements_;
     all.emplace_back(root(), "<ROOT>");
@@ -99,7 +104,13 @@ std::string Placeholders::apply(const std::string& text) const {
         replaceAll(result, replacement.first, replacement.second);
     }
     static const std::regex time(R"(\d{4}-\d{2}-\d{2}T\d{2}:\d{2}:\d{2})");
-    return std::regex_replace(result, time, "<TIME>");
+    static const std::regex now(R"(get now time stamp: -?\d+)");
+    result = std::regex_replace(result, time, "<TIME>");
+    result = std::regex_replace(result, now, "get now time stamp: <NOW>");
+    for (const auto& pattern : patterns_) {
+        result = std::regex_replace(result, std::regex(pattern.first), pattern.second);
+    }
+    return result;
 }
 
 ::testing::AssertionResult matchesGolden(const std::string& name, const std::string& actual,

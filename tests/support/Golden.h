@@ -6,8 +6,9 @@
 // stable between runs and machines:
 //   the test root (DATACENTER_ROOT) -> <ROOT>
 //   the source and build trees      -> <SRC>, <BUILD>
-//   the user's own substitutions    -> whatever Placeholders::add names
 //   "YYYY-MM-DDTHH:MM:SS"           -> <TIME>
+//   "get now time stamp: N"         -> "get now time stamp: <NOW>"
+//   the test's own substitutions    -> whatever Placeholders::add/addPattern name
 //
 // After a deliberate change of a text, run the tests with DC_UPDATE_GOLDEN=1:
 // every compared file is rewritten with the new text (and the test passes);
@@ -26,11 +27,14 @@ class Placeholders {
 public:
     // Replaces every occurrence of `text` with `placeholder` (e.g. a port or token).
     Placeholders& add(const std::string& text, const std::string& placeholder);
+    // Replaces every match of the ECMAScript `pattern` (e.g. "pid \\d+") with `placeholder`.
+    Placeholders& addPattern(const std::string& pattern, const std::string& placeholder);
     // The root, tree and time substitutions, then the added ones (longest text first).
     std::string apply(const std::string& text) const;
 
 private:
     std::vector<std::pair<std::string, std::string>> replacements_;
+    std::vector<std::pair<std::string, std::string>> patterns_;
 };
 
 // Compares `actual` (after the placeholders) with tests/data/<name>.expected.
