@@ -23,9 +23,10 @@ int makeAccessible(const std::string& path) {
     return chmod(path.c_str(), 0777);
 }
 
-// Creates `path` if missing, never truncating it; false when it cannot be opened.
+// Creates `path` if missing, never truncating it; false when it cannot be
+// opened. A link planted in its place is not followed.
 bool canOpenForAppending(const std::string& path) {
-    const int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0777);
+    const int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0777);
     if (fd < 0) {
         return false;
     }
