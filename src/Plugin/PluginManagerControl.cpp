@@ -1,7 +1,7 @@
 // Talking to a plugin: RPC control calls to its recorded port, and its own
 // configuration file, shared with the plugin's processes under a flock.
-#include <glog/logging.h>
 #include <fcntl.h>
+#include <glog/logging.h>
 #include <sys/stat.h>
 #include <unistd.h>
 

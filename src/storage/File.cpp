@@ -140,7 +140,7 @@ int File::sRawCopyFile(const std::string& source, const std::string& destination
     const uint64_t available = sGetDiskSpaceInfo(parentDirectory(destination)).available;
     if (available < sGetFileSize(source) + sCopyReserveBytes) {
         LOG(INFO) << "copy error: No space left on device , from " << source << " to " << destination
-                   << ", available space is " << available << " byte";
+                  << ", available space is " << available << " byte";
         return sCopyNoSpace;
     }
     StreamCloser in{fopen(source.c_str(), "rb")};

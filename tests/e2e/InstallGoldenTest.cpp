@@ -82,9 +82,8 @@ TEST(InstallGolden, PayloadThatIsNoArchive) {
 TEST(InstallGolden, ArchiveEntryThatClimbsOut) {
     PackageFactory factory;
     const std::string manifest = PackageFactory::manifestText(PackageSpec());
-    const std::string package =
-        factory.sign(factory.rawZip({{"manifest", manifest}, {"../escape.txt", "x"}}, {}, "climb"), 0, "developer",
-                     "climb");
+    const std::string package = factory.sign(
+        factory.rawZip({{"manifest", manifest}, {"../escape.txt", "x"}}, {}, "climb"), 0, "developer", "climb");
     boost::filesystem::remove(underRoot("/tmp/sim-commands.log"));
     EXPECT_GOLDEN("install/fail-unzip", installRun("-f " + package));
 }

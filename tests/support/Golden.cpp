@@ -1,12 +1,11 @@
 #include "support/Golden.h"
 
 #include <algorithm>
+#include <boost/filesystem.hpp>
 #include <cstdlib>
 #include <fstream>
 #include <regex>
 #include <sstream>
-
-#include <boost/filesystem.hpp>
 
 #include "support/TestSupport.h"
 
@@ -41,8 +40,8 @@ std::string lineDiff(const std::vector<std::string>& expected, const std::vector
     std::vector<std::vector<size_t>> common(n + 1, std::vector<size_t>(m + 1, 0));
     for (size_t i = n; i-- > 0;) {
         for (size_t j = m; j-- > 0;) {
-            common[i][j] = expected[i] == actual[j] ? common[i + 1][j + 1] + 1
-                                                    : std::max(common[i + 1][j], common[i][j + 1]);
+            common[i][j] =
+                expected[i] == actual[j] ? common[i + 1][j + 1] + 1 : std::max(common[i + 1][j], common[i][j + 1]);
         }
     }
     std::string diff;
@@ -124,16 +123,18 @@ std::string Placeholders::apply(const std::string& text) const {
     }
     std::ifstream file(path, std::ios::binary);
     if (!file) {
-        return ::testing::AssertionFailure() << "no golden file " << path
-                                             << " (run with DC_UPDATE_GOLDEN=1 to create it); produced:\n"
-                                             << produced;
+        return ::testing::AssertionFailure()
+               << "no golden file " << path << " (run with DC_UPDATE_GOLDEN=1 to create it); produced:\n"
+               << produced;
     }
     const std::string expected((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
     if (expected == produced) {
         return ::testing::AssertionSuccess();
     }
     return ::testing::AssertionFailure() << "differs from tests/data/" << name << ".expected (- expected, + actual)"
-                                         << (expected.size() && expected.back() != '\n' ? " [expected lacks final newline]" : "")
+                                         << (expected.size() && expected.back() != '\n'
+                                                 ? " [expected lacks final newline]"
+                                                 : "")
                                          << ":\n"
                                          << lineDiff(splitLines(expected), splitLines(produced))
                                          << "Rerun with DC_UPDATE_GOLDEN=1 if the change is deliberate.";

@@ -92,7 +92,7 @@ TEST(ControlGolden, ConfigDataOutcomes) {
                     [&] { return manager->controlConfigData("42", "mode", value, throwStd); });
     text += outcome("accessor throws something else",
                     [&] { return manager->controlConfigData("42", "mode", value, throwOther); });
-    text += outcome("id leaving the plugin directory",
-                    [&] { return manager->setPluginConfigData("../x", "mode", "on"); });
+    text +=
+        outcome("id leaving the plugin directory", [&] { return manager->setPluginConfigData("../x", "mode", "on"); });
     EXPECT_GOLDEN("control/config-data", text);
 }

@@ -35,8 +35,8 @@ TEST(ManifestStoreGolden, UpdatesInsertionAndDeletion) {
     text += outcome("insert with unsafe id", [&] { return store->insertToStorage("../x", manifest, record); });
     text += outcome("update status", [&] { return store->updateStatusToStorage("61", datacenter::ENABLED); });
     text += outcome("update status without id", [&] { return store->updateStatusToStorage("", datacenter::ENABLED); });
-    text += outcome("update status of unknown id",
-                    [&] { return store->updateStatusToStorage("62", datacenter::ENABLED); });
+    text +=
+        outcome("update status of unknown id", [&] { return store->updateStatusToStorage("62", datacenter::ENABLED); });
     text += outcome("update use status",
                     [&] { return store->updateUseStatusToStorage("61", static_cast<datacenter::PluginUseStatus>(1)); });
     text += outcome("lookup without id", [&] { return store->getPluginInfoById("").id.empty(); });
