@@ -1,9 +1,6 @@
 // Log lines of the control call to a plugin and of its configuration data
 // for each outcome, compared with tests/data/control/*.expected.
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <stdexcept>
 
@@ -13,6 +10,7 @@
 #include "support/Golden.h"
 #include "support/LogCapture.h"
 #include "support/RecordingRunner.h"
+#include "support/TestSupport.h"
 
 using testsupport::RecordingRunner;
 
@@ -28,18 +26,6 @@ public:
     }
     std::string notify(int32_t, const std::string&) override { return ""; }
 };
-
-int closedPort() {
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address));
-    socklen_t length = sizeof(address);
-    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    close(fd);
-    return ntohs(address.sin_port);
-}
 
 void throwStd(const std::string&, const std::string&, std::string&) {
     throw std::runtime_error("bad value");
@@ -64,7 +50,7 @@ TEST(ControlGolden, ControlPluginOutcomes) {
     datacenter::DataCenterRpcServer server(std::make_shared<Handler>());
     std::string error;
     ASSERT_TRUE(server.start(0, error)) << error;
-    const int refused = closedPort();
+    const int refused = testsupport::closedLoopbackPort();
     manager->setPluginPort("answers", std::to_string(server.port()), datacenter::PORT);
     manager->setPluginPort("refuses", std::to_string(refused), datacenter::PORT);
     manager->setPluginPort("badport", "not-a-port", datacenter::PORT);
