@@ -78,40 +78,15 @@ int reportStatus(const std::string& command, int status) {
     return code;
 }
 
-}  // namespace
-
-int CommonUtils::sCallSystem(const std::string& command) {
-    LOG(WARNING) << "begin execute system command : " << command;
-    signal(SIGCHLD, SIG_DFL);
-    const int status = datacenter::CommandRunner::sCurrent()->runShell(command);
-    if (status == -1) {
-        LOG(ERROR) << "execute system command :" << command << " fail,system error and return code:" << -1
-                   << " and error number is:" << strerror(errno);
-        return -1;
-    }
-    return reportStatus(command, status);
-}
-
-bool CommonUtils::sCallSystem(const std::string& command, std::string& output) {
-    LOG(INFO) << "excuete cmd: " << command;
-    output.clear();
-    int status = 0;
-    if (!datacenter::CommandRunner::sCurrent()->runPipe(command, output, status)) {
-        LOG(ERROR) << "excute cmd fail: " << command;
-        return false;
-    }
-    trimOutput(output);
-    LOG(INFO) << "excuete cmd output: " << output;
-    return true;
-}
-
-namespace {
-
 // Runs `command` through a pipe after the helpers' common opening line; false
 // (logged) when it could not be started. `status` is the pclose() wait status.
-bool runThroughPipe(const std::string& command, std::string& output, int& status) {
+// The status-reporting forms restore the default SIGCHLD handling first, so
+// that the wait status is not lost to a handler that reaps children.
+bool runThroughPipe(const std::string& command, std::string& output, int& status, bool defaultChildSignal) {
     LOG(INFO) << "excuete cmd: " << command;
-    signal(SIGCHLD, SIG_DFL);
+    if (defaultChildSignal) {
+        signal(SIGCHLD, SIG_DFL);
+    }
     output.clear();
     if (!datacenter::CommandRunner::sCurrent()->runPipe(command, output, status)) {
         LOG(ERROR) << "excute cmd fail: " << command;
@@ -131,12 +106,34 @@ bool pipeClosed(const std::string& command, int status) {
 
 }  // namespace
 
+int CommonUtils::sCallSystem(const std::string& command) {
+    LOG(WARNING) << "begin execute system command : " << command;
+    signal(SIGCHLD, SIG_DFL);
+    const int status = datacenter::CommandRunner::sCurrent()->runShell(command);
+    if (status == -1) {
+        LOG(ERROR) << "execute system command :" << command << " fail,system error and return code:" << -1
+                   << " and error number is:" << strerror(errno);
+        return -1;
+    }
+    return reportStatus(command, status);
+}
+
+bool CommonUtils::sCallSystem(const std::string& command, std::string& output) {
+    int status = 0;
+    if (!runThroughPipe(command, output, status, false)) {
+        return false;
+    }
+    trimOutput(output);
+    LOG(INFO) << "excuete cmd output: " << output;
+    return true;
+}
+
 int CommonUtils::sCallPopenNoOutput(const std::string& command) {
     // The output is drained rather than the pipe closed unread, so that a
     // command which prints is not killed by SIGPIPE half-way; it is not logged.
     std::string discarded;
     int status = 0;
-    if (!runThroughPipe(command, discarded, status) || !pipeClosed(command, status)) {
+    if (!runThroughPipe(command, discarded, status, true) || !pipeClosed(command, status)) {
         return -1;
     }
     return reportStatus(command, status);
@@ -144,7 +141,7 @@ int CommonUtils::sCallPopenNoOutput(const std::string& command) {
 
 int CommonUtils::sCallPopenWithOutput(const std::string& command, std::string& output) {
     int status = 0;
-    if (!runThroughPipe(command, output, status)) {
+    if (!runThroughPipe(command, output, status, true)) {
         return -1;
     }
     trimOutput(output);
