@@ -150,12 +150,12 @@ bool PluginStorageManager::getPluginInfoFromManifest(const std::string& path, Pl
     ConfigInfo* config = ConfigInfo::sGetInstance();
     info.id = config->getConfigFromFile(path, "plugin_id");
     if (info.id.empty()) {
-        LOG(ERROR) << path << " manifest dose not have Plugin ID!!!!!!";
+        LOG(INFO) << path << " manifest dose not have Plugin ID!!!!!!";
         datacenter::File::sDelete(path);
         return false;
     }
     if (!datacenter::isSafePluginId(info.id)) {
-        LOG(ERROR) << path << " is not valid manifest";
+        LOG(INFO) << path << " is not valid manifest";
         return false;
     }
     readManifestKeys(config, path, info);
@@ -209,7 +209,7 @@ PluginInfo PluginStorageManager::getPluginInfoById(const std::string& id) {
     boost::mutex::scoped_lock lock(mutex_);
     LOG(INFO) << "getPluginInfoById id is " << id;
     if (id.empty()) {
-        LOG(ERROR) << "Plugin Storage get plugin by id failed, id is empty!";
+        LOG(INFO) << "Plugin Storage get plugin by id failed, id is empty!";
         return PluginInfo();
     }
     const auto found = pluginInfos_.find(id);
@@ -219,7 +219,7 @@ PluginInfo PluginStorageManager::getPluginInfoById(const std::string& id) {
 bool PluginStorageManager::insertToStorage(const std::string& id, const std::string& manifestPath, PluginInfo& info) {
     LOG(INFO) << "insert to storage, file path is " << manifestPath << " pluginId is " << id;
     if (id.empty() || manifestPath.empty()) {
-        LOG(ERROR) << "PluginStorageManager insertToStorage failed: ID is empty!";
+        LOG(INFO) << "PluginStorageManager insertToStorage failed: ID is empty!";
         return false;
     }
     if (!datacenter::isSafePluginId(id)) {
@@ -243,12 +243,12 @@ bool PluginStorageManager::insertToStorage(const std::string& id, const std::str
 bool PluginStorageManager::writeKeyToStorage(const std::string& id, const std::string& key, const std::string& value,
                                              const char* caller) {
     if (id.empty()) {
-        LOG(ERROR) << "PluginStorageManager " << caller << " ID is empty!";
+        LOG(INFO) << "PluginStorageManager " << caller << " ID is empty!";
         return false;
     }
     const std::string path = getManifestFilePath(id);
     if (!datacenter::isSafePluginId(id) || !datacenter::File::sExists(path)) {
-        LOG(ERROR) << caller << " not Exist , id is " << id;
+        LOG(INFO) << caller << " not Exist , id is " << id;
         return false;
     }
     ConfigInfo::sGetInstance()->setConfigToFile(path, key, value);
@@ -283,7 +283,7 @@ bool PluginStorageManager::updateUseStatusToStorage(const std::string& id, datac
 
 bool PluginStorageManager::deleteInStorage(const std::string& id) {
     if (id.empty()) {
-        LOG(ERROR) << "PluginDB deleteInStorage failed: ID is empty!";
+        LOG(INFO) << "PluginDB deleteInStorage failed: ID is empty!";
         return false;
     }
     if (!datacenter::isSafePluginId(id)) {

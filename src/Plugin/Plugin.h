@@ -15,8 +15,10 @@ class PluginManager;
 ApiErrorCode exitcode2Apicode(int exitCode);
 ApiErrorCode Exitcode2Apicode(int exitCode);
 
-// Runs `cmd` through the shell: 4 for an empty command or death by a signal,
-// `convert(exit code)` for a normal exit, 0 for any other outcome.
+// Runs `cmd` through the shell: 4 for an empty command, death by a signal or
+// a shell that could not be started (the command did not run, so it must not
+// read as success), `convert(exit code)` for a normal exit, 0 for any other
+// outcome (a stopped child).
 ApiErrorCode callSystem(const std::string& cmd, ApiErrorCode (*convert)(int));
 
 class AbsPlugin : private boost::noncopyable {

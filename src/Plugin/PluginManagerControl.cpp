@@ -29,11 +29,17 @@ const char* const kConfigName = "etc/plugin_config";
 // when the locked file is still the one the name leads to. Returns the
 // locked descriptor, -1 when the file cannot be opened, -2 when it cannot be locked.
 int openLocked(datacenter::PluginTree& tree) {
+    bool announced = false;
     for (;;) {
         const int fd = tree.openFile(kConfigName, O_RDWR | O_CREAT | O_APPEND, 0777);
         if (fd < 0) {
             LOG(ERROR) << "controlConfigData: cannot open the configuration file: " << tree.lastError();
             return -1;
+        }
+        if (!announced) {
+            // Logged before the wait, so a stuck lock shows in the log.
+            LOG(INFO) << "controlConfigData flock";
+            announced = true;
         }
         int rc;
         do {
@@ -99,6 +105,11 @@ ApiErrorCode PluginManager::controlPlugin(const std::string& id, const std::stri
         if (result.ok()) {
             return API_SUCCESS;
         }
+        if (result.status == datacenter::RpcResult::RPC_FAILED) {
+            // Not a transport failure (an exception answered by the plugin, a broken reply).
+            LOG(ERROR) << "controlPlugin Exception.";
+            return API_FAILED;
+        }
         LOG(ERROR) << "controlPlugin Exception. " << result.message;
         return result.status == datacenter::RpcResult::RPC_TIMEOUT ? API_CONTROL_TIMEOUT : API_FAILED;
     } catch (const std::exception&) {
@@ -155,7 +166,6 @@ ApiErrorCode PluginManager::controlConfigData(const std::string& id, const std::
     if (fd == -1) {
         return API_CONFIG_FILE_OPEN_FAILED;
     }
-    LOG(INFO) << "controlConfigData flock";
     ApiErrorCode result = API_CONFIG_DATA_LOCK_FAILED;
     if (fd >= 0) {
         result = runAccessor(fn, path, sConfigKeyPrefix + key, value);

@@ -123,7 +123,7 @@ ErrorCode Directory::sCreateDirectory(const std::string& path) {
     boost::system::error_code ec;
     fs::create_directories(path, ec);
     if (ec == boost::system::errc::no_space_on_device) {
-        LOG(ERROR) << "create directory " << path << ", No space left on device";
+        LOG(INFO) << "create directory " << path << ", No space left on device";
     }
     if (!RootPrefix::sIsRootItself(path)) {
         boost::system::error_code ignored;
@@ -149,7 +149,7 @@ int Directory::make_dir(char* path, mode_t mode) {
         *p = '\0';
         const bool created = createPrefix(path, mode);
         if (!created) {
-            LOG(ERROR) << "make_dir: cannot create directory " << path;
+            LOG(INFO) << "make_dir: cannot create directory " << path;
         }
         *p = cut;
         if (!created) {

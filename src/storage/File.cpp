@@ -70,8 +70,8 @@ int copyBlocks(FILE* in, FILE* out) {
         }
         const size_t bytesOut = fwrite(buffer, 1, bytesIn, out);
         if (bytesOut < bytesIn) {
-            LOG(ERROR) << "copy file bytes_in=" << bytesIn << " bytes_out=" << bytesOut;
-            LOG(ERROR) << strerror(errno);
+            LOG(INFO) << "copy file bytes_in=" << bytesIn << " bytes_out=" << bytesOut;
+            LOG(INFO) << strerror(errno);
             return -1;
         }
         try {
@@ -125,7 +125,7 @@ ErrorCode File::sDelete(const std::string& path) {
             return ErrorCode();
         }
         if (fs::is_directory(status)) {
-            LOG(INFO) << "File delete with folder type. ignore it.";
+            LOG(ERROR) << "File delete with folder type. ignore it.";
             return ErrorCode();
         }
         fs::remove(path, ec);
@@ -139,20 +139,20 @@ ErrorCode File::sDelete(const std::string& path) {
 int File::sRawCopyFile(const std::string& source, const std::string& destination) {
     const uint64_t available = sGetDiskSpaceInfo(parentDirectory(destination)).available;
     if (available < sGetFileSize(source) + sCopyReserveBytes) {
-        LOG(ERROR) << "copy error: No space left on device , from " << source << " to " << destination
-                   << ", available space is " << available << " byte";
+        LOG(INFO) << "copy error: No space left on device , from " << source << " to " << destination
+                  << ", available space is " << available << " byte";
         return sCopyNoSpace;
     }
     StreamCloser in{fopen(source.c_str(), "rb")};
     if (!in.stream) {
-        LOG(ERROR) << "open file " << source << " failed";
-        LOG(ERROR) << strerror(errno);
+        LOG(INFO) << "open file " << source << " failed";
+        LOG(INFO) << strerror(errno);
         return sCopyFailed;
     }
     StreamCloser out{fopen(destination.c_str(), "wb")};
     if (!out.stream) {
-        LOG(ERROR) << "open file " << destination << " failed";
-        LOG(ERROR) << strerror(errno);
+        LOG(INFO) << "open file " << destination << " failed";
+        LOG(INFO) << strerror(errno);
         return sCopyFailed;
     }
     const int result = copyBlocks(in.stream, out.stream);
@@ -162,13 +162,13 @@ int File::sRawCopyFile(const std::string& source, const std::string& destination
     const bool flushed = fclose(out.stream) == 0;
     out.stream = nullptr;
     if (result == 1) {
-        LOG(WARNING) << "copy thread interrupted";
+        LOG(INFO) << "copy thread interrupted";
         ::unlink(destination.c_str());
         return sCopyInterrupted;
     }
     if (!flushed) {
-        LOG(ERROR) << "copy file bytes_in=" << sGetFileSize(source) << " bytes_out=" << sGetFileSize(destination);
-        LOG(ERROR) << strerror(errno);
+        LOG(INFO) << "copy file bytes_in=" << sGetFileSize(source) << " bytes_out=" << sGetFileSize(destination);
+        LOG(INFO) << strerror(errno);
         return sCopyFailed;
     }
     ::chmod(destination.c_str(), 0777);

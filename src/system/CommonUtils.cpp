@@ -78,6 +78,32 @@ int reportStatus(const std::string& command, int status) {
     return code;
 }
 
+// Runs `command` through a pipe after the helpers' common opening line; false
+// (logged) when it could not be started. `status` is the pclose() wait status.
+// The status-reporting forms restore the default SIGCHLD handling first, so
+// that the wait status is not lost to a handler that reaps children.
+bool runThroughPipe(const std::string& command, std::string& output, int& status, bool defaultChildSignal) {
+    LOG(INFO) << "excuete cmd: " << command;
+    if (defaultChildSignal) {
+        signal(SIGCHLD, SIG_DFL);
+    }
+    output.clear();
+    if (!datacenter::CommandRunner::sCurrent()->runPipe(command, output, status)) {
+        LOG(ERROR) << "excute cmd fail: " << command;
+        return false;
+    }
+    return true;
+}
+
+// False (logged) when closing the pipe failed.
+bool pipeClosed(const std::string& command, int status) {
+    if (status == -1) {
+        LOG(ERROR) << "pclose cmd failed: " << command << ", error msg is: " << strerror(errno);
+        return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 int CommonUtils::sCallSystem(const std::string& command) {
@@ -93,11 +119,8 @@ int CommonUtils::sCallSystem(const std::string& command) {
 }
 
 bool CommonUtils::sCallSystem(const std::string& command, std::string& output) {
-    LOG(INFO) << "excuete cmd: " << command;
-    output.clear();
     int status = 0;
-    if (!datacenter::CommandRunner::sCurrent()->runPipe(command, output, status)) {
-        LOG(ERROR) << "excute cmd fail: " << command;
+    if (!runThroughPipe(command, output, status, false)) {
         return false;
     }
     trimOutput(output);
@@ -106,26 +129,33 @@ bool CommonUtils::sCallSystem(const std::string& command, std::string& output) {
 }
 
 int CommonUtils::sCallPopenNoOutput(const std::string& command) {
+    // The output is drained rather than the pipe closed unread, so that a
+    // command which prints is not killed by SIGPIPE half-way; it is not logged.
     std::string discarded;
-    return sCallPopenWithOutput(command, discarded);
+    int status = 0;
+    if (!runThroughPipe(command, discarded, status, true) || !pipeClosed(command, status)) {
+        return -1;
+    }
+    return reportStatus(command, status);
 }
 
 int CommonUtils::sCallPopenWithOutput(const std::string& command, std::string& output) {
-    LOG(INFO) << "excuete cmd: " << command;
-    signal(SIGCHLD, SIG_DFL);
-    output.clear();
     int status = 0;
-    if (!datacenter::CommandRunner::sCurrent()->runPipe(command, output, status)) {
-        LOG(ERROR) << "excute cmd fail: " << command;
+    if (!runThroughPipe(command, output, status, true)) {
         return -1;
     }
     trimOutput(output);
     LOG(INFO) << "excuete cmd output: " << output;
-    if (status == -1) {
-        LOG(ERROR) << "pclose cmd failed: " << command << ", error msg is: " << strerror(errno);
+    if (!pipeClosed(command, status)) {
         return -1;
     }
-    return reportStatus(command, status);
+    const int code = (status >> 8) & 0xff;
+    if (code == 0) {
+        LOG(INFO) << "execute system command :" << command << " success,and return code: 0";
+        return 0;
+    }
+    LOG(ERROR) << "execute system command :" << command << " fail,and return code: " << code;
+    return code;
 }
 
 bool CommonUtils::sIsHttpCodeSucceed(int code) {

@@ -18,14 +18,21 @@ public:
     // ---- Commands, system queries, strings and versions ------------------
 
     // Runs `command` through the shell. Returns 0 on success, the command's
-    // exit code on failure, -1 when the shell could not be run.
+    // exit code on failure, -1 when the shell could not be run. The result is
+    // the second byte of the wait status, so a command killed by a signal
+    // gives 0 and reads as success: callers that must tell a crash from a
+    // clean exit check their own outcome (a file written, a process found).
     static int sCallSystem(const std::string& command);
     // Runs `command` and collects what it prints, trimmed of line ends and
     // blanks at both ends. False only when the command could not be started.
     static bool sCallSystem(const std::string& command, std::string& output);
-    // Like the first sCallSystem, through a pipe whose output is discarded.
+    // Like the first sCallSystem, through a pipe whose output is read to its
+    // end and discarded; -1 when the pipe could not be opened or closed. A
+    // command killed by a signal reads as success (0), as above.
     static int sCallPopenNoOutput(const std::string& command);
-    // Exit code of `command` (or -1), with its trimmed output in `output`.
+    // Exit code of `command` (or -1 when the pipe could not be opened or
+    // closed), with its trimmed output in `output`. A command killed by a
+    // signal reads as exit code 0, as above.
     static int sCallPopenWithOutput(const std::string& command, std::string& output);
     // True for the HTTP status codes of a successful transfer: 200 and 206.
     static bool sIsHttpCodeSucceed(int code);

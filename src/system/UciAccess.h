@@ -35,7 +35,8 @@ public:
 class UciFileAccess : public UciAccess {
 public:
     Result get(const std::string& path, std::string& value) override;
-    // Runs "ubus call <object> <method>" through the command seam.
+    // Runs "ubus call <object> <method>" through the command seam, bounded by
+    // "timeout" to the 700 ms the daemon call waits.
     bool call(const std::string& object, const std::string& method, std::string& reply) override;
 };
 

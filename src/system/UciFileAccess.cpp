@@ -165,7 +165,8 @@ UciAccess::Result UciFileAccess::get(const std::string& path, std::string& value
 
 bool UciFileAccess::call(const std::string& object, const std::string& method, std::string& reply) {
     reply.clear();
-    return CommonUtils::sCallPopenWithOutput("ubus call " + object + " " + method, reply) == 0;
+    // The daemon's own call waits 700 ms for the answer; the tool gets the same bound.
+    return CommonUtils::sCallPopenWithOutput("timeout 0.7 ubus call " + object + " " + method, reply) == 0;
 }
 
 #ifndef DC_WITH_OPENWRT

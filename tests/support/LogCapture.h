@@ -13,10 +13,30 @@ class LogCapture : public google::LogSink {
 public:
     LogCapture() { google::AddLogSink(this); }
     ~LogCapture() override { google::RemoveLogSink(this); }
-    void send(google::LogSeverity, const char*, const char*, int, const struct ::tm*, const char* message,
+    void send(google::LogSeverity severity, const char*, const char*, int, const struct ::tm*, const char* message,
               size_t length) override {
         std::lock_guard<std::mutex> lock(mutex_);
         lines_.emplace_back(message, length);
+        severities_.push_back(severity);
+    }
+    struct Line {
+        google::LogSeverity severity;
+        std::string text;
+    };
+    // Every captured line with its severity, in order.
+    std::vector<Line> records() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        std::vector<Line> result;
+        for (size_t i = 0; i < lines_.size(); ++i) {
+            result.push_back(Line{severities_[i], lines_[i]});
+        }
+        return result;
+    }
+    // Forgets what was captured so far.
+    void clear() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        lines_.clear();
+        severities_.clear();
     }
     // True when a captured line contains `text`.
     bool contains(const std::string& text) {
@@ -30,8 +50,9 @@ public:
     }
 
 private:
-    std::mutex mutex_;
+    mutable std::mutex mutex_;
     std::vector<std::string> lines_;
+    std::vector<google::LogSeverity> severities_;
 };
 
 }  // namespace testsupport

@@ -24,6 +24,9 @@ struct CommandResult {
 // Runs a shell command, capturing its standard output.
 CommandResult runCommand(const std::string& command);
 
+// A port on the loopback host where nothing listens.
+int closedLoopbackPort();
+
 // Paths of the source and build trees.
 std::string sourceDir();
 std::string buildDir();

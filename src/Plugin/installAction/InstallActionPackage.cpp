@@ -174,8 +174,6 @@ ApiErrorCode InstallAction::recordInitFiles() {
         LOG(ERROR) << "record Init Files error , error code is " << API_CONFIG_FILE_OPEN_FAILED;
         return API_CONFIG_FILE_OPEN_FAILED;
     }
-    std::cout << "fileLength = " << files.size() << std::endl;
-    LOG(INFO) << "fileLength = " << files.size();
     const std::string recordPath = dataDir + sInitFilesRecordName;
     std::string text;
     bool ownPathListed = false;
@@ -190,6 +188,9 @@ ApiErrorCode InstallAction::recordInitFiles() {
         LOG(ERROR) << "record Init Files error , error code is " << API_INIT_FILES_RECORD_FAILED;
         return API_INIT_FILES_RECORD_FAILED;
     }
+    // Only once the record exists: a record that cannot be written ends the step without a count.
+    std::cout << "fileLength = " << files.size() << std::endl;
+    LOG(INFO) << "fileLength = " << files.size();
     LOG(INFO) << "Record init files suc!\n";
     return API_SUCCESS;
 }

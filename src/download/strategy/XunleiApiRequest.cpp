@@ -83,7 +83,7 @@ json_object* XunleiApiRequest::beginGetRequest(ApiErrorCode& code) {
     LOG(ERROR) << "beginGetRequest!!! url_:" << url_ << "code:" << curlCode << "result:" << reply;
     if (curlCode != 0) {
         code = curlCode == kCurlTimedOut ? API_XUNLEI_TIMEOUT : API_XUNLEI_TRANSPORT;
-        LOG(ERROR) << "errorcode:" << code;
+        LOG(INFO) << "errorcode:" << code;
         return nullptr;
     }
     return getResult(code, reply);

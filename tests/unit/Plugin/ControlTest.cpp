@@ -1,6 +1,4 @@
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,19 +20,6 @@ public:
     std::string request(const std::string& parameter) override { return "echo:" + parameter; }
     std::string notify(int32_t, const std::string&) override { return ""; }
 };
-
-// A port on the loopback host where nothing listens.
-int closedPort() {
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address));
-    socklen_t length = sizeof(address);
-    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    close(fd);
-    return ntohs(address.sin_port);
-}
 
 void throwStd(const std::string&, const std::string&, std::string&) {
     throw std::runtime_error("bad");
@@ -65,7 +50,7 @@ TEST(ControlPlugin, RefusedConnectionsAndBadPortsFailWithoutTimingOut) {
     const auto runner = RecordingRunner::sInstall();
     PluginManager* manager = Singleton<PluginManager>::instance();
     std::string response;
-    manager->setPluginPort("p2", std::to_string(closedPort()), datacenter::PORT);
+    manager->setPluginPort("p2", std::to_string(testsupport::closedLoopbackPort()), datacenter::PORT);
     EXPECT_EQ(API_FAILED, manager->controlPlugin("p2", "x", response));
     manager->setPluginPort("p3", "not-a-port", datacenter::PORT);
     EXPECT_EQ(API_FAILED, manager->controlPlugin("p3", "x", response));

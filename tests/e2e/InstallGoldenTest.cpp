@@ -1,0 +1,117 @@
+// The installer's standard output and the platform commands it issues, for
+// a successful run, a failure at each step that can be provoked, and a usage
+// run, compared with tests/data/install/*.expected. Each case runs in its own
+// process under a fresh root, so the command log holds only that run.
+#include <gtest/gtest.h>
+
+#include <boost/filesystem.hpp>
+
+#include "support/Golden.h"
+#include "support/PackageFactory.h"
+#include "support/TestSupport.h"
+
+using testsupport::PackageFactory;
+using testsupport::PackageSpec;
+using testsupport::underRoot;
+
+namespace {
+
+// Exit status, standard output and the stand-ins' command log of one run.
+std::string installRun(const std::string& args) {
+    const testsupport::CommandResult result =
+        testsupport::runCommand("DATACENTER_INSTALLPLUGIN_DELAY_MS=0 DATACENTER_ROOT=" + testsupport::root() + " " +
+                                testsupport::buildDir() + "/apps/installplugin " + args + " 2>/dev/null");
+    const std::string log = underRoot("/tmp/sim-commands.log");
+    const std::string commands = boost::filesystem::exists(log) ? testsupport::readFile(log) : std::string();
+    return "## exit status " + std::to_string(result.exitStatus) + "\n## standard output\n" + result.output +
+           "## commands\n" + commands;
+}
+
+// A run with the package made by `factory` from `spec`.
+std::string installPackage(PackageFactory& factory, const PackageSpec& spec, const std::string& extraArgs = "") {
+    const std::string package = factory.build(spec, "golden");
+    // Building the package runs no stand-in, but start the log afresh anyway.
+    boost::filesystem::remove(underRoot("/tmp/sim-commands.log"));
+    return installRun("-f " + package + extraArgs);
+}
+
+}  // namespace
+
+TEST(InstallGolden, Usage) {
+    EXPECT_GOLDEN("install/usage", installRun("-s"));
+}
+
+TEST(InstallGolden, Success) {
+    PackageFactory factory;
+    EXPECT_GOLDEN("install/success", installPackage(factory, PackageSpec()));
+}
+
+TEST(InstallGolden, NoPackagePath) {
+    EXPECT_GOLDEN("install/fail-no-path", installRun("-u"));
+}
+
+TEST(InstallGolden, MissingPackageFile) {
+    EXPECT_GOLDEN("install/fail-get-package-missing", installRun("-f " + testsupport::root() + "/none.qpk"));
+}
+
+TEST(InstallGolden, PackageWithoutId) {
+    PackageFactory factory;
+    PackageSpec spec;
+    spec.id = "";
+    EXPECT_GOLDEN("install/fail-get-package-no-id", installPackage(factory, spec));
+}
+
+TEST(InstallGolden, TamperedSignature) {
+    PackageFactory factory;
+    const std::string package = factory.build(PackageSpec(), "tamper");
+    std::string bytes = testsupport::readFile(package);
+    bytes[bytes.size() / 3] ^= 0x01;
+    testsupport::writeFile(package, bytes);
+    EXPECT_GOLDEN("install/fail-verify-sign", installRun("-f " + package));
+}
+
+TEST(InstallGolden, PayloadThatIsNoArchive) {
+    PackageFactory factory;
+    const std::string junk = testsupport::root() + "/junk.zip";
+    testsupport::writeFile(junk, "this is not a zip archive");
+    const std::string package = factory.sign(junk, 0, "developer", "junk");
+    boost::filesystem::remove(underRoot("/tmp/sim-commands.log"));
+    EXPECT_GOLDEN("install/fail-get-package-not-an-archive", installRun("-f " + package));
+}
+
+TEST(InstallGolden, ArchiveEntryThatClimbsOut) {
+    PackageFactory factory;
+    const std::string manifest = PackageFactory::manifestText(PackageSpec());
+    const std::string package = factory.sign(
+        factory.rawZip({{"manifest", manifest}, {"../escape.txt", "x"}}, {}, "climb"), 0, "developer", "climb");
+    boost::filesystem::remove(underRoot("/tmp/sim-commands.log"));
+    EXPECT_GOLDEN("install/fail-unzip", installRun("-f " + package));
+}
+
+TEST(InstallGolden, SdkLevelTooHigh) {
+    PackageFactory factory;
+    PackageSpec spec;
+    spec.manifest["sdk_level"] = "99";
+    EXPECT_GOLDEN("install/fail-check-sdk-level", installPackage(factory, spec));
+}
+
+TEST(InstallGolden, FirmwareTooOld) {
+    PackageFactory factory;
+    PackageSpec spec;
+    spec.manifest["supported_rom_version"] = "2.5.0";
+    EXPECT_GOLDEN("install/fail-check-firmware-version", installPackage(factory, spec));
+}
+
+TEST(InstallGolden, StartRefusedByTheController) {
+    PackageFactory factory;
+    testsupport::writeFile(underRoot("/sim/pluginControllor/b.exit"), "1\n");
+    EXPECT_GOLDEN("install/fail-change-plugin-status", installPackage(factory, PackageSpec()));
+}
+
+TEST(InstallGolden, ReinstallStopsTheInstalledVersionFirst) {
+    PackageFactory factory;
+    const std::string package = factory.build(PackageSpec(), "first");
+    testsupport::runCommand("DATACENTER_INSTALLPLUGIN_DELAY_MS=0 DATACENTER_ROOT=" + testsupport::root() + " " +
+                            testsupport::buildDir() + "/apps/installplugin -f " + package + " >/dev/null 2>&1");
+    EXPECT_GOLDEN("install/success-reinstall", installPackage(factory, PackageSpec()));
+}

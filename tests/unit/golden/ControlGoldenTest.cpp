@@ -1,0 +1,84 @@
+// Log lines of the control call to a plugin and of its configuration data
+// for each outcome, compared with tests/data/control/*.expected.
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+#include "Plugin/PluginManager.h"
+#include "common/Singleton.h"
+#include "rpc/DataCenterRpcServer.h"
+#include "support/Golden.h"
+#include "support/LogCapture.h"
+#include "support/RecordingRunner.h"
+#include "support/TestSupport.h"
+
+using testsupport::RecordingRunner;
+
+namespace {
+
+class Handler : public datacenter::DataCenterRpcHandler {
+public:
+    std::string request(const std::string& parameter) override {
+        if (parameter == "throw") {
+            throw std::runtime_error("plugin failed");
+        }
+        return "echo:" + parameter;
+    }
+    std::string notify(int32_t, const std::string&) override { return ""; }
+};
+
+void throwStd(const std::string&, const std::string&, std::string&) {
+    throw std::runtime_error("bad value");
+}
+void throwOther(const std::string&, const std::string&, std::string&) {
+    throw 42;
+}
+
+// The result of `call` and the lines it logged.
+template <typename Call>
+std::string outcome(const std::string& title, Call call) {
+    testsupport::LogCapture log;
+    const ApiErrorCode code = call();
+    return "## " + title + " -> " + std::to_string(code) + "\n" + testsupport::logText(log);
+}
+
+}  // namespace
+
+TEST(ControlGolden, ControlPluginOutcomes) {
+    const auto runner = RecordingRunner::sInstall();
+    PluginManager* manager = Singleton<PluginManager>::instance();
+    datacenter::DataCenterRpcServer server(std::make_shared<Handler>());
+    std::string error;
+    ASSERT_TRUE(server.start(0, error)) << error;
+    const int refused = testsupport::closedLoopbackPort();
+    manager->setPluginPort("answers", std::to_string(server.port()), datacenter::PORT);
+    manager->setPluginPort("refuses", std::to_string(refused), datacenter::PORT);
+    manager->setPluginPort("badport", "not-a-port", datacenter::PORT);
+
+    std::string response;
+    std::string text;
+    text += outcome("no port", [&] { return manager->controlPlugin("noport", "x", response); });
+    text += outcome("answered", [&] { return manager->controlPlugin("answers", "x", response); });
+    text += outcome("plugin throws", [&] { return manager->controlPlugin("answers", "throw", response); });
+    text += outcome("refused", [&] { return manager->controlPlugin("refuses", "x", response); });
+    text += outcome("port not a number", [&] { return manager->controlPlugin("badport", "x", response); });
+    testsupport::Placeholders placeholders;
+    placeholders.add(std::to_string(refused), "<CLOSED PORT>").add(std::to_string(server.port()), "<PORT>");
+    EXPECT_GOLDEN("control/control-plugin", text, placeholders);
+}
+
+TEST(ControlGolden, ConfigDataOutcomes) {
+    const auto runner = RecordingRunner::sInstall();
+    PluginManager* manager = Singleton<PluginManager>::instance();
+    std::string value;
+    std::string text;
+    text += outcome("set", [&] { return manager->setPluginConfigData("42", "mode", "on"); });
+    text += outcome("get", [&] { return manager->getPluginConfigData("42", "mode", value); });
+    text += outcome("accessor throws std::exception",
+                    [&] { return manager->controlConfigData("42", "mode", value, throwStd); });
+    text += outcome("accessor throws something else",
+                    [&] { return manager->controlConfigData("42", "mode", value, throwOther); });
+    text +=
+        outcome("id leaving the plugin directory", [&] { return manager->setPluginConfigData("../x", "mode", "on"); });
+    EXPECT_GOLDEN("control/config-data", text);
+}
