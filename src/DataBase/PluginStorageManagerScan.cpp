@@ -1,0 +1,303 @@
+// Reading manifests and keeping the cache in step with the store directory:
+// one parse per manifest version, and after a change only the entries whose
+// own stamp moved are parsed again.
+#include <fcntl.h>
+#include <glog/logging.h>
+#include <unistd.h>
+
+#include <boost/lexical_cast.hpp>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <limits>
+#include <libconfig.h++>
+
+#include "DataBase/PluginStorageManager.h"
+#include "common/PluginId.h"
+#include "storage/Directory.h"
+#include "storage/File.h"
+#include "system/ConfigInfo.h"
+#include "system/LibconfigFile.h"
+
+using datacenter::PluginInfo;
+
+namespace {
+
+// The built-in welcome page keeps its status outside its manifest.
+const char* const kWelcomePluginId = "5017400000000000005";
+
+bool sameTime(const timespec& a, const timespec& b) {
+    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+}
+
+std::string text(const libconfig::Setting& root, const char* key) {
+    std::string value;
+    root.lookupValue(key, value);
+    return value;
+}
+
+// The strings of the array `key`; what was gathered so far when an element
+// is not a string, nothing for a missing key or a setting of another kind.
+std::vector<std::string> list(const libconfig::Setting& root, const char* key) {
+    std::vector<std::string> values;
+    try {
+        if (root.exists(key) && root[key].isArray()) {
+            const libconfig::Setting& setting = root[key];
+            for (int i = 0; i < setting.getLength(); ++i) {
+                values.push_back(static_cast<const char*>(setting[i]));
+            }
+        }
+    } catch (const libconfig::SettingException&) {
+        // An element of another type ends the list.
+    }
+    return values;
+}
+
+// Sets `field` from the decimal text of `key` unless the text is empty.
+template <typename Field>
+void number(const libconfig::Setting& root, const char* key, Field& field) {
+    const std::string value = text(root, key);
+    if (!value.empty()) {
+        field = static_cast<Field>(boost::lexical_cast<int32_t>(value));
+    }
+}
+
+// The install time is a 32-bit field; a later (or earlier) time than it can
+// hold is kept at its limit rather than making the plugin unlisted.
+void installTime(const libconfig::Setting& root, int32_t& field) {
+    const std::string value = text(root, PluginStorageManager::sManifestInstallTimeKey.c_str());
+    if (value.empty()) {
+        return;
+    }
+    const int64_t seconds = boost::lexical_cast<int64_t>(value);
+    const int64_t low = std::numeric_limits<int32_t>::min();
+    const int64_t high = std::numeric_limits<int32_t>::max();
+    field = static_cast<int32_t>(seconds < low ? low : (seconds > high ? high : seconds));
+}
+
+// Fills the record from a parsed manifest, in the store's fixed key order.
+void fillRecord(const libconfig::Setting& root, PluginInfo& info) {
+    info.name = text(root, "name");
+    info.smallIcon = text(root, "small_icon");
+    info.largeIcon = text(root, "large_icon");
+    info.developer = text(root, "developer");
+    info.devId = text(root, "dev_id");
+    info.version = text(root, "version");
+    info.introduction = text(root, "introduction");
+    info.controlUrl = text(root, "control_url");
+    info.supportedRomVersion = text(root, "supported_rom_version");
+    info.sdkToken = text(root, PluginStorageManager::sManifestSdkTokenKey.c_str());
+    if (info.id != kWelcomePluginId) {
+        number(root, PluginStorageManager::sManifestStatusKey.c_str(), info.status);
+    }
+    number(root, "use_status", info.useStatus);
+    info.binaryName = text(root, "binary_name");
+    number(root, "sdk_level", info.sdkLevel);
+    info.capabilityList = list(root, "capability_list");
+    info.modelList = list(root, "model_list");
+    info.marketIcon = text(root, "market_icon");
+    info.installedIcon = text(root, "installed_icon");
+    info.detailImage = text(root, "detail_image");
+    info.authorizeId = text(root, "authorize_id");
+    installTime(root, info.installTime);
+}
+
+// The welcome page's status is not read from its manifest; the one this
+// process last set stays across a re-read of the file.
+void keepWelcomeStatus(const std::map<std::string, PluginInfo>& cached, PluginInfo& info) {
+    const auto found = cached.find(info.id);
+    if (info.id == kWelcomePluginId && found != cached.end()) {
+        info.status = found->second.status;
+    }
+}
+
+}  // namespace
+
+bool PluginStorageManager::Stamp::operator==(const Stamp& other) const {
+    return device == other.device && inode == other.inode && size == other.size &&
+           sameTime(modified, other.modified) && sameTime(changed, other.changed);
+}
+
+bool PluginStorageManager::sStampOf(const std::string& path, Stamp& stamp) {
+    struct stat status;
+    if (stat(path.c_str(), &status) != 0) {
+        return false;
+    }
+    stamp.device = status.st_dev;
+    stamp.inode = status.st_ino;
+    stamp.size = status.st_size;
+    stamp.modified = status.st_mtim;
+    stamp.changed = status.st_ctim;
+    return true;
+}
+
+bool PluginStorageManager::sIsRacy(const Stamp& stamp, const timespec& scanStart) {
+    // The modification time is what a write inside the same tick would leave
+    // unchanged; the change time moves with it, and a file whose times were
+    // set back by hand is not what a writer of the store does.
+    return stamp.modified.tv_sec + kRacyWindow >= scanStart.tv_sec;
+}
+
+PluginStorageManager::ReadResult PluginStorageManager::readManifest(const std::string& path, PluginInfo& info,
+                                                                    Stamp& stamp) {
+    if (!isValidManifest(path)) {
+        LOG(INFO) << path << " is not valid manifest";
+        sStampOf(path, stamp);
+        return ReadResult::NotManifest;
+    }
+    FILE* stream = fopen(path.c_str(), "re");
+    if (!stream) {
+        // Out of descriptors, an I/O error or no permission pass; the
+        // manifest stays and is read again at the next lookup.
+        LOG(ERROR) << "cannot read manifest " << path << ": " << strerror(errno);
+        return ReadResult::Unreadable;
+    }
+    struct stat status;
+    fstat(fileno(stream), &status);
+    stamp = Stamp{status.st_dev, status.st_ino, status.st_size, status.st_mtim, status.st_ctim};
+    libconfig::Config document;
+    std::string error;
+    datacenter::ConfigInfo::sGetInstance()->withFileLock([&] {
+        try {
+            document.read(stream);
+        } catch (const std::exception& e) {
+            error = datacenter::LibconfigFile::sDescribe(e);
+        }
+    });
+    const bool readFailed = ferror(stream) != 0;
+    fclose(stream);
+    ++parseCount_;
+    if (readFailed || !error.empty()) {
+        LOG(ERROR) << "cannot read manifest " << path << ": " << (readFailed ? "read error" : error);
+        return readFailed ? ReadResult::Unreadable : ReadResult::NotManifest;
+    }
+    const libconfig::Setting& root = document.getRoot();
+    info.id = text(root, "plugin_id");
+    if (info.id.empty()) {
+        LOG(ERROR) << path << " manifest dose not have Plugin ID!!!!!!";
+        // Only the version that was read goes: a manifest renamed into its
+        // place meanwhile is another plugin's record.
+        Stamp now;
+        if (sStampOf(path, now) && now == stamp) {
+            datacenter::File::sDelete(path);
+        }
+        return ReadResult::NoId;
+    }
+    if (!datacenter::isSafePluginId(info.id)) {
+        LOG(ERROR) << path << " is not valid manifest";
+        return ReadResult::BadId;
+    }
+    fillRecord(root, info);
+    return ReadResult::Read;
+}
+
+bool PluginStorageManager::unchangedLocked(const std::string& path, const Entry& entry) const {
+    Stamp now;
+    if (entry.racy || !sStampOf(path, now) || !(now == entry.stamp)) {
+        return false;
+    }
+    if (entry.id.empty()) {
+        return true;
+    }
+    // A record that lost to a duplicate id is not cached: read it again.
+    const auto owner = ownerOf_.find(entry.id);
+    return owner != ownerOf_.end() && owner->second == path;
+}
+
+void PluginStorageManager::rescanLocked(const timespec& scanStart) {
+    std::map<std::string, Entry> entries;
+    std::map<std::string, PluginInfo> infos;
+    std::map<std::string, std::string> owners;
+    std::exception_ptr conversionError;
+    bool racy = false;
+    for (const std::string& path : datacenter::Directory::sListEntries(manifestRootPath)) {
+        const auto known = entries_.find(path);
+        if (known != entries_.end() && unchangedLocked(path, known->second)) {
+            const Entry& entry = known->second;
+            if (!entry.id.empty()) {
+                infos[entry.id] = std::move(pluginInfos_[entry.id]);
+                owners[entry.id] = path;
+            }
+            entries[path] = entry;
+            continue;
+        }
+        PluginInfo info;
+        Entry entry;
+        ReadResult result = ReadResult::Unreadable;
+        try {
+            result = readManifest(path, info, entry.stamp);
+        } catch (const boost::bad_lexical_cast& e) {
+            LOG(ERROR) << path << " has a value that is not a number: " << e.what();
+            if (!conversionError) {
+                conversionError = std::current_exception();
+            }
+        }
+        if (result == ReadResult::Unreadable || result == ReadResult::NoId) {
+            // Not recorded: looked at again by the next lookup.
+            racy = racy || result == ReadResult::Unreadable;
+            continue;
+        }
+        if (result == ReadResult::Read) {
+            keepWelcomeStatus(pluginInfos_, info);
+            entry.id = info.id;
+            owners[info.id] = path;
+            infos[info.id] = std::move(info);
+        }
+        entry.racy = sIsRacy(entry.stamp, scanStart);
+        racy = racy || entry.racy;
+        entries[path] = entry;
+    }
+    entries_.swap(entries);
+    pluginInfos_.swap(infos);
+    ownerOf_.swap(owners);
+    racyLeft_ = racyLeft_ || racy || conversionError;
+    if (conversionError) {
+        std::rethrow_exception(conversionError);
+    }
+}
+
+void PluginStorageManager::refreshLocked() {
+    manifestRootPath = sGetManifestRootPath();
+    Stamp directory;
+    if (!datacenter::Directory::sIsDirectory(manifestRootPath) || !sStampOf(manifestRootPath, directory)) {
+        pluginInfos_.clear();
+        entries_.clear();
+        ownerOf_.clear();
+        scanned_ = false;
+        return;
+    }
+    const std::string markFile = manifestRootPath + sUpdatedFile;
+    const bool marked = access(markFile.c_str(), F_OK) == 0;
+    if (scanned_ && !marked && !racyLeft_ && directory == directoryStamp_) {
+        return;
+    }
+    if (marked) {
+        datacenter::File::sDelete(markFile);
+        sStampOf(manifestRootPath, directory);
+    }
+    timespec scanStart;
+    clock_gettime(CLOCK_REALTIME, &scanStart);
+    directoryStamp_ = directory;
+    lastModified = directory.modified.tv_sec;
+    scanned_ = true;
+    racyLeft_ = sIsRacy(directory, scanStart);
+    rescanLocked(scanStart);
+}
+
+bool PluginStorageManager::addLocked(const std::string& path, PluginInfo& info) {
+    Entry entry;
+    if (readManifest(path, info, entry.stamp) != ReadResult::Read) {
+        return false;
+    }
+    timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    entry.id = info.id;
+    entry.racy = sIsRacy(entry.stamp, now);
+    racyLeft_ = racyLeft_ || entry.racy;
+    entries_[path] = entry;
+    keepWelcomeStatus(pluginInfos_, info);
+    pluginInfos_[info.id] = info;
+    ownerOf_[info.id] = path;
+    return true;
+}
