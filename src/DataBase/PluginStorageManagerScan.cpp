@@ -1,7 +1,9 @@
 // Reading manifests and keeping the cache in step with the store directory:
 // one parse per manifest version, and after a change only the entries whose
 // own stamp moved are parsed again.
+#include <dirent.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <glog/logging.h>
 #include <unistd.h>
 
@@ -11,6 +13,8 @@
 #include <cstring>
 #include <exception>
 #include <limits>
+#include <utility>
+#include <vector>
 #include <libconfig.h++>
 
 #include "DataBase/PluginStorageManager.h"
@@ -31,32 +35,57 @@ bool sameTime(const timespec& a, const timespec& b) {
     return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
 }
 
-std::string text(const libconfig::Setting& root, const char* key) {
-    std::string value;
-    root.lookupValue(key, value);
-    return value;
+// The settings of a manifest's root group, gathered in one pass: looking
+// each key up through the library walks the whole group every time.
+class Members {
+public:
+    explicit Members(const libconfig::Setting& root) {
+        const int count = root.getLength();
+        members_.reserve(count);
+        for (int i = 0; i < count; ++i) {
+            const libconfig::Setting& member = root[i];
+            members_.emplace_back(member.getName(), &member);
+        }
+    }
+    const libconfig::Setting* find(const char* key) const {
+        for (const auto& member : members_) {
+            if (member.first && strcmp(member.first, key) == 0) {
+                return member.second;
+            }
+        }
+        return nullptr;
+    }
+
+private:
+    std::vector<std::pair<const char*, const libconfig::Setting*>> members_;
+};
+
+std::string text(const Members& root, const char* key) {
+    const libconfig::Setting* setting = root.find(key);
+    return setting && setting->getType() == libconfig::Setting::TypeString ? std::string(setting->c_str())
+                                                                            : std::string();
 }
 
 // The strings of the array `key`; what was gathered so far when an element
 // is not a string, nothing for a missing key or a setting of another kind.
-std::vector<std::string> list(const libconfig::Setting& root, const char* key) {
+std::vector<std::string> list(const Members& root, const char* key) {
     std::vector<std::string> values;
-    try {
-        if (root.exists(key) && root[key].isArray()) {
-            const libconfig::Setting& setting = root[key];
-            for (int i = 0; i < setting.getLength(); ++i) {
-                values.push_back(static_cast<const char*>(setting[i]));
+    const libconfig::Setting* setting = root.find(key);
+    if (setting && setting->isArray()) {
+        for (int i = 0; i < setting->getLength(); ++i) {
+            const libconfig::Setting& element = (*setting)[i];
+            if (element.getType() != libconfig::Setting::TypeString) {
+                break;
             }
+            values.emplace_back(element.c_str());
         }
-    } catch (const libconfig::SettingException&) {
-        // An element of another type ends the list.
     }
     return values;
 }
 
 // Sets `field` from the decimal text of `key` unless the text is empty.
 template <typename Field>
-void number(const libconfig::Setting& root, const char* key, Field& field) {
+void number(const Members& root, const char* key, Field& field) {
     const std::string value = text(root, key);
     if (!value.empty()) {
         field = static_cast<Field>(boost::lexical_cast<int32_t>(value));
@@ -65,7 +94,7 @@ void number(const libconfig::Setting& root, const char* key, Field& field) {
 
 // The install time is a 32-bit field; a later (or earlier) time than it can
 // hold is kept at its limit rather than making the plugin unlisted.
-void installTime(const libconfig::Setting& root, int32_t& field) {
+void installTime(const Members& root, int32_t& field) {
     const std::string value = text(root, PluginStorageManager::sManifestInstallTimeKey.c_str());
     if (value.empty()) {
         return;
@@ -77,7 +106,7 @@ void installTime(const libconfig::Setting& root, int32_t& field) {
 }
 
 // Fills the record from a parsed manifest, in the store's fixed key order.
-void fillRecord(const libconfig::Setting& root, PluginInfo& info) {
+void fillRecord(const Members& root, PluginInfo& info) {
     info.name = text(root, "name");
     info.smallIcon = text(root, "small_icon");
     info.largeIcon = text(root, "large_icon");
@@ -112,6 +141,34 @@ void keepWelcomeStatus(const std::map<std::string, PluginInfo>& cached, PluginIn
     }
 }
 
+// The entries of the store directory in directory order: regular files and
+// directories (links followed) whose names do not begin with ".". The type
+// comes from the directory itself where the file system gives it, which
+// spares a stat() per manifest.
+std::vector<std::string> listStore(const std::string& directory) {
+    std::vector<std::string> entries;
+    DIR* stream = opendir(directory.c_str());
+    if (!stream) {
+        return entries;
+    }
+    while (const struct dirent* entry = readdir(stream)) {
+        if (entry->d_name[0] == '.') {
+            continue;
+        }
+        const std::string path = directory + entry->d_name;
+        bool wanted = entry->d_type == DT_REG || entry->d_type == DT_DIR;
+        if (entry->d_type == DT_UNKNOWN || entry->d_type == DT_LNK) {
+            struct stat status;
+            wanted = stat(path.c_str(), &status) == 0 && (S_ISREG(status.st_mode) || S_ISDIR(status.st_mode));
+        }
+        if (wanted) {
+            entries.push_back(path);
+        }
+    }
+    closedir(stream);
+    return entries;
+}
+
 }  // namespace
 
 bool PluginStorageManager::Stamp::operator==(const Stamp& other) const {
@@ -141,20 +198,28 @@ bool PluginStorageManager::sIsRacy(const Stamp& stamp, const timespec& scanStart
 
 PluginStorageManager::ReadResult PluginStorageManager::readManifest(const std::string& path, PluginInfo& info,
                                                                     Stamp& stamp) {
-    if (!isValidManifest(path)) {
-        LOG(INFO) << path << " is not valid manifest";
-        sStampOf(path, stamp);
-        return ReadResult::NotManifest;
-    }
-    FILE* stream = fopen(path.c_str(), "re");
-    if (!stream) {
+    // The name is checked here and the kind of file once it is open (a
+    // directory opens too), which spares a stat() per manifest.
+    const std::string::size_type slash = path.rfind('/');
+    const std::string::size_type dot = path.rfind('.');
+    const bool named = dot != std::string::npos && (slash == std::string::npos || dot > slash) &&
+                       path.compare(dot, std::string::npos, sManifestFileExten) == 0;
+    FILE* stream = named ? fopen(path.c_str(), "re") : nullptr;
+    if (named && !stream && errno != ENOENT && errno != ENOTDIR) {
         // Out of descriptors, an I/O error or no permission pass; the
         // manifest stays and is read again at the next lookup.
         LOG(ERROR) << "cannot read manifest " << path << ": " << strerror(errno);
         return ReadResult::Unreadable;
     }
     struct stat status;
-    fstat(fileno(stream), &status);
+    if (!stream || fstat(fileno(stream), &status) != 0 || S_ISDIR(status.st_mode)) {
+        if (stream) {
+            fclose(stream);
+        }
+        LOG(INFO) << path << " is not valid manifest";
+        sStampOf(path, stamp);
+        return ReadResult::NotManifest;
+    }
     stamp = Stamp{status.st_dev, status.st_ino, status.st_size, status.st_mtim, status.st_ctim};
     libconfig::Config document;
     std::string error;
@@ -172,7 +237,7 @@ PluginStorageManager::ReadResult PluginStorageManager::readManifest(const std::s
         LOG(ERROR) << "cannot read manifest " << path << ": " << (readFailed ? "read error" : error);
         return readFailed ? ReadResult::Unreadable : ReadResult::NotManifest;
     }
-    const libconfig::Setting& root = document.getRoot();
+    const Members root(document.getRoot());
     info.id = text(root, "plugin_id");
     if (info.id.empty()) {
         LOG(ERROR) << path << " manifest dose not have Plugin ID!!!!!!";
@@ -211,7 +276,7 @@ void PluginStorageManager::rescanLocked(const timespec& scanStart) {
     std::map<std::string, std::string> owners;
     std::exception_ptr conversionError;
     bool racy = false;
-    for (const std::string& path : datacenter::Directory::sListEntries(manifestRootPath)) {
+    for (const std::string& path : listStore(manifestRootPath)) {
         const auto known = entries_.find(path);
         if (known != entries_.end() && unchangedLocked(path, known->second)) {
             const Entry& entry = known->second;
