@@ -36,8 +36,7 @@ void writeFile(const std::string& path, const std::string& content) {
 }
 
 std::string manifestText(const std::string& id) {
-    return "plugin_id = \"" + id +
-           "\";\nname = \"Plugin " + id +
+    return "plugin_id = \"" + id + "\";\nname = \"Plugin " + id +
            "\";\nsmall_icon = \"icons/s.png\";\nlarge_icon = \"icons/l.png\";\n"
            "developer = \"Example Developer\";\ndev_id = \"900001\";\nversion = \"1.4.2\";\n"
            "introduction = \"A plugin that does one useful thing for the people at home.\";\n"

@@ -95,8 +95,8 @@ private:
     // What the last scan saw of one directory entry.
     struct Entry {
         Stamp stamp;
-        std::string id;      // empty: not a usable manifest
-        bool racy = false;   // stamp too young to be trusted
+        std::string id;     // empty: not a usable manifest
+        bool racy = false;  // stamp too young to be trusted
     };
     enum class ReadResult { Read, NotManifest, Unreadable, NoId, BadId };
 

@@ -3,8 +3,8 @@
 // own stamp moved are parsed again.
 #include <dirent.h>
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <glog/logging.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <boost/lexical_cast.hpp>
@@ -12,10 +12,10 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <libconfig.h++>
 #include <limits>
 #include <utility>
 #include <vector>
-#include <libconfig.h++>
 
 #include "DataBase/PluginStorageManager.h"
 #include "common/PluginId.h"
@@ -63,7 +63,7 @@ private:
 std::string text(const Members& root, const char* key) {
     const libconfig::Setting* setting = root.find(key);
     return setting && setting->getType() == libconfig::Setting::TypeString ? std::string(setting->c_str())
-                                                                            : std::string();
+                                                                           : std::string();
 }
 
 // The strings of the array `key`; what was gathered so far when an element
@@ -172,8 +172,8 @@ std::vector<std::string> listStore(const std::string& directory) {
 }  // namespace
 
 bool PluginStorageManager::Stamp::operator==(const Stamp& other) const {
-    return device == other.device && inode == other.inode && size == other.size &&
-           sameTime(modified, other.modified) && sameTime(changed, other.changed);
+    return device == other.device && inode == other.inode && size == other.size && sameTime(modified, other.modified) &&
+           sameTime(changed, other.changed);
 }
 
 bool PluginStorageManager::sStampOf(const std::string& path, Stamp& stamp) {

@@ -1,7 +1,7 @@
 // The manifest store: reading manifests, cache reloads (also when another
 // process changed the store), updates, insertion and deletion.
-#include <gtest/gtest.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/wait.h>
