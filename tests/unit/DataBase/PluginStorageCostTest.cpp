@@ -19,20 +19,15 @@
 #include "storage/File.h"
 #include "support/TestSupport.h"
 #include "system/ConfigInfo.h"
+#include "unit/DataBase/StoreTestSupport.h"
 
 using datacenter::PluginInfo;
+using testsupport::store;
+using testsupport::storeDir;
 using testsupport::underRoot;
 using testsupport::writeFile;
 
 namespace {
-
-std::string storeDir() {
-    return underRoot("/userdisk/appdata//app_infos/");
-}
-
-PluginStorageManager* store() {
-    return Singleton<PluginStorageManager>::instance();
-}
 
 // Puts the time stamps of `path` well into the past, as for a store that
 // has not changed for a while.

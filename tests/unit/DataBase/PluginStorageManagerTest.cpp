@@ -16,16 +16,15 @@
 #include "storage/File.h"
 #include "support/TestSupport.h"
 #include "system/ConfigInfo.h"
+#include "unit/DataBase/StoreTestSupport.h"
 
 using datacenter::PluginInfo;
+using testsupport::store;
+using testsupport::storeDir;
 using testsupport::underRoot;
 using testsupport::writeFile;
 
 namespace {
-
-std::string storeDir() {
-    return underRoot("/userdisk/appdata//app_infos/");
-}
 
 void writeManifest(const std::string& fileName, const std::string& body) {
     writeFile(storeDir() + fileName, body);
@@ -33,10 +32,6 @@ void writeManifest(const std::string& fileName, const std::string& body) {
 
 std::string simpleManifest(const std::string& id, const std::string& name) {
     return "plugin_id = \"" + id + "\";\nname = \"" + name + "\";\nversion = \"1.0.0\";\n";
-}
-
-PluginStorageManager* store() {
-    return Singleton<PluginStorageManager>::instance();
 }
 
 time_t directoryTime(const std::string& path) {
