@@ -26,56 +26,8 @@ const std::string PluginStorageManager::sUpdatedFile = "hasUpdated";
 
 namespace {
 
-// The built-in welcome page keeps its status outside its manifest.
-const char* const kWelcomePluginId = "5017400000000000005";
 // Where a plugin's own manifest lies below its data directory.
 const char* const kPluginManifestFileName = "/etc/manifest";
-
-// Modification time of the store directory in seconds; 0 when unknown.
-time_t modificationTime(const std::string& path) {
-    struct stat status;
-    return stat(path.c_str(), &status) == 0 ? status.st_mtime : 0;
-}
-
-// Reads the remaining keys of a manifest into `info`, in the store's fixed order.
-void readManifestKeys(ConfigInfo* config, const std::string& path, PluginInfo& info) {
-    auto text = [&](const char* key) { return config->getConfigFromFile(path, key); };
-    info.name = text("name");
-    info.smallIcon = text("small_icon");
-    info.largeIcon = text("large_icon");
-    info.developer = text("developer");
-    info.devId = text("dev_id");
-    info.version = text("version");
-    info.introduction = text("introduction");
-    info.controlUrl = text("control_url");
-    info.supportedRomVersion = text("supported_rom_version");
-    info.sdkToken = text(PluginStorageManager::sManifestSdkTokenKey.c_str());
-    if (info.id != kWelcomePluginId) {
-        const std::string status = text(PluginStorageManager::sManifestStatusKey.c_str());
-        if (!status.empty()) {
-            info.status = static_cast<datacenter::PluginStatus>(boost::lexical_cast<int32_t>(status));
-        }
-    }
-    const std::string useStatus = text("use_status");
-    if (!useStatus.empty()) {
-        info.useStatus = static_cast<datacenter::PluginUseStatus>(boost::lexical_cast<int32_t>(useStatus));
-    }
-    info.binaryName = text("binary_name");
-    const std::string sdkLevel = text("sdk_level");
-    if (!sdkLevel.empty()) {
-        info.sdkLevel = boost::lexical_cast<int32_t>(sdkLevel);
-    }
-    info.capabilityList = config->getListFromFile(path, "capability_list");
-    info.modelList = config->getListFromFile(path, "model_list");
-    info.marketIcon = text("market_icon");
-    info.installedIcon = text("installed_icon");
-    info.detailImage = text("detail_image");
-    info.authorizeId = text("authorize_id");
-    const std::string installTime = text(PluginStorageManager::sManifestInstallTimeKey.c_str());
-    if (!installTime.empty()) {
-        info.installTime = boost::lexical_cast<int32_t>(installTime);
-    }
-}
 
 // Copies `source` to `target` so that readers of the store see either the
 // old manifest or the whole new one: the copy goes to a hidden file beside
@@ -83,7 +35,15 @@ void readManifestKeys(ConfigInfo* config, const std::string& path, PluginInfo& i
 // (0 copied, -1 failure, -2 no space, 1 interrupted).
 int copyManifestIntoStore(const std::string& source, const std::string& target, const std::string& storeDir,
                           const std::string& id) {
-    const std::string temporary = storeDir + ".incoming-" + id + PluginStorageManager::sManifestFileExten;
+    // A name of its own for every copy: two processes storing the same id
+    // must not write into each other's half-done file.
+    std::string temporary = storeDir + "." + id + PluginStorageManager::sManifestFileExten + ".XXXXXX";
+    const int reserved = mkstemp(&temporary[0]);
+    if (reserved < 0) {
+        LOG(ERROR) << "cannot store manifest " << target << ": " << strerror(errno);
+        return datacenter::File::sCopyFailed;
+    }
+    close(reserved);
     const int copied = datacenter::File::sRawCopyFile(source, temporary);
     if (copied != datacenter::File::sCopyOk) {
         datacenter::File::sDelete(temporary);
@@ -113,8 +73,12 @@ std::string getStateoffStr() {
 }
 
 PluginStorageManager::PluginStorageManager() : manifestRootPath(sGetManifestRootPath()), lastModified(0) {
-    for (const std::string& entry : datacenter::Directory::sListEntries(manifestRootPath)) {
-        addToList(entry);
+    boost::mutex::scoped_lock lock(mutex_);
+    try {
+        refreshLocked();
+    } catch (const boost::bad_lexical_cast&) {
+        // Left unrecorded by the scan: the first lookup reads it again and
+        // passes the error on to its caller.
     }
 }
 
@@ -143,70 +107,45 @@ bool PluginStorageManager::isValidManifest(const std::string& path) {
 }
 
 bool PluginStorageManager::getPluginInfoFromManifest(const std::string& path, PluginInfo& info) {
-    if (!isValidManifest(path)) {
-        LOG(INFO) << path << " is not valid manifest";
-        return false;
-    }
-    ConfigInfo* config = ConfigInfo::sGetInstance();
-    info.id = config->getConfigFromFile(path, "plugin_id");
-    if (info.id.empty()) {
-        LOG(INFO) << path << " manifest dose not have Plugin ID!!!!!!";
-        datacenter::File::sDelete(path);
-        return false;
-    }
-    if (!datacenter::isSafePluginId(info.id)) {
-        LOG(INFO) << path << " is not valid manifest";
-        return false;
-    }
-    readManifestKeys(config, path, info);
-    return true;
-}
-
-bool PluginStorageManager::readEntry(const std::string& path, PluginInfo& info) {
-    // A number that does not convert spoils only its own manifest: the rest
-    // of the store stays listed.
-    try {
-        return getPluginInfoFromManifest(path, info) && !info.id.empty();
-    } catch (const boost::bad_lexical_cast& e) {
-        LOG(ERROR) << path << " has a value that is not a number: " << e.what();
-    }
-    return false;
+    Stamp stamp;
+    return readManifest(path, info, stamp) == ReadResult::Read;
 }
 
 void PluginStorageManager::addToList(const std::string& path) {
     boost::mutex::scoped_lock lock(mutex_);
     PluginInfo info;
-    if (readEntry(path, info)) {
-        pluginInfos_[info.id] = info;
-    }
+    addLocked(path, info);
 }
 
 std::map<std::string, PluginInfo> PluginStorageManager::getPluginInfos() {
     boost::mutex::scoped_lock lock(mutex_);
-    manifestRootPath = sGetManifestRootPath();
-    if (!datacenter::Directory::sIsDirectory(manifestRootPath)) {
-        pluginInfos_.clear();
-        return pluginInfos_;
-    }
-    const time_t modified = modificationTime(manifestRootPath);
-    const std::string markFile = manifestRootPath + sUpdatedFile;
-    if (modified > lastModified || datacenter::File::sExists(markFile)) {
-        datacenter::File::sDelete(markFile);
-        lastModified = modified;
-        pluginInfos_.clear();
-        for (const std::string& entry : datacenter::Directory::sListEntries(manifestRootPath)) {
-            PluginInfo info;
-            if (readEntry(entry, info)) {
-                pluginInfos_[info.id] = info;
-            }
-        }
+    refreshLocked();
+    return pluginInfos_;
+}
+
+std::map<std::string, PluginInfo> PluginStorageManager::getListablePluginInfos() {
+    boost::mutex::scoped_lock lock(mutex_);
+    try {
+        refreshLocked();
+    } catch (const boost::bad_lexical_cast&) {
+        // Already logged with the manifest's path; the readable ones are cached.
     }
     return pluginInfos_;
 }
 
+PluginInfo PluginStorageManager::getListablePluginInfoById(const std::string& id) {
+    try {
+        return getPluginInfoById(id);
+    } catch (const boost::bad_lexical_cast&) {
+        boost::mutex::scoped_lock lock(mutex_);
+        const auto found = pluginInfos_.find(id);
+        return found == pluginInfos_.end() ? PluginInfo() : found->second;
+    }
+}
+
 PluginInfo PluginStorageManager::getPluginInfoById(const std::string& id) {
-    getPluginInfos();
     boost::mutex::scoped_lock lock(mutex_);
+    refreshLocked();
     LOG(INFO) << "getPluginInfoById id is " << id;
     if (id.empty()) {
         LOG(INFO) << "Plugin Storage get plugin by id failed, id is empty!";
@@ -233,10 +172,8 @@ bool PluginStorageManager::insertToStorage(const std::string& id, const std::str
     if (copied != datacenter::File::sCopyOk) {
         return false;
     }
-    // The stored copy has been checked by the installer already; a copy that
-    // still does not read is simply not listed.
-    readEntry(stored, info);
-    addToList(stored);
+    boost::mutex::scoped_lock lock(mutex_);
+    addLocked(stored, info);
     return true;
 }
 
@@ -292,7 +229,9 @@ bool PluginStorageManager::deleteInStorage(const std::string& id) {
     }
     boost::mutex::scoped_lock lock(mutex_);
     pluginInfos_.erase(id);
+    ownerOf_.erase(id);
     const std::string path = getManifestFilePath(id);
+    entries_.erase(path);
     LOG(INFO) << "delete file : " << path;
     const bool existed = datacenter::File::sExists(path);
     if (existed) {

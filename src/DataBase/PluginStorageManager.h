@@ -1,15 +1,24 @@
 #pragma once
 // The manifest store: one libconfig manifest per installed plugin in one
 // directory, shared between processes, with an in-memory cache of the
-// records. The cache reloads when the directory's modification time moves
-// on or when the mark file "hasUpdated" exists: that file is how a process
-// that changed the store behind this object's back (the command-line
-// installer) tells every other process that its list is stale.
+// records. The cache is checked against the directory on every lookup: when
+// the directory's stamp (nanosecond modification time, inode) moved on, or
+// when the mark file "hasUpdated" exists (how a process that changed the
+// store behind this object's back tells the others), each manifest is
+// stat()ed and only those whose own stamp changed are parsed again. A stamp
+// taken within kRacyWindow of the clock is not trusted, because a second
+// change inside the same file-system time tick would leave it unchanged: such
+// entries are looked at again on the next lookup.
 // Reached through Singleton<PluginStorageManager>::instance().
+#include <sys/stat.h>
+
+#include <atomic>
 #include <boost/thread/mutex.hpp>
+#include <cstdint>
 #include <ctime>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "common/PluginInfo.h"
 
@@ -33,19 +42,29 @@ public:
     std::string getManifestFilePath(const std::string& id);
     // True for a path that is not a directory and ends in ".manifest".
     bool isValidManifest(const std::string& path);
-    // Fills `info` from the manifest at `path`. False for an invalid path or
-    // plugin id; a manifest without "plugin_id" is deleted. Throws
-    // boost::bad_lexical_cast when a numeric key is not a decimal number.
+    // Fills `info` from the manifest at `path` (one parse). False for an
+    // invalid path or plugin id, or a file that cannot be read or parsed (it
+    // is kept); a manifest that parses without "plugin_id" is deleted. Throws
+    // boost::bad_lexical_cast when a numeric key is not a decimal number; an
+    // install time beyond the 32-bit range is clamped to it.
     bool getPluginInfoFromManifest(const std::string& path, datacenter::PluginInfo& info);
     // Reads the manifest at `path` and caches its record under its id.
+    // Throws boost::bad_lexical_cast like getPluginInfoFromManifest.
     void addToList(const std::string& path);
-    // The cached records by id, reloaded first when the store changed.
+    // The cached records by id, brought up to date first. Throws
+    // boost::bad_lexical_cast while a manifest holds a number that does not
+    // convert; the other records are still brought up to date.
     std::map<std::string, datacenter::PluginInfo> getPluginInfos();
     // The record of `id`; a record with an empty id when there is none.
+    // Throws like getPluginInfos.
     datacenter::PluginInfo getPluginInfoById(const std::string& id);
+    // The same two look-ups for callers that must not fail: a manifest whose
+    // number does not convert is logged and left out, the others are listed.
+    std::map<std::string, datacenter::PluginInfo> getListablePluginInfos();
+    datacenter::PluginInfo getListablePluginInfoById(const std::string& id);
     // Stamps the plugin's own manifest with the install time, copies it into
     // the store and reads it into `info` and the cache. False for an empty
-    // argument or a failed copy.
+    // argument or a failed copy; throws like getPluginInfoFromManifest.
     bool insertToStorage(const std::string& id, const std::string& manifestPath, datacenter::PluginInfo& info);
     // Writes the status (or use status) to the stored manifest and the cache.
     // False for an empty id or a missing manifest.
@@ -58,16 +77,61 @@ public:
     bool updateToStorage(const datacenter::PluginInfo& info);
     // Kept for callers of the older interface: changes nothing.
     void resetStorage();
+    // How many manifest files this object has parsed since it was created
+    // (for diagnostics and benchmarks of the reload cost).
+    uint64_t manifestParseCount() const { return parseCount_.load(); }
+
+    // Stamps younger than this (seconds) are re-checked on the next lookup:
+    // it covers the coarsest time stamps of the file systems a user disk may
+    // carry (two seconds on FAT).
+    static const int kRacyWindow = 2;
 
 private:
-    // Reads one manifest into a fresh record; false when it is not usable.
-    bool readEntry(const std::string& path, datacenter::PluginInfo& info);
+    // What identifies one version of a file without reading it.
+    struct Stamp {
+        dev_t device = 0;
+        ino_t inode = 0;
+        off_t size = 0;
+        timespec modified{0, 0};
+        timespec changed{0, 0};
+        bool operator==(const Stamp& other) const;
+    };
+    // What the last scan saw of one directory entry.
+    struct Entry {
+        Stamp stamp;
+        std::string id;     // empty: not a usable manifest
+        bool racy = false;  // stamp too young to be trusted
+    };
+    enum class ReadResult { Read, NotManifest, Unreadable, NoId, BadId };
+
+    // One parse of the manifest at `path` into `info`; `stamp` is the stamp
+    // of the version read. Throws boost::bad_lexical_cast.
+    ReadResult readManifest(const std::string& path, datacenter::PluginInfo& info, Stamp& stamp);
+    // Brings the cache up to date with the directory; the mutex is held.
+    void refreshLocked();
+    // Rescans the directory, parsing only the entries whose stamp changed.
+    // Throws the first conversion error after the scan has finished.
+    void rescanLocked(const timespec& scanStart);
+    // Whether the record cached for `path` can be kept as it is.
+    bool unchangedLocked(const std::string& path, const Entry& entry) const;
+    // Parses `path` and caches its record; the mutex is held.
+    bool addLocked(const std::string& path, datacenter::PluginInfo& info);
+    static bool sStampOf(const std::string& path, Stamp& stamp);
+    static bool sIsRacy(const Stamp& stamp, const timespec& scanStart);
     bool writeKeyToStorage(const std::string& id, const std::string& key, const std::string& value, const char* caller);
 
     std::string manifestRootPath;
     boost::mutex mutex_;
     std::map<std::string, datacenter::PluginInfo> pluginInfos_;
     time_t lastModified;
+    // Directory entries of the last scan, by path, and which path's record
+    // each cached id holds (the last one in directory order).
+    std::map<std::string, Entry> entries_;
+    std::map<std::string, std::string> ownerOf_;
+    Stamp directoryStamp_;
+    bool scanned_ = false;
+    bool racyLeft_ = false;
+    std::atomic<uint64_t> parseCount_{0};
 };
 
 // The texts of a switched-on and a switched-off setting: "on" and "off".

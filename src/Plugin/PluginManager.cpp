@@ -108,7 +108,7 @@ std::string PluginManager::getConfigFilePath(const std::string& id) const {
 }
 
 ApiErrorCode PluginManager::getPluginStatus(const std::string& id, datacenter::PluginStatus& status) {
-    const datacenter::PluginInfo info = Singleton<PluginStorageManager>::instance()->getPluginInfoById(id);
+    const datacenter::PluginInfo info = Singleton<PluginStorageManager>::instance()->getListablePluginInfoById(id);
     if (info.id.empty()) {
         return API_NO_SUCH_PLUGIN;
     }
@@ -121,7 +121,7 @@ ApiErrorCode PluginManager::getPluginById(datacenter::PluginInfo& info, std::str
         LOG(ERROR) << "PluginManager getPluginById ID is EMPTY!!";
         return API_EMPTY_ARGUMENT;
     }
-    info = Singleton<PluginStorageManager>::instance()->getPluginInfoById(id);
+    info = Singleton<PluginStorageManager>::instance()->getListablePluginInfoById(id);
     return API_SUCCESS;
 }
 

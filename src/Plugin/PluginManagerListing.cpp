@@ -70,7 +70,7 @@ void PluginManager::sSetRouterWebHost(const std::string& host) {
 ApiErrorCode PluginManager::getPluginList(std::vector<datacenter::PluginInfo>& out) {
     out.clear();
     const std::map<std::string, datacenter::PluginInfo> infos =
-        Singleton<PluginStorageManager>::instance()->getPluginInfos();
+        Singleton<PluginStorageManager>::instance()->getListablePluginInfos();
     LOG(WARNING) << "getPluginList DB count is " << infos.size();
     for (const auto& entry : infos) {
         out.push_back(entry.second);
@@ -88,7 +88,7 @@ ApiErrorCode PluginManager::getOnePlugin(std::vector<datacenter::PluginInfo>& ou
             return API_SUCCESS;
         }
     }
-    const datacenter::PluginInfo stored = Singleton<PluginStorageManager>::instance()->getPluginInfoById(id);
+    const datacenter::PluginInfo stored = Singleton<PluginStorageManager>::instance()->getListablePluginInfoById(id);
     if (!stored.id.empty()) {
         out.push_back(stored);
     }

@@ -32,6 +32,13 @@ public:
     std::vector<std::string> getListFromFile(const std::string& path, const std::string& key);
     // Value of `key` in the document `text`, or "".
     std::string getConfigFromString(const std::string& text, const std::string& key);
+    // Runs `work` under the lock that serialises every configuration-file
+    // access of this process (for readers that parse a file themselves).
+    template <typename Work>
+    void withFileLock(Work&& work) {
+        boost::mutex::scoped_lock lock(configMutex_);
+        work();
+    }
     // Cuts lines off the end of a file that fails to parse until the rest parses.
     // The caller holds the configuration lock.
     void fixDamagedFile(const std::string& path);

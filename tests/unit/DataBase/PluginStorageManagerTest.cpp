@@ -1,5 +1,6 @@
 // The manifest store: reading manifests, cache reloads (also when another
 // process changed the store), updates, insertion and deletion.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -15,16 +16,15 @@
 #include "storage/File.h"
 #include "support/TestSupport.h"
 #include "system/ConfigInfo.h"
+#include "unit/DataBase/StoreTestSupport.h"
 
 using datacenter::PluginInfo;
+using testsupport::store;
+using testsupport::storeDir;
 using testsupport::underRoot;
 using testsupport::writeFile;
 
 namespace {
-
-std::string storeDir() {
-    return underRoot("/userdisk/appdata//app_infos/");
-}
 
 void writeManifest(const std::string& fileName, const std::string& body) {
     writeFile(storeDir() + fileName, body);
@@ -32,10 +32,6 @@ void writeManifest(const std::string& fileName, const std::string& body) {
 
 std::string simpleManifest(const std::string& id, const std::string& name) {
     return "plugin_id = \"" + id + "\";\nname = \"" + name + "\";\nversion = \"1.0.0\";\n";
-}
-
-PluginStorageManager* store() {
-    return Singleton<PluginStorageManager>::instance();
 }
 
 time_t directoryTime(const std::string& path) {
@@ -106,15 +102,31 @@ TEST(PluginStorageRead, WelcomeStatusIsNotReadAndBadNumbersThrow) {
     EXPECT_EQ(datacenter::NOT_INSTALLED, welcome.status);
 
     writeManifest("bad.manifest", "plugin_id = \"bad\";\nsdk_level = \"two\";\n");
-    writeManifest("big.manifest", "plugin_id = \"big\";\ninstall_time = \"2147483648\";\n");
     PluginInfo info;
     EXPECT_THROW(store()->getPluginInfoFromManifest(storeDir() + "bad.manifest", info), boost::bad_lexical_cast);
-    EXPECT_THROW(store()->getPluginInfoFromManifest(storeDir() + "big.manifest", info), boost::bad_lexical_cast);
-    // In a listing such a manifest is left out; the others stay.
+    // The error reaches the callers of listings and lookups too, as long as
+    // the manifest stays as it is; the other records are kept up to date.
+    EXPECT_THROW(store()->getPluginInfos(), boost::bad_lexical_cast);
+    EXPECT_THROW(store()->getPluginInfoById("5017400000000000005"), boost::bad_lexical_cast);
+    // Listings that must not fail leave only the bad manifest out.
+    const auto listable = store()->getListablePluginInfos();
+    EXPECT_EQ(1u, listable.count("5017400000000000005"));
+    EXPECT_EQ(0u, listable.count("bad"));
+    EXPECT_EQ("5017400000000000005", store()->getListablePluginInfoById("5017400000000000005").id);
+    EXPECT_EQ("", store()->getListablePluginInfoById("bad").id);
+    writeManifest("bad.manifest", "plugin_id = \"bad\";\nsdk_level = \"2\";\n");
     const auto infos = store()->getPluginInfos();
     EXPECT_EQ(1u, infos.count("5017400000000000005"));
-    EXPECT_EQ(0u, infos.count("bad"));
-    EXPECT_EQ(0u, infos.count("big"));
+    EXPECT_EQ(2, infos.at("bad").sdkLevel);
+}
+
+TEST(PluginStorageRead, InstallTimesBeyondTheFieldAreClampedNotDropped) {
+    writeManifest("late.manifest", "plugin_id = \"late\";\ninstall_time = \"4102444800\";\n");
+    writeManifest("early.manifest", "plugin_id = \"early\";\ninstall_time = \"-4102444800\";\n");
+    const auto infos = store()->getPluginInfos();
+    ASSERT_EQ(2u, infos.size());
+    EXPECT_EQ(2147483647, infos.at("late").installTime);
+    EXPECT_EQ(-2147483647 - 1, infos.at("early").installTime);
 }
 
 TEST(PluginStorageList, InvalidEntriesAreSkippedAndIdlessManifestsDeleted) {
@@ -182,19 +194,26 @@ TEST(PluginStorageReload, MarkFileFromAnotherProcessForcesTheReload) {
     EXPECT_FALSE(datacenter::File::sExists(storeDir() + PluginStorageManager::sUpdatedFile));
 }
 
-TEST(PluginStorageReload, WithoutMarkOrNewerDirectoryTheCacheIsKept) {
+TEST(PluginStorageReload, AChangeInsideOneTimeTickIsNotMissed) {
     writeManifest("a.manifest", simpleManifest("a", "cached"));
     ASSERT_EQ("cached", store()->getPluginInfoById("a").name);
-    const time_t listed = directoryTime(storeDir());
+    struct stat listed;
+    ASSERT_EQ(0, stat(storeDir().c_str(), &listed));
 
+    // Another process replaces the manifest; the directory keeps exactly the
+    // time stamp it had at the listing, as on a file system whose clock has
+    // not ticked since.
     inAnotherProcess(
         [] { datacenter::ConfigInfo::sGetInstance()->setConfigToFile(storeDir() + "a.manifest", "name", "changed"); });
-    setDirectoryTime(storeDir(), listed);
-    EXPECT_EQ("cached", store()->getPluginInfoById("a").name);
-
-    // A newer directory time alone is enough.
-    setDirectoryTime(storeDir(), listed + 5);
+    const struct timespec times[2] = {listed.st_atim, listed.st_mtim};
+    ASSERT_EQ(0, utimensat(AT_FDCWD, storeDir().c_str(), times, 0));
     EXPECT_EQ("changed", store()->getPluginInfoById("a").name);
+
+    // A newer directory time is noticed as well.
+    inAnotherProcess(
+        [] { datacenter::ConfigInfo::sGetInstance()->setConfigToFile(storeDir() + "a.manifest", "name", "later"); });
+    setDirectoryTime(storeDir(), listed.st_mtim.tv_sec + 5);
+    EXPECT_EQ("later", store()->getPluginInfoById("a").name);
 }
 
 TEST(PluginStorageUpdate, StatusChangesAreVisibleAtOnceAndWritten) {
