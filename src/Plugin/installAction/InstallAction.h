@@ -7,12 +7,15 @@
 #include <boost/shared_ptr.hpp>
 #include <initializer_list>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "common/ApiErrorCode.h"
 #include "common/PluginInfo.h"
+
+class InstallJournal;
 
 namespace datacenter {
 class CurlDownloader;
@@ -87,6 +90,10 @@ public:
     static std::string sCaCertPath();
     static void sSetCaCertPath(const std::string& path);
 
+    // Hands the action the installation lock its entry point took; run()
+    // releases it when it returns. Without one, run() takes the lock itself.
+    void setJournal(const std::shared_ptr<InstallJournal>& journal);
+
     const std::string& pluginId() const { return pluginId_; }
     const std::string& packagePath() const { return packagePath_; }
 
@@ -97,6 +104,13 @@ protected:
     ApiErrorCode readPayload(std::string& tmpDir, bool checkUpdate);
     // 0 when the package's sign type is one of `accepted`, else 2509.
     ApiErrorCode checkSignType(std::initializer_list<int> accepted);
+    // The files and folders this installation stages outside the plugin's
+    // own tree, or inside it only until it ends.
+    virtual std::vector<std::string> stagedPaths() const;
+    // Records durably what the installation is about to do; false when that failed.
+    bool journalStep();
+    // Ends a run that could not record itself: 4, with nothing written.
+    ApiErrorCode finishUnstarted();
     void setStatus(datacenter::PluginStatus status);
     void setFailure(ApiErrorCode code);
 
@@ -110,4 +124,8 @@ protected:
     std::mutex recordMutex_;  // guards pluginInfo_ and downloader_ against readers on other threads
     datacenter::PluginInfo pluginInfo_;
     boost::shared_ptr<datacenter::CurlDownloader> downloader_;
+    std::shared_ptr<InstallJournal> journal_;
+    bool journalIdKnown_ = false;
+    bool journalUpgrade_ = false;    // the plugin was in the store when its id became known
+    bool journalFreshTree_ = false;  // its data directory did not exist then
 };
