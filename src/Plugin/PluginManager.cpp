@@ -9,6 +9,7 @@
 
 #include "DataBase/PluginStorageManager.h"
 #include "Plugin/PluginManagerExtend.h"
+#include "Plugin/installAction/InstallJournal.h"
 #include "common/PluginId.h"
 #include "common/ShellArgument.h"
 #include "common/Singleton.h"
@@ -61,6 +62,8 @@ PluginManager::PluginManager() {
     if (!datacenter::File::sExists(sGetPluginPidConfig())) {
         createEmptyFile(sGetPluginPidConfig());
     }
+    // An installer that died part-way left debris and a record of it.
+    InstallJournal::sRecover();
     registerPluginKinds();
     statusFactory_[datacenter::ENABLED] = &zkfactory::create<AbsChangeStatus, EnableStatus>;
     statusFactory_[datacenter::DISABLED] = &zkfactory::create<AbsChangeStatus, DisableStatus>;

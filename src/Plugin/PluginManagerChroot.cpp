@@ -53,7 +53,8 @@ ApiErrorCode PluginManager::umountRemoveChrootFolder(const std::string& id, std:
         LOG(ERROR) << "umountRemoveChrootFolder: invalid plugin id '" << id << "'";
         return API_FAILED;
     }
-    if (!CommonUtils::sCallSystem(sUnmountChrootPath + " " + datacenter::shellArgument(sGetPluginDataPath(id)), output)) {
+    if (!CommonUtils::sCallSystem(sUnmountChrootPath + " " + datacenter::shellArgument(sGetPluginDataPath(id)),
+                                  output)) {
         return API_FAILED;
     }
     trimLineEnd(output);

@@ -1,5 +1,6 @@
-// The install entry points. At most one installation runs at a time: every
-// entry point refuses with 2506 while the current action is installing.
+// The install entry points. At most one installation runs at a time, in this
+// process and across processes: every entry point refuses with 2506 while the
+// current action is installing or another process holds the install lock.
 // Local installations run on the caller's thread; server, upgrade and URL
 // installations on a detached thread each, whose outcome is read from the
 // action's record.
@@ -12,10 +13,21 @@
 #include "Plugin/installAction/InstallFromLocal.h"
 #include "Plugin/installAction/InstallFromServer.h"
 #include "Plugin/installAction/InstallFromUrl.h"
+#include "Plugin/installAction/InstallJournal.h"
 #include "Plugin/installAction/UpgradeFromServer.h"
 #include "common/PluginId.h"
 
 namespace {
+
+// The cross-process install lock, or null when another installer holds it.
+std::shared_ptr<InstallJournal> takeInstallLock() {
+    std::shared_ptr<InstallJournal> journal = std::make_shared<InstallJournal>();
+    if (!journal->tryLock()) {
+        LOG(WARNING) << "another installation is running";
+        return nullptr;
+    }
+    return journal;
+}
 
 void startDetached(const boost::shared_ptr<InstallAction>& action) {
     boost::thread worker(boost::bind(&InstallAction::run, action));
@@ -41,15 +53,18 @@ bool PluginManager::replaceAction(const boost::shared_ptr<InstallAction>& action
 ApiErrorCode PluginManager::installFromLocal(const std::string& path, bool keepPackage) {
     LOG(INFO) << "installFromLocal path:" << path << " keepPackage:" << keepPackage;
     const boost::shared_ptr<InstallAction> action(new InstallFromLocal(path, keepPackage));
-    if (!replaceAction(action)) {
+    const std::shared_ptr<InstallJournal> lock = takeInstallLock();
+    if (!lock || !replaceAction(action)) {
         return API_INSTALL_IN_PROGRESS;
     }
+    action->setJournal(lock);
     return action->run();
 }
 
 ApiErrorCode PluginManager::startServerInstall(const boost::shared_ptr<InstallAction>& action, const std::string& id) {
     boost::mutex::scoped_lock lock(installMutex_);
-    if (!replaceAction(action)) {
+    const std::shared_ptr<InstallJournal> installLock = takeInstallLock();
+    if (!installLock || !replaceAction(action)) {
         return API_INSTALL_IN_PROGRESS;
     }
     // The id names the data directory and ends up in command lines.
@@ -61,6 +76,7 @@ ApiErrorCode PluginManager::startServerInstall(const boost::shared_ptr<InstallAc
     if (checked != API_SUCCESS) {
         return checked;
     }
+    action->setJournal(installLock);
     action->beginInstall();
     startDetached(action);
     return API_SUCCESS;
@@ -77,9 +93,11 @@ ApiErrorCode PluginManager::upgradeFromServer(const std::string& id, const std::
 ApiErrorCode PluginManager::installFromUrl(const std::string& url) {
     LOG(INFO) << "installFromUrl begin";
     const boost::shared_ptr<InstallAction> action(new InstallFromUrl(url));
-    if (!replaceAction(action)) {
+    const std::shared_ptr<InstallJournal> lock = takeInstallLock();
+    if (!lock || !replaceAction(action)) {
         return API_INSTALL_IN_PROGRESS;
     }
+    action->setJournal(lock);
     // Marked as started at once, so that a second request made before the
     // thread runs is refused too.
     action->beginInstall();

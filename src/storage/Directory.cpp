@@ -36,8 +36,13 @@ ErrorCode codeOfCopyResult(int result) {
 }
 
 ErrorCode copyRegularFile(const fs::path& source, fs::path target) {
-    if (File::sExists(target.string())) {
+    // The duplicate-name rule can propose a name that is taken too (a name
+    // that already ends in a group); keep counting until one is really free.
+    for (int tries = 0; File::sExists(target.string()) && tries < 100000; ++tries) {
         target = CommonUtils::sGetDuplicateFileName(target.string());
+    }
+    if (File::sExists(target.string())) {
+        return ErrorCode(API_FILE_OPEN_OR_WRITE_FAILED);
     }
     const ErrorCode copied = codeOfCopyResult(File::sRawCopyFile(source.string(), target.string()));
     if (!copied.ok()) {

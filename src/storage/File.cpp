@@ -66,6 +66,11 @@ int copyBlocks(FILE* in, FILE* out) {
     for (;;) {
         const size_t bytesIn = fread(buffer, 1, sizeof(buffer), in);
         if (bytesIn == 0) {
+            // A read error is no end of file: a truncated copy must not pass for a whole one.
+            if (ferror(in)) {
+                LOG(ERROR) << "copy file read error: " << strerror(errno);
+                return -1;
+            }
             return 0;
         }
         const size_t bytesOut = fwrite(buffer, 1, bytesIn, out);
@@ -159,7 +164,9 @@ int File::sRawCopyFile(const std::string& source, const std::string& destination
     if (result == -1) {
         return sCopyFailed;
     }
-    const bool flushed = fclose(out.stream) == 0;
+    // On disk before anyone relies on it: a move deletes its source next.
+    bool flushed = result != 0 || (fflush(out.stream) == 0 && fsync(fileno(out.stream)) == 0);
+    flushed = fclose(out.stream) == 0 && flushed;
     out.stream = nullptr;
     if (result == 1) {
         LOG(INFO) << "copy thread interrupted";

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <boost/lexical_cast.hpp>
-
 #include <cstdint>
 #include <exception>
 #include <fstream>

@@ -8,6 +8,7 @@
 
 #include "DataBase/PluginStorageManager.h"
 #include "Plugin/PluginManager.h"
+#include "Plugin/installAction/InstallJournal.h"
 #include "Plugin/installAction/PackageFiles.h"
 #include "common/PluginId.h"
 #include "common/Singleton.h"
@@ -119,10 +120,52 @@ datacenter::PluginInfo InstallAction::getPluginInfo() {
     return pluginInfo_;
 }
 
+void InstallAction::setJournal(const std::shared_ptr<InstallJournal>& journal) {
+    journal_ = journal;
+}
+
+std::vector<std::string> InstallAction::stagedPaths() const {
+    std::vector<std::string> paths = {PluginManager::sGetPluginRootPath() + sLocalInstallTmpDir};
+    const std::string dataDir = PluginManager::sGetPluginDataPath(pluginId_);
+    if (!dataDir.empty()) {
+        paths.push_back(dataDir + sVerifiedQpkLocalName);
+        paths.push_back(PluginManager::sGetQpkLocalPath(pluginId_));
+    }
+    return paths;
+}
+
+bool InstallAction::journalStep() {
+    InstallJournal::Entry entry;
+    entry.id = pluginId_;
+    if (!pluginId_.empty() && !journalIdKnown_) {
+        // Decided once, when the id is first known and before anything of the
+        // plugin is written: what a crash would have to undo.
+        journalIdKnown_ = true;
+        journalUpgrade_ =
+            datacenter::File::sExists(Singleton<PluginStorageManager>::instance()->getManifestFilePath(pluginId_));
+        journalFreshTree_ = !datacenter::File::sExists(PluginManager::sGetPluginDataPath(pluginId_));
+    }
+    entry.upgrade = journalUpgrade_;
+    entry.freshTree = journalFreshTree_;
+    entry.staged = stagedPaths();
+    return journal_ && journal_->record(entry);
+}
+
 ApiErrorCode InstallAction::run() {
+    if (!journal_) {
+        std::shared_ptr<InstallJournal> own = std::make_shared<InstallJournal>();
+        if (!own->tryLock()) {
+            LOG(ERROR) << "another installation is running";
+            return API_INSTALL_IN_PROGRESS;
+        }
+        journal_ = own;
+    }
     started_ = true;
     installing_ = true;
     checkIsUpdate();
+    if (!journalStep()) {
+        return finishUnstarted();
+    }
     // Local and URL sources learn their id from the package; until then there
     // is no data directory to prepare.
     const std::string dataDir = PluginManager::sGetPluginDataPath(pluginId_);
@@ -177,21 +220,45 @@ ApiErrorCode InstallAction::run() {
     announce("RecordInitFiles");
     const ApiErrorCode recorded = recordInitFiles();
     manager()->updatePluginListToServer();
+    // Everything is in place or cleaned up: nothing is left for a recovery.
+    journal_->clear();
+    journal_.reset();
     finished_ = true;
     return code != API_SUCCESS ? code : recorded;
 }
 
+ApiErrorCode InstallAction::finishUnstarted() {
+    // Without a record a crash could leave debris nobody knows of: write nothing.
+    LOG(ERROR) << "install ERROR:" << API_GENERAL_FAILURE;
+    setFailure(API_GENERAL_FAILURE);
+    installing_ = false;
+    journal_.reset();
+    finished_ = true;
+    return API_GENERAL_FAILURE;
+}
+
 void InstallAction::cleanWhenFailed() {
-    // An update keeps the old version's files; an unknown id has nothing to undo.
-    if (isUpdate_ || pluginId_.empty()) {
+    if (pluginId_.empty()) {
+        return;  // an unknown id has nothing to undo
+    }
+    PluginStorageManager* store = Singleton<PluginStorageManager>::instance();
+    if (isUpdate_ || journalUpgrade_) {
+        // The old version's record stays, switched off: its files may already
+        // be replaced in part, so it must not start until it is reinstalled.
+        store->updateStatusToStorage(pluginId_, datacenter::DISABLED);
         return;
     }
     PluginManager* pluginManager = manager();
     pluginManager->changePluginStatus(pluginId_, datacenter::DISABLED);
-    const std::map<std::string, datacenter::PluginInfo> infos =
-        Singleton<PluginStorageManager>::instance()->getPluginInfos();
+    const std::map<std::string, datacenter::PluginInfo> infos = store->getPluginInfos();
     std::string output;
     pluginManager->umountRemoveChrootFolder(pluginId_, output);
+    if (journalFreshTree_) {
+        // The tree is this installation's own: nothing of it stays, nor its record.
+        store->deleteInStorage(pluginId_);
+        InstallJournal::sRemoveBelowRoot(PluginManager::sGetPluginDataPath(pluginId_));
+        return;
+    }
     const auto found = infos.find(pluginId_);
     if (found != infos.end() && !found->second.name.empty()) {
         pluginManager->cleanPluginImpl(pluginId_);
@@ -273,6 +340,9 @@ ApiErrorCode InstallAction::readPayload(std::string& tmpDir, bool checkUpdate) {
         }
         if (checkUpdate) {
             checkIsUpdate();
+        }
+        if (!journalStep()) {
+            return API_GENERAL_FAILURE;
         }
     }
     const std::string dataDir = PluginManager::sGetPluginDataPath(pluginId_);

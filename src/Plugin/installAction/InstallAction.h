@@ -7,12 +7,15 @@
 #include <boost/shared_ptr.hpp>
 #include <initializer_list>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "common/ApiErrorCode.h"
 #include "common/PluginInfo.h"
+
+class InstallJournal;
 
 namespace datacenter {
 class CurlDownloader;
@@ -88,6 +91,10 @@ public:
     static std::string sCaCertPath();
     static void sSetCaCertPath(const std::string& path);
 
+    // Hands the action the installation lock its entry point took; run()
+    // releases it when it returns. Without one, run() takes the lock itself.
+    void setJournal(const std::shared_ptr<InstallJournal>& journal);
+
     const std::string& pluginId() const { return pluginId_; }
     const std::string& packagePath() const { return packagePath_; }
 
@@ -99,6 +106,13 @@ protected:
     // Verifies packagePath_ and checks that the sign type inside the verified
     // bytes is one of `accepted`: 0, 2509 (type refused) or 2508.
     ApiErrorCode verifySignChecked(std::initializer_list<int> accepted, bool keepOriginal);
+    // The files and folders this installation stages outside the plugin's
+    // own tree, or inside it only until it ends.
+    virtual std::vector<std::string> stagedPaths() const;
+    // Records durably what the installation is about to do; false when that failed.
+    bool journalStep();
+    // Ends a run that could not record itself: 4, with nothing written.
+    ApiErrorCode finishUnstarted();
     void setStatus(datacenter::PluginStatus status);
     // Verifies packagePath_ into the staging folder; the signing library's code.
     int verifyIntoStaging(std::string& verified, int& type, int& err);
@@ -115,4 +129,8 @@ protected:
     std::mutex recordMutex_;  // guards pluginInfo_ and downloader_ against readers on other threads
     datacenter::PluginInfo pluginInfo_;
     boost::shared_ptr<datacenter::CurlDownloader> downloader_;
+    std::shared_ptr<InstallJournal> journal_;
+    bool journalIdKnown_ = false;
+    bool journalUpgrade_ = false;    // the plugin was in the store when its id became known
+    bool journalFreshTree_ = false;  // its data directory did not exist then
 };

@@ -1,0 +1,325 @@
+#include "Plugin/installAction/InstallJournal.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <glog/logging.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+#include "DataBase/PluginStorageManager.h"
+#include "Plugin/PluginManager.h"
+#include "common/PluginId.h"
+#include "common/Singleton.h"
+#include "storage/File.h"
+#include "system/CommonUtils.h"
+#include "system/ConfigInfo.h"
+
+namespace {
+
+const char* const kLockName = ".install.lock";
+const char* const kJournalName = ".install.journal";
+
+// Closes a descriptor when it goes out of scope.
+struct Fd {
+    int fd;
+    explicit Fd(int value) : fd(value) {}
+    ~Fd() {
+        if (fd >= 0) {
+            ::close(fd);
+        }
+    }
+    Fd(const Fd&) = delete;
+    Fd& operator=(const Fd&) = delete;
+};
+
+std::string serialise(const InstallJournal::Entry& entry) {
+    std::string text = "id " + entry.id + "\n";
+    text += std::string("upgrade ") + (entry.upgrade ? "1" : "0") + "\n";
+    text += std::string("fresh_tree ") + (entry.freshTree ? "1" : "0") + "\n";
+    for (const std::string& path : entry.staged) {
+        text += "staged " + path + "\n";
+    }
+    return text;
+}
+
+void fsyncDirectory(const std::string& dir) {
+    Fd fd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (fd.fd < 0 || fsync(fd.fd) != 0) {
+        LOG(WARNING) << "cannot flush directory " << dir << ": " << strerror(errno);
+    }
+}
+
+// Removes everything below the open directory `dir` without following links
+// and without entering another file system (a chroot's bind mounts of user
+// data may still be in place). Returns false when something stayed.
+bool emptyDirectoryAt(int dir, dev_t device) {
+    const int walk = ::dup(dir);
+    if (walk < 0) {
+        return false;
+    }
+    DIR* stream = fdopendir(walk);
+    if (!stream) {
+        ::close(walk);
+        return false;
+    }
+    bool ok = true;
+    while (const dirent* item = readdir(stream)) {
+        const std::string name = item->d_name;
+        if (name == "." || name == "..") {
+            continue;
+        }
+        struct stat st;
+        if (fstatat(dir, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+            ok = false;
+            continue;
+        }
+        if (!S_ISDIR(st.st_mode)) {
+            ok = unlinkat(dir, name.c_str(), 0) == 0 && ok;
+            continue;
+        }
+        Fd child(openat(dir, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        struct stat opened;
+        if (child.fd < 0 || fstat(child.fd, &opened) != 0 || opened.st_dev != device || st.st_dev != device) {
+            LOG(WARNING) << "install recovery leaves " << name << ": not a plain folder of the plugin tree";
+            ok = false;
+            continue;
+        }
+        ok = emptyDirectoryAt(child.fd, device) && ok;
+        ok = unlinkat(dir, name.c_str(), AT_REMOVEDIR) == 0 && ok;
+    }
+    closedir(stream);
+    return ok;
+}
+
+// The part of `path` below the plugin root, or "" when it is not strictly
+// below it or takes a detour through "." or "..".
+std::string relativeToRoot(const std::string& path) {
+    const std::string root = PluginManager::sGetPluginRootPath();
+    if (root.empty() || path.size() <= root.size() || path.compare(0, root.size(), root) != 0) {
+        return std::string();
+    }
+    std::string rel = path.substr(root.size());
+    while (!rel.empty() && rel.front() == '/') {
+        rel.erase(0, 1);
+    }
+    while (!rel.empty() && rel.back() == '/') {
+        rel.pop_back();
+    }
+    std::istringstream parts(rel);
+    for (std::string part; std::getline(parts, part, '/');) {
+        if (part == "." || part == "..") {
+            return std::string();
+        }
+    }
+    return rel;
+}
+
+// Removes the file or tree at `path`, which must lie below the plugin root.
+// Every component is opened relative to its parent without following links,
+// so a link planted on the way cannot redirect the removal.
+void removeTree(const std::string& path) {
+    const std::string rel = relativeToRoot(path);
+    if (rel.empty()) {
+        LOG(WARNING) << "install recovery ignores " << path << ": not below the plugin root";
+        return;
+    }
+    Fd parent(::open(PluginManager::sGetPluginRootPath().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    struct stat rootStat;
+    if (parent.fd < 0 || fstat(parent.fd, &rootStat) != 0) {
+        return;
+    }
+    std::string name = rel;
+    for (std::string::size_type slash; (slash = name.find('/')) != std::string::npos;) {
+        const std::string part = name.substr(0, slash);
+        name.erase(0, slash + 1);
+        if (part.empty()) {
+            continue;
+        }
+        const int next = openat(parent.fd, part.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        if (next < 0) {
+            return;  // gone already, or a link: nothing of ours to remove through it
+        }
+        ::close(parent.fd);
+        parent.fd = next;
+    }
+    struct stat st;
+    if (fstatat(parent.fd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+        return;
+    }
+    if (!S_ISDIR(st.st_mode)) {
+        unlinkat(parent.fd, name.c_str(), 0);
+        return;
+    }
+    Fd tree(openat(parent.fd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (tree.fd >= 0 && st.st_dev == rootStat.st_dev && emptyDirectoryAt(tree.fd, rootStat.st_dev)) {
+        unlinkat(parent.fd, name.c_str(), AT_REMOVEDIR);
+    } else {
+        LOG(WARNING) << "install recovery could not remove all of " << path;
+    }
+}
+
+// Half-written replacements ("<name>.tmp.XXXXXX") that a killed writer left
+// in the plugin's folders.
+void removeTemporaryFiles(const std::string& id) {
+    for (const std::string& dir :
+         {PluginManager::sGetPluginDataPath(id), PluginManager::sGetPluginDataPath(id) + "etc/"}) {
+        Fd fd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        DIR* stream = fd.fd >= 0 ? fdopendir(::dup(fd.fd)) : nullptr;
+        if (!stream) {
+            continue;
+        }
+        while (const dirent* item = readdir(stream)) {
+            const std::string name = item->d_name;
+            const std::string::size_type mark = name.rfind(".tmp.");
+            struct stat st;
+            if (mark != std::string::npos && name.size() == mark + 11 &&
+                fstatat(fd.fd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && !S_ISDIR(st.st_mode)) {
+                unlinkat(fd.fd, name.c_str(), 0);
+            }
+        }
+        closedir(stream);
+    }
+}
+
+void recoverPlugin(const InstallJournal::Entry& entry) {
+    const std::string& id = entry.id;
+    const std::string dataDir = PluginManager::sGetPluginDataPath(id);
+    // Whatever the dead installer may have started runs no more.
+    CommonUtils::sCallSystem(datacenter::planformGetPluginControllorPath() + " -k " + id);
+    PluginStorageManager* store = Singleton<PluginStorageManager>::instance();
+    if (entry.upgrade) {
+        removeTemporaryFiles(id);
+        store->updateStatusToStorage(id, datacenter::DISABLED);
+        LOG(ERROR) << "install recovery: the upgrade of plugin " << id
+                   << " was interrupted; it stays disabled and needs reinstalling";
+        return;
+    }
+    std::string output;
+    CommonUtils::sCallSystem(PluginManager::sUnmountChrootPath + " " + dataDir, output);
+    store->deleteInStorage(id);
+    if (entry.freshTree) {
+        InstallJournal::sRemoveBelowRoot(dataDir);
+        LOG(WARNING) << "install recovery: removed the interrupted installation of plugin " << id;
+    } else {
+        // The folder was there before the installation: keep it, but not
+        // the manifest that would make it look installed.
+        removeTemporaryFiles(id);
+        InstallJournal::sRemoveBelowRoot(PluginManager::sGetPluginManifestPath(id));
+        LOG(WARNING) << "install recovery: plugin " << id << " was not installed completely";
+    }
+}
+
+}  // namespace
+
+void InstallJournal::sRemoveBelowRoot(const std::string& path) {
+    removeTree(path);
+}
+
+InstallJournal::~InstallJournal() {
+    unlock();
+}
+
+std::string InstallJournal::sLockPath() {
+    return PluginManager::sGetPluginRootPath() + kLockName;
+}
+
+std::string InstallJournal::sJournalPath() {
+    return PluginManager::sGetPluginRootPath() + kJournalName;
+}
+
+bool InstallJournal::tryLock() {
+    if (fd_ >= 0) {
+        return true;
+    }
+    // Close-on-exec: a plugin started during the installation must not
+    // inherit, and so keep, the lock.
+    const int fd = ::open(sLockPath().c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0600);
+    if (fd < 0) {
+        LOG(ERROR) << "cannot open the install lock " << sLockPath() << ": " << strerror(errno);
+        return false;
+    }
+    int rc;
+    do {
+        rc = flock(fd, LOCK_EX | LOCK_NB);
+    } while (rc != 0 && errno == EINTR);
+    if (rc != 0) {
+        ::close(fd);
+        return false;
+    }
+    fd_ = fd;
+    return true;
+}
+
+void InstallJournal::unlock() {
+    if (fd_ >= 0) {
+        ::close(fd_);  // closing the only descriptor releases the flock
+        fd_ = -1;
+    }
+}
+
+bool InstallJournal::record(const Entry& entry) {
+    if (!datacenter::File::sWriteAtomically(sJournalPath(), serialise(entry), 0600)) {
+        LOG(ERROR) << "cannot record the installation in " << sJournalPath();
+        return false;
+    }
+    fsyncDirectory(PluginManager::sGetPluginRootPath());
+    return true;
+}
+
+void InstallJournal::clear() {
+    if (::unlink(sJournalPath().c_str()) == 0) {
+        fsyncDirectory(PluginManager::sGetPluginRootPath());
+    }
+}
+
+bool InstallJournal::sRead(const std::string& path, Entry& entry) {
+    Fd fd(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat st;
+    if (fd.fd < 0 || fstat(fd.fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size > 64 * 1024) {
+        return false;
+    }
+    std::string text(static_cast<size_t>(st.st_size), '\0');
+    if (!text.empty() && ::read(fd.fd, &text[0], text.size()) != static_cast<ssize_t>(text.size())) {
+        return false;
+    }
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        const std::string::size_type blank = line.find(' ');
+        const std::string key = line.substr(0, blank);
+        const std::string value = blank == std::string::npos ? std::string() : line.substr(blank + 1);
+        if (key == "id") {
+            entry.id = value;
+        } else if (key == "upgrade") {
+            entry.upgrade = value == "1";
+        } else if (key == "fresh_tree") {
+            entry.freshTree = value == "1";
+        } else if (key == "staged" && !value.empty()) {
+            entry.staged.push_back(value);
+        }
+    }
+    return true;
+}
+
+bool InstallJournal::sRecover() {
+    InstallJournal lock;
+    Entry entry;
+    if (!lock.tryLock() || !sRead(sJournalPath(), entry)) {
+        return false;  // an installer is at work, or none left anything behind
+    }
+    LOG(WARNING) << "install recovery: an installer stopped while installing '" << entry.id << "'";
+    for (const std::string& path : entry.staged) {
+        InstallJournal::sRemoveBelowRoot(path);
+    }
+    // An id that is not a plain token was never used to write anything.
+    if (datacenter::isSafePluginId(entry.id)) {
+        recoverPlugin(entry);
+    }
+    lock.clear();
+    return true;
+}

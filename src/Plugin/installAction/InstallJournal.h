@@ -1,0 +1,65 @@
+#pragma once
+// One installer at a time across processes, and a record of what it is doing.
+//
+// The installer holds an exclusive flock on a lock file under the plugin root
+// for the whole installation; the kernel drops it when the holder dies, so a
+// killed installer never blocks the next one. Before the installer writes
+// anything it records, durably, which plugin it works on, whether that plugin
+// was installed before, and the staged files it will create. A process that
+// starts the core and can take the lock finds such a record only when an
+// installer died part-way, and finishes its job: staged payloads go, the tree
+// of an interrupted fresh install goes, and an interrupted upgrade stays
+// recorded but disabled until it is reinstalled.
+#include <string>
+#include <vector>
+
+class InstallJournal {
+public:
+    // What an installer recorded before it started writing.
+    struct Entry {
+        std::string id;                   // empty until the package named it
+        bool upgrade = false;             // the plugin was recorded in the store before
+        bool freshTree = false;           // its data directory did not exist before
+        std::vector<std::string> staged;  // payloads and working folders to remove afterwards
+    };
+
+    InstallJournal() = default;
+    // Releases the lock if it is held.
+    ~InstallJournal();
+    InstallJournal(const InstallJournal&) = delete;
+    InstallJournal& operator=(const InstallJournal&) = delete;
+
+    // The lock file and the record, both directly under the plugin root.
+    static std::string sLockPath();
+    static std::string sJournalPath();
+
+    // Takes the installation lock without waiting: true when this object holds
+    // it now, false when another installer (in any process) does or the lock
+    // file cannot be opened.
+    bool tryLock();
+    bool locked() const { return fd_ >= 0; }
+    // Drops the lock (the record stays).
+    void unlock();
+
+    // Replaces the record with `entry`, flushed to disk together with its
+    // directory entry. False when it could not be written; the caller must not
+    // go on writing then, as a crash would leave debris nobody knows about.
+    bool record(const Entry& entry);
+    // Removes the record once the installation has finished or cleaned up.
+    void clear();
+
+    // Reads the record left at `path`; false when there is none or it is unreadable.
+    static bool sRead(const std::string& path, Entry& entry);
+
+    // Removes the file or tree at `path`, which must lie strictly below the
+    // plugin root, without following links and without entering mounts.
+    static void sRemoveBelowRoot(const std::string& path);
+
+    // Called when the core starts: when no installer runs and one left a
+    // record, undoes what it left half done (see the class comment) and
+    // removes the record. True when a record was recovered.
+    static bool sRecover();
+
+private:
+    int fd_ = -1;
+};

@@ -1,0 +1,145 @@
+// A real installation through the installplugin binary, killed with SIGKILL
+// after a randomly chosen step line plus a random pause. Then the core starts
+// again (plugincenter list): no staged payload, no tree that no manifest
+// records, no installation record, and the same installation succeeds.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <boost/filesystem.hpp>
+#include <cstdio>
+#include <vector>
+
+#include "crash/CrashSupport.h"
+#include "support/PackageFactory.h"
+#include "support/TestSupport.h"
+
+using testsupport::underRoot;
+
+namespace {
+
+const std::string kId = "5017400000000000600";
+const std::vector<std::string> kSteps = {
+    "getPackage",     "changeStatusBeforeInstall", "verifySign",        "unzipFile",      "checkPackage",
+    "installPackage", "changePluginStatus",        "savePluginPackage", "RecordInitFiles"};
+
+bool exists(const std::string& path) {
+    return boost::filesystem::exists(boost::filesystem::symlink_status(path));
+}
+
+std::string appdata() {
+    return underRoot("/userdisk/appdata/");
+}
+
+std::string environment() {
+    return "DATACENTER_INSTALLPLUGIN_DELAY_MS=0 DATACENTER_ROOT=" + testsupport::root() + " ";
+}
+
+// A fresh copy of the package: without -k the installer deletes what it was given.
+std::string copyOf(const std::string& package) {
+    const std::string copy = testsupport::root() + "/offered.qpk";
+    boost::filesystem::copy_file(package, copy, boost::filesystem::copy_options::overwrite_existing);
+    return copy;
+}
+
+// Starts the installer, waits for the line `step`, pauses and kills it.
+void installAndKill(const std::string& package, const std::string& step, int pauseMicros) {
+    int out[2];
+    ASSERT_EQ(0, pipe(out));
+    const pid_t child = fork();
+    if (child == 0) {
+        dup2(out[1], 1);
+        close(out[0]);
+        close(out[1]);
+        const std::string command = "exec env " + environment() + testsupport::buildDir() + "/apps/installplugin -f " +
+                                    copyOf(package) + " 2>/dev/null";
+        execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    close(out[1]);
+    FILE* lines = fdopen(out[0], "r");
+    char buffer[4096];
+    while (fgets(buffer, sizeof(buffer), lines)) {
+        if (std::string(buffer) == step + "\n") {
+            break;
+        }
+    }
+    usleep(static_cast<useconds_t>(pauseMicros));
+    kill(child, SIGKILL);
+    fclose(lines);
+    int status = 0;
+    waitpid(child, &status, 0);
+}
+
+std::string run(const std::string& program, const std::string& args) {
+    return testsupport::runCommand(environment() + testsupport::buildDir() + "/apps/" + program + " " + args +
+                                   " 2>/dev/null")
+        .output;
+}
+
+// What a restarted core must have cleaned; "" when all is well.
+std::string debris(bool wasInstalled) {
+    const std::string tree = appdata() + kId;
+    const bool recorded = exists(appdata() + "app_infos/" + kId + ".manifest");
+    if (exists(appdata() + "local_install_tmp")) {
+        return "the working folder is left";
+    }
+    if (exists(tree + "/verified_korvia.qpk")) {
+        return "the verified payload is left";
+    }
+    if (exists(appdata() + ".install.journal")) {
+        return "the installation record is left";
+    }
+    if (exists(tree) && !recorded) {
+        return "a plugin tree that no manifest records";
+    }
+    if (wasInstalled && !recorded) {
+        return "the upgraded plugin lost its record";
+    }
+    return "";
+}
+
+}  // namespace
+
+TEST(InstallKill, ARestartedCoreCleansUpAndTheSameInstallationSucceeds) {
+    std::mt19937 random = crashtest::seededGenerator("InstallKill");
+    testsupport::PackageFactory factory;
+    testsupport::PackageSpec spec;
+    spec.id = kId;
+    std::string big(3 * 1024 * 1024, '\0');
+    for (char& c : big) {
+        c = static_cast<char>(random());
+    }
+    spec.files["bin/big"] = big;
+    const std::string package = factory.build(spec, "big");
+
+    std::uniform_int_distribution<size_t> stepOf(0, kSteps.size() - 1);
+    std::uniform_int_distribution<int> pauseOf(0, 30000);
+    const int trials = 16;
+    int failures = 0;
+    for (int trial = 0; trial < trials; ++trial) {
+        // Even trials interrupt a fresh installation, odd ones an upgrade.
+        const bool upgrade = trial % 2 == 1;
+        boost::system::error_code ec;
+        boost::filesystem::remove_all(appdata(), ec);
+        if (upgrade) {
+            ASSERT_NE(std::string::npos, run("installplugin", "-f " + copyOf(package)).find("installplugin succeed!"));
+        }
+        const std::string step = kSteps[stepOf(random)];
+        const int pause = pauseOf(random);
+        installAndKill(package, step, pause);
+        run("plugincenter", "list");
+        const std::string left = debris(upgrade);
+        const std::string again = run("installplugin", "-f " + copyOf(package));
+        const bool succeeded = again.find("installplugin succeed!") != std::string::npos;
+        if (!left.empty() || !succeeded) {
+            ADD_FAILURE() << "trial " << trial << (upgrade ? " (upgrade)" : " (fresh)") << ", killed " << pause
+                          << " us after " << step << ": " << (left.empty() ? "reinstall failed" : left) << "\n"
+                          << again;
+            ++failures;
+        }
+    }
+    std::cout << "InstallKill: " << trials << " trials, " << failures << " failures" << std::endl;
+    EXPECT_EQ(0, failures);
+}

@@ -1,0 +1,214 @@
+// The installation lock and the recovery that the core's start-up runs after
+// an installer died part-way. Each case starts the manager after arranging
+// what a dead installer would have left.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/file.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <boost/filesystem.hpp>
+
+#include "Plugin/PluginManager.h"
+#include "Plugin/installAction/InstallFromLocal.h"
+#include "Plugin/installAction/InstallJournal.h"
+#include "common/Singleton.h"
+#include "support/LogCapture.h"
+#include "support/TestSupport.h"
+#include "unit/Plugin/PluginTestSupport.h"
+
+using testsupport::readFile;
+using testsupport::underRoot;
+using testsupport::writeFile;
+
+namespace {
+
+const std::string kId = "5017400000000000300";
+
+bool exists(const std::string& path) {
+    return boost::filesystem::exists(boost::filesystem::symlink_status(path));
+}
+
+std::string dataDir() {
+    return PluginManager::sGetPluginDataPath(kId);
+}
+
+void leaveJournal(bool upgrade, bool freshTree, const std::vector<std::string>& staged) {
+    InstallJournal::Entry entry;
+    entry.id = kId;
+    entry.upgrade = upgrade;
+    entry.freshTree = freshTree;
+    entry.staged = staged;
+    InstallJournal journal;
+    ASSERT_TRUE(journal.tryLock());
+    ASSERT_TRUE(journal.record(entry));
+}
+
+// A half-unpacked tree, a staged payload and a working folder.
+std::vector<std::string> leaveDebris() {
+    writeFile(dataDir() + "bin/app", "half");
+    writeFile(dataDir() + "etc/manifest", "plugin_id = \"" + kId + "\";\n");
+    writeFile(dataDir() + "verified_korvia.qpk", "payload");
+    writeFile(PluginManager::sGetPluginRootPath() + "local_install_tmp/korvia.zip", "zip");
+    return {PluginManager::sGetPluginRootPath() + "local_install_tmp/", dataDir() + "verified_korvia.qpk"};
+}
+
+// Holds the install lock in a child process until the returned pipe is closed.
+pid_t holdLockInChild(int& release) {
+    int ready[2];
+    int done[2];
+    if (pipe(ready) != 0 || pipe(done) != 0) {
+        return -1;
+    }
+    const pid_t child = fork();
+    if (child == 0) {
+        close(ready[0]);
+        close(done[1]);
+        const int fd = ::open(InstallJournal::sLockPath().c_str(), O_RDWR | O_CREAT, 0600);
+        const char ok = (fd >= 0 && flock(fd, LOCK_EX) == 0) ? '1' : '0';
+        (void)!write(ready[1], &ok, 1);
+        char byte;
+        (void)!read(done[0], &byte, 1);
+        _exit(0);
+    }
+    close(ready[1]);
+    close(done[0]);
+    char ok = '0';
+    (void)!read(ready[0], &ok, 1);
+    close(ready[0]);
+    release = done[1];
+    return ok == '1' ? child : -1;
+}
+
+void releaseChild(pid_t child, int release) {
+    close(release);
+    int status = 0;
+    waitpid(child, &status, 0);
+}
+
+}  // namespace
+
+TEST(InstallRecovery, RemovesTheTreeAndPayloadsOfAnInterruptedFreshInstall) {
+    const std::vector<std::string> staged = leaveDebris();
+    writeFile(testsupport::storeManifest(kId), "plugin_id = \"" + kId + "\";\nname = \"x\";\n");
+    // A link planted in the tree must be removed, not followed.
+    writeFile(underRoot("/outside/keep"), "user data");
+    boost::filesystem::create_directory_symlink(underRoot("/outside"), dataDir() + "link");
+    leaveJournal(false, true, staged);
+    testsupport::LogCapture log;
+
+    Singleton<PluginManager>::instance();
+
+    EXPECT_FALSE(exists(dataDir()));
+    EXPECT_FALSE(exists(PluginManager::sGetPluginRootPath() + "local_install_tmp"));
+    EXPECT_FALSE(exists(testsupport::storeManifest(kId)));
+    EXPECT_FALSE(exists(InstallJournal::sJournalPath()));
+    EXPECT_EQ("user data", readFile(underRoot("/outside/keep")));
+    EXPECT_TRUE(exists(PluginManager::sGetPluginRootPath()));
+    EXPECT_TRUE(log.contains("removed the interrupted installation of plugin " + kId));
+    const std::string commands = readFile(underRoot("/tmp/sim-commands.log"));
+    EXPECT_NE(std::string::npos, commands.find("chroot_umout.sh " + dataDir() + "\n")) << commands;
+}
+
+TEST(InstallRecovery, LeavesAnInterruptedUpgradeRecordedButDisabled) {
+    testsupport::putPlugin(kId, datacenter::ENABLED);
+    const std::vector<std::string> staged = leaveDebris();
+    writeFile(dataDir() + "etc/manifest.tmp.AbC123", "half written");
+    leaveJournal(true, false, staged);
+    testsupport::LogCapture log;
+
+    Singleton<PluginManager>::instance();
+
+    EXPECT_EQ(datacenter::DISABLED, testsupport::storedStatus(kId));
+    EXPECT_EQ("half", readFile(dataDir() + "bin/app"));
+    EXPECT_FALSE(exists(dataDir() + "verified_korvia.qpk"));
+    EXPECT_FALSE(exists(dataDir() + "etc/manifest.tmp.AbC123"));
+    EXPECT_FALSE(exists(PluginManager::sGetPluginRootPath() + "local_install_tmp"));
+    EXPECT_FALSE(exists(InstallJournal::sJournalPath()));
+    EXPECT_TRUE(
+        log.contains("upgrade of plugin " + kId + " was interrupted; it stays disabled and needs reinstalling"));
+}
+
+TEST(InstallRecovery, KeepsAFolderThatExistedBeforeButDropsItsManifest) {
+    const std::vector<std::string> staged = leaveDebris();
+    writeFile(dataDir() + "userdata/photo", "mine");
+    leaveJournal(false, false, staged);
+
+    Singleton<PluginManager>::instance();
+
+    EXPECT_EQ("mine", readFile(dataDir() + "userdata/photo"));
+    EXPECT_FALSE(exists(dataDir() + "etc/manifest"));
+    EXPECT_FALSE(exists(dataDir() + "verified_korvia.qpk"));
+}
+
+TEST(InstallRecovery, NeverTouchesWhatALiveInstallerWorksOn) {
+    const std::vector<std::string> staged = leaveDebris();
+    leaveJournal(false, true, staged);
+    int release = -1;
+    const pid_t child = holdLockInChild(release);
+    ASSERT_GT(child, 0);
+
+    Singleton<PluginManager>::instance();
+    EXPECT_EQ("half", readFile(dataDir() + "bin/app"));
+    EXPECT_TRUE(exists(dataDir() + "verified_korvia.qpk"));
+    EXPECT_TRUE(exists(InstallJournal::sJournalPath()));
+
+    // While that installer runs, installations here are refused at once, without writing.
+    const std::string package = underRoot("/pkg.qpk");
+    writeFile(package, "not even a package");
+    EXPECT_EQ(API_INSTALL_IN_PROGRESS, Singleton<PluginManager>::instance()->installFromLocal(package, true));
+    EXPECT_EQ(API_INSTALL_IN_PROGRESS,
+              Singleton<PluginManager>::instance()->installFromServer("5017400000000000301", "http://127.0.0.1:1/x"));
+    EXPECT_EQ(API_INSTALL_IN_PROGRESS, Singleton<PluginManager>::instance()->installFromUrl("http://127.0.0.1:1/x"));
+    EXPECT_FALSE(exists(PluginManager::sGetPluginDataPath("5017400000000000301")));
+
+    // Once it is gone (the kernel drops its lock), the next start finishes its job.
+    releaseChild(child, release);
+    EXPECT_TRUE(InstallJournal::sRecover());
+    EXPECT_FALSE(exists(dataDir()));
+    EXPECT_FALSE(InstallJournal::sRecover());
+}
+
+TEST(InstallRecovery, StagedPathsOutsideThePluginRootAreIgnored) {
+    writeFile(underRoot("/userdisk/precious"), "keep");
+    writeFile(PluginManager::sGetPluginRootPath() + "x/file", "keep too");
+    InstallJournal::Entry entry;
+    entry.staged = {underRoot("/userdisk/precious"), PluginManager::sGetPluginRootPath(),
+                    PluginManager::sGetPluginRootPath() + "x/../../precious",
+                    PluginManager::sGetPluginRootPath() + ".."};
+    {
+        InstallJournal journal;
+        ASSERT_TRUE(journal.tryLock());
+        ASSERT_TRUE(journal.record(entry));
+    }
+    EXPECT_TRUE(InstallJournal::sRecover());
+    EXPECT_EQ("keep", readFile(underRoot("/userdisk/precious")));
+    EXPECT_EQ("keep too", readFile(PluginManager::sGetPluginRootPath() + "x/file"));
+}
+
+TEST(InstallRecovery, ARecordWithAnUnsafeIdRemovesOnlyStagedFiles) {
+    writeFile(PluginManager::sGetPluginRootPath() + "keep/file", "keep");
+    writeFile(PluginManager::sGetPluginRootPath() + "local_install_tmp/korvia.zip", "zip");
+    writeFile(InstallJournal::sJournalPath(), "id ../keep\nupgrade 0\nfresh_tree 1\nstaged " +
+                                                  PluginManager::sGetPluginRootPath() + "local_install_tmp/\n");
+    EXPECT_TRUE(InstallJournal::sRecover());
+    EXPECT_EQ("keep", readFile(PluginManager::sGetPluginRootPath() + "keep/file"));
+    EXPECT_FALSE(exists(PluginManager::sGetPluginRootPath() + "local_install_tmp"));
+}
+
+TEST(InstallLock, OneHolderAtATimeAndFreedWithItsHolder) {
+    Singleton<PluginManager>::instance();
+    InstallJournal first;
+    InstallJournal second;
+    ASSERT_TRUE(first.tryLock());
+    EXPECT_FALSE(second.tryLock());
+    first.unlock();
+    EXPECT_TRUE(second.tryLock());
+    second.unlock();
+    // A planted link in place of the lock file is not followed.
+    boost::filesystem::remove(InstallJournal::sLockPath());
+    writeFile(underRoot("/target"), "untouched");
+    boost::filesystem::create_symlink(underRoot("/target"), InstallJournal::sLockPath());
+    EXPECT_FALSE(first.tryLock());
+    EXPECT_EQ("untouched", readFile(underRoot("/target")));
+}
