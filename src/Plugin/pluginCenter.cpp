@@ -17,8 +17,8 @@
 #include "Plugin/PluginInfoJson.h"
 #include "Plugin/PluginManager.h"
 #include "Plugin/installAction/InstallAction.h"
-#include "system/CurlDownloader.h"
 #include "common/Singleton.h"
+#include "system/CurlDownloader.h"
 #include "system/Logging.h"
 
 namespace {
@@ -304,8 +304,7 @@ int installUrl(const Args& args) {
 }
 
 int installServer(const Args& args) {
-    return installThreaded("install-server " + args[0],
-                           [&] { return manager()->installFromServer(args[0], args[1]); });
+    return installThreaded("install-server " + args[0], [&] { return manager()->installFromServer(args[0], args[1]); });
 }
 
 int capabilities(const Args& args) {
@@ -339,8 +338,8 @@ const std::map<std::string, Command>& commands() {
          {"install-url URL: download a package (developer or official) and install it, showing the progress", 1, 1,
           installUrl}},
         {"install-server",
-         {"install-server ID URL: download plugin ID (official packages only) and install it, showing the progress",
-          2, 2, installServer}},
+         {"install-server ID URL: download plugin ID (official packages only) and install it, showing the progress", 2,
+          2, installServer}},
         {"uninstall",
          {"uninstall ID: stop the plugin and remove it, leaving the sandbox skeleton", 1, 1,
           [](const Args& a) { return report(manager()->uninstallPlugin(a[0]), "uninstall " + a[0]); }}},

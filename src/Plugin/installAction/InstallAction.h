@@ -20,7 +20,7 @@ class InstallJournal;
 namespace datacenter {
 class CurlDownloader;
 struct DownloadInfo;
-}
+}  // namespace datacenter
 
 class InstallAction {
 public:
