@@ -10,7 +10,8 @@ const int kBarWidth = 24;
 
 }  // namespace
 
-InstallProgressView::InstallProgressView(std::ostream& out, bool terminal) : out_(out), terminal_(terminal) {}
+InstallProgressView::InstallProgressView(std::ostream& out, bool terminal)
+    : out_(out), terminal_(terminal), start_(std::chrono::steady_clock::now()) {}
 
 std::string InstallProgressView::sHumanBytes(double bytes) {
     static const char* const units[] = {"B", "KiB", "MiB", "GiB", "TiB"};
@@ -29,7 +30,8 @@ std::string InstallProgressView::sHumanBytes(double bytes) {
 }
 
 std::string InstallProgressView::rateText() const {
-    // The average since the download began: steadier than the last interval.
+    // The average since the installation began: steadier than the last
+    // interval, and known even for a download that ended between two looks.
     const double rate = seconds_ > 0.001 ? static_cast<double>(downloaded_) / seconds_ : 0;
     return sHumanBytes(rate) + "/s";
 }
@@ -54,12 +56,8 @@ void InstallProgressView::download(const datacenter::DownloadInfo& info) {
     if (downloadEnded_) {
         return;
     }
-    const std::chrono::steady_clock::time_point now = std::chrono::steady_clock::now();
-    if (!downloadSeen_) {
-        downloadSeen_ = true;
-        downloadStart_ = now;
-    }
-    seconds_ = std::chrono::duration<double>(now - downloadStart_).count();
+    downloadSeen_ = true;
+    seconds_ = std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
     downloaded_ = info.downloadedBytes;
     total_ = info.totalBytes;
     // A stopped transfer keeps the "stop requested" state and ends with its code.

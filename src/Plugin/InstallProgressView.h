@@ -45,6 +45,6 @@ private:
     int percent_ = -1;  // last shown; -1 before any
     int64_t downloaded_ = 0;
     int64_t total_ = 0;
-    std::chrono::steady_clock::time_point downloadStart_;
-    double seconds_ = 0;  // since the download was first seen
+    std::chrono::steady_clock::time_point start_;  // the view's construction, when the installation starts
+    double seconds_ = 0;                           // from start_ to the last look at the download
 };

@@ -271,6 +271,8 @@ int installThreaded(const std::string& what, const std::function<ApiErrorCode()>
     interrupt.sa_flags = SA_RESETHAND;  // a second Ctrl-C ends the process
     sigemptyset(&interrupt.sa_mask);
     sigaction(SIGINT, &interrupt, &saved);
+    // A reader that goes away (`| head`) must not kill the installation half way.
+    void (*const savedPipe)(int) = std::signal(SIGPIPE, SIG_IGN);
     ApiErrorCode code = API_SUCCESS;
     datacenter::PluginInfo record;
     std::vector<std::string> steps;
@@ -290,6 +292,7 @@ int installThreaded(const std::string& what, const std::function<ApiErrorCode()>
         }
     });
     sigaction(SIGINT, &saved, nullptr);
+    std::signal(SIGPIPE, savedPipe);
     if (code == API_SUCCESS) {
         view.finish("installed " + record.id + ", code 0");
         return 0;
