@@ -263,6 +263,7 @@ std::string failedStep(const std::vector<std::string>& steps) {
 // Starts a threaded installation with `start` and shows it until it ends.
 // The final line and the exit status give the outcome.
 int installThreaded(const std::string& what, const std::function<ApiErrorCode()>& start) {
+    gInterrupted = 0;
     std::ostream out(std::cout.rdbuf());
     InstallProgressView view(out, isatty(STDOUT_FILENO) == 1);
     struct sigaction interrupt = {};
