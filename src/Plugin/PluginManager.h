@@ -175,6 +175,8 @@ public:
     ApiErrorCode checkLocalExistBeforeInstall(std::string id);
     // The record of the current installation: 0, or 2512 when there was none.
     ApiErrorCode getUrlInstallPlugin(datacenter::PluginInfo& out);
+    // The most recent installation, running or finished; empty before the first.
+    boost::shared_ptr<InstallAction> currentAction() const;
     // Waits up to `timeoutMs` for the current installation's thread to finish
     // its run; true when it has (or when none was ever started).
     bool waitForInstallation(int timeoutMs);
@@ -212,7 +214,6 @@ private:
     // installing thread and readers on other threads share.
     mutable boost::mutex actionMutex_;
 
-    boost::shared_ptr<InstallAction> currentAction() const;
     // Makes `action` the current one unless an installation runs: false then.
     bool replaceAction(const boost::shared_ptr<InstallAction>& action);
     // Pre-check, start mark and a detached thread for a server source.

@@ -1,7 +1,10 @@
 #include "Plugin/pluginCenter.h"
 
 #include <json-c/json.h>
+#include <unistd.h>
 
+#include <boost/thread/thread.hpp>
+#include <csignal>
 #include <functional>
 #include <iostream>
 #include <map>
@@ -10,8 +13,12 @@
 #include <vector>
 
 #include "Plugin/CapabilityManager.h"
+#include "Plugin/InstallProgressView.h"
+#include "Plugin/PluginInfoJson.h"
 #include "Plugin/PluginManager.h"
+#include "Plugin/installAction/InstallAction.h"
 #include "common/Singleton.h"
+#include "system/CurlDownloader.h"
 #include "system/Logging.h"
 
 namespace {
@@ -20,8 +27,10 @@ typedef std::vector<std::string> Args;
 
 const char* const kUsage =
     "usage: plugincenter list [--json]\n"
-    "       plugincenter info ID\n"
+    "       plugincenter info ID [--json]\n"
     "       plugincenter install FILE [-k]\n"
+    "       plugincenter install-url URL\n"
+    "       plugincenter install-server ID URL\n"
     "       plugincenter uninstall ID\n"
     "       plugincenter clean ID\n"
     "       plugincenter enable ID | disable ID\n"
@@ -29,7 +38,7 @@ const char* const kUsage =
     "       plugincenter config get ID KEY\n"
     "       plugincenter config set ID KEY VALUE\n"
     "       plugincenter metrics ID [--json]\n"
-    "       plugincenter progress \"ID;ID...\"\n"
+    "       plugincenter progress \"ID;ID...\" [--json]\n"
     "       plugincenter capabilities [--all]\n"
     "       plugincenter VERB --help\n";
 
@@ -45,25 +54,42 @@ int report(ApiErrorCode code, const std::string& what) {
     return 1;
 }
 
-void printJson(const std::vector<datacenter::PluginInfo>& plugins) {
+int usage() {
+    std::cerr << kUsage;
+    return 2;
+}
+
+// True when the verb's optional last argument at `index` asks for JSON;
+// `bad` is set when something else stands there.
+bool wantsJson(const Args& args, size_t index, bool& bad) {
+    bad = args.size() > index && args[index] != "--json";
+    return args.size() > index && !bad;
+}
+
+// Prints `document` as one pretty-printed JSON document and releases it.
+void printJson(json_object* document) {
+    std::cout << json_object_to_json_string_ext(document, JSON_C_TO_STRING_PRETTY) << std::endl;
+    json_object_put(document);
+}
+
+json_object* recordsToJson(const std::vector<datacenter::PluginInfo>& plugins) {
     json_object* array = json_object_new_array();
     for (const datacenter::PluginInfo& plugin : plugins) {
-        json_object* item = json_object_new_object();
-        json_object_object_add(item, "id", json_object_new_string(plugin.id.c_str()));
-        json_object_object_add(item, "name", json_object_new_string(plugin.name.c_str()));
-        json_object_object_add(item, "version", json_object_new_string(plugin.version.c_str()));
-        json_object_object_add(item, "status", json_object_new_int(plugin.status));
-        json_object_array_add(array, item);
+        json_object_array_add(array, pluginInfoToJson(plugin));
     }
-    std::cout << json_object_to_json_string_ext(array, JSON_C_TO_STRING_PRETTY) << std::endl;
-    json_object_put(array);
+    return array;
 }
 
 int list(const Args& args) {
     std::vector<datacenter::PluginInfo> plugins;
+    bool bad = false;
+    const bool json = wantsJson(args, 0, bad);
+    if (bad) {
+        return usage();
+    }
     manager()->getPluginList(plugins);
-    if (args.size() == 1 && args[0] == "--json") {
-        printJson(plugins);
+    if (json) {
+        printJson(recordsToJson(plugins));
         return 0;
     }
     for (const datacenter::PluginInfo& plugin : plugins) {
@@ -73,12 +99,19 @@ int list(const Args& args) {
 }
 
 int info(const Args& args) {
+    bool bad = false;
+    const bool json = wantsJson(args, 1, bad);
+    if (bad) {
+        return usage();
+    }
     datacenter::PluginInfo plugin;
     const ApiErrorCode code = manager()->getPluginById(plugin, args[0]);
     if (code == API_SUCCESS && plugin.id.empty()) {
         return report(API_NO_SUCH_PLUGIN, "info " + args[0]);
     }
-    if (code == API_SUCCESS) {
+    if (code == API_SUCCESS && json) {
+        printJson(pluginInfoToJson(plugin));
+    } else if (code == API_SUCCESS) {
         std::cout << "id: " << plugin.id << "\nname: " << plugin.name << "\nversion: " << plugin.version
                   << "\ndeveloper: " << plugin.developer << "\nstatus: " << plugin.status
                   << "\nbinary: " << plugin.binaryName << "\nsdk level: " << plugin.sdkLevel << std::endl;
@@ -112,8 +145,7 @@ int config(const Args& args) {
     if (args[0] == "set" && args.size() == 4) {
         return report(manager()->setPluginConfigData(args[1], args[2], args[3]), "config set");
     }
-    std::cerr << kUsage;
-    return 2;
+    return usage();
 }
 
 // Runs `work` with standard output captured: the manager's operations
@@ -132,9 +164,10 @@ void quietly(Work work) {
 }
 
 int metrics(const Args& args) {
-    if (args.size() == 2 && args[1] != "--json") {
-        std::cerr << kUsage;
-        return 2;
+    bool bad = false;
+    const bool json = wantsJson(args, 1, bad);
+    if (bad) {
+        return usage();
     }
     std::vector<PidMetrics> samples;
     bool ok = false;
@@ -142,13 +175,12 @@ int metrics(const Args& args) {
     if (!ok) {
         return report(API_FAILED, "metrics " + args[0]);
     }
-    if (args.size() == 2) {
+    if (json) {
         json_object* array = json_object_new_array();
         for (const PidMetrics& sample : samples) {
             json_object_array_add(array, pidMetricsToJson(sample));
         }
-        std::cout << json_object_to_json_string_ext(array, JSON_C_TO_STRING_PRETTY) << std::endl;
-        json_object_put(array);
+        printJson(array);
         return 0;
     }
     std::cout << "pid\tcpu%\tmem%\tread kB/s\twrite kB/s" << std::endl;
@@ -160,9 +192,18 @@ int metrics(const Args& args) {
 }
 
 int progress(const Args& args) {
+    bool bad = false;
+    const bool json = wantsJson(args, 1, bad);
+    if (bad) {
+        return usage();
+    }
     std::vector<datacenter::PluginInfo> records;
     ApiErrorCode code = API_SUCCESS;
     quietly([&] { code = manager()->getPluginInstallProgress(records, args[0]); });
+    if (json) {
+        printJson(recordsToJson(records));
+        return report(code, "progress");
+    }
     for (const datacenter::PluginInfo& record : records) {
         std::cout << record.id << '\t' << record.status << '\t' << record.progress << '\t' << record.errorCode
                   << std::endl;
@@ -170,10 +211,109 @@ int progress(const Args& args) {
     return report(code, "progress");
 }
 
+volatile std::sig_atomic_t gInterrupted = 0;
+
+void onInterrupt(int) {
+    gInterrupted = 1;
+}
+
+// Shows the steps and the download of `action` until its run has ended.
+// Ctrl-C asks the download to stop; the steps past it run to their end.
+void follow(InstallAction& action, InstallProgressView& view) {
+    size_t shown = 0;
+    bool stopping = false;
+    for (;;) {
+        // Read before the sample, so that the last sample holds everything.
+        const bool finished = action.hasFinished();
+        if (gInterrupted && !stopping) {
+            stopping = true;
+            action.stopDownload();
+            view.note("interrupted: stopping the download; steps under way run to their end");
+        }
+        const std::vector<std::string> steps = action.steps();
+        datacenter::DownloadInfo download;
+        const bool downloading = action.getDownloadInfo(download);
+        for (; shown < steps.size(); ++shown) {
+            // The download belongs to the step that fetches the package.
+            if (downloading && steps[shown] != "getPackage") {
+                view.download(download);
+            }
+            view.step(steps[shown]);
+        }
+        if (downloading) {
+            view.download(download);
+        }
+        if (finished) {
+            return;
+        }
+        boost::this_thread::sleep_for(boost::chrono::milliseconds(100));
+    }
+}
+
+// The step that failed: the last one entered before the closing record.
+std::string failedStep(const std::vector<std::string>& steps) {
+    for (auto step = steps.rbegin(); step != steps.rend(); ++step) {
+        if (*step != "RecordInitFiles") {
+            return *step;
+        }
+    }
+    return std::string();
+}
+
+// Starts a threaded installation with `start` and shows it until it ends.
+// The final line and the exit status give the outcome.
+int installThreaded(const std::string& what, const std::function<ApiErrorCode()>& start) {
+    gInterrupted = 0;
+    std::ostream out(std::cout.rdbuf());
+    InstallProgressView view(out, isatty(STDOUT_FILENO) == 1);
+    struct sigaction interrupt = {};
+    struct sigaction saved = {};
+    interrupt.sa_handler = onInterrupt;
+    interrupt.sa_flags = SA_RESETHAND;  // a second Ctrl-C ends the process
+    sigemptyset(&interrupt.sa_mask);
+    sigaction(SIGINT, &interrupt, &saved);
+    // A reader that goes away (`| head`) must not kill the installation half way.
+    void (*const savedPipe)(int) = std::signal(SIGPIPE, SIG_IGN);
+    ApiErrorCode code = API_SUCCESS;
+    datacenter::PluginInfo record;
+    std::vector<std::string> steps;
+    // The pipeline writes its step names to standard output; the view shows them instead.
+    quietly([&] {
+        code = start();
+        const boost::shared_ptr<InstallAction> action = manager()->currentAction();
+        if (code != API_SUCCESS || !action) {
+            return;
+        }
+        follow(*action, view);
+        record = action->getPluginInfo();
+        steps = action->steps();
+        code = record.errorCode;
+        if (code == API_SUCCESS && record.status != datacenter::ENABLED) {
+            code = API_GENERAL_FAILURE;
+        }
+    });
+    sigaction(SIGINT, &saved, nullptr);
+    std::signal(SIGPIPE, savedPipe);
+    if (code == API_SUCCESS) {
+        view.finish("installed " + record.id + ", code 0");
+        return 0;
+    }
+    const std::string step = failedStep(steps);
+    view.finish("install failed" + (step.empty() ? std::string() : " at " + step) + ", code " + std::to_string(code));
+    return report(code, what);
+}
+
+int installUrl(const Args& args) {
+    return installThreaded("install-url " + args[0], [&] { return manager()->installFromUrl(args[0]); });
+}
+
+int installServer(const Args& args) {
+    return installThreaded("install-server " + args[0], [&] { return manager()->installFromServer(args[0], args[1]); });
+}
+
 int capabilities(const Args& args) {
     if (args.size() == 1 && args[0] != "--all") {
-        std::cerr << kUsage;
-        return 2;
+        return usage();
     }
     const bool all = args.size() == 1;
     for (const PluginCapability& row : CapabilityManager().getList(!all)) {
@@ -196,8 +336,14 @@ struct Command {
 const std::map<std::string, Command>& commands() {
     static const std::map<std::string, Command> table = {
         {"list", {"list [--json]: the installed plugins", 0, 1, list}},
-        {"info", {"info ID: one plugin's record", 1, 1, info}},
+        {"info", {"info ID [--json]: one plugin's record", 1, 2, info}},
         {"install", {"install FILE [-k]: install a package (-k keeps the file)", 1, 2, install}},
+        {"install-url",
+         {"install-url URL: download a package (developer or official) and install it, showing the progress", 1, 1,
+          installUrl}},
+        {"install-server",
+         {"install-server ID URL: download plugin ID (official packages only) and install it, showing the progress", 2,
+          2, installServer}},
         {"uninstall",
          {"uninstall ID: stop the plugin and remove it, leaving the sandbox skeleton", 1, 1,
           [](const Args& a) { return report(manager()->uninstallPlugin(a[0]), "uninstall " + a[0]); }}},
@@ -218,7 +364,8 @@ const std::map<std::string, Command>& commands() {
         {"config", {"config get ID KEY | config set ID KEY VALUE: the plugin's configuration data", 3, 4, config}},
         {"metrics",
          {"metrics ID [--json]: processor, memory and disk use of each process of the plugin", 1, 2, metrics}},
-        {"progress", {"progress \"ID;ID...\": install status, progress and error code per id", 1, 1, progress}},
+        {"progress",
+         {"progress \"ID;ID...\" [--json]: install status, progress and error code per id", 1, 2, progress}},
         {"capabilities",
          {"capabilities [--all]: the capabilities shown to users (--all: every one)", 0, 1, capabilities}},
     };

@@ -76,8 +76,8 @@ TEST(PluginCenterCli, LifecycleVerbsAndTheirExitStatuses) {
     const std::string all = tool("plugincenter", "capabilities --all").output;
     EXPECT_EQ(10, std::count(all.begin(), all.end(), '\n'));
 
-    for (const char* verb : {"list", "info", "install", "uninstall", "clean", "enable", "disable", "control", "config",
-                             "metrics", "progress", "capabilities"}) {
+    for (const char* verb : {"list", "info", "install", "install-url", "install-server", "uninstall", "clean", "enable",
+                             "disable", "control", "config", "metrics", "progress", "capabilities"}) {
         const testsupport::CommandResult help = tool("plugincenter", std::string(verb) + " --help");
         EXPECT_EQ(0, help.exitStatus) << verb;
         EXPECT_EQ(0u, help.output.rfind(std::string("usage: plugincenter ") + verb, 0)) << verb;

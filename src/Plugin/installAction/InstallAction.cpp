@@ -33,11 +33,6 @@ PluginManager* manager() {
     return Singleton<PluginManager>::instance();
 }
 
-// Writes a step's name to standard output, where installers and operators follow the progress.
-void announce(const char* step) {
-    std::cout << step << std::endl;
-}
-
 bool isEnableSuccess(ApiErrorCode code) {
     return code == API_SUCCESS || code == API_WELCOME_NO_HOMEPAGE;
 }
@@ -72,6 +67,40 @@ void InstallAction::setFailure(ApiErrorCode code) {
     pluginInfo_.status = datacenter::NOT_INSTALLED;
 }
 
+// The name goes to standard output, where installers follow the progress;
+// operators' tools that draw their own display read steps() instead.
+void InstallAction::enterStep(const char* step) {
+    std::cout << step << std::endl;
+    std::lock_guard<std::mutex> lock(recordMutex_);
+    steps_.push_back(step);
+}
+
+std::vector<std::string> InstallAction::steps() {
+    std::lock_guard<std::mutex> lock(recordMutex_);
+    return steps_;
+}
+
+bool InstallAction::getDownloadInfo(datacenter::DownloadInfo& out) {
+    boost::shared_ptr<datacenter::CurlDownloader> downloader;
+    {
+        std::lock_guard<std::mutex> lock(recordMutex_);
+        downloader = downloader_;
+    }
+    if (!downloader) {
+        return false;
+    }
+    out = downloader->getInfo();
+    return true;
+}
+
+void InstallAction::stopDownload() {
+    std::lock_guard<std::mutex> lock(recordMutex_);
+    stopRequested_ = true;
+    if (downloader_) {
+        downloader_->setState(datacenter::DownloadInfo::sStateStopRequested);
+    }
+}
+
 void InstallAction::beginInstall() {
     started_ = true;
     installing_ = true;
@@ -99,6 +128,10 @@ ApiErrorCode InstallAction::downloadPackage(const std::string& target) {
     {
         std::lock_guard<std::mutex> lock(recordMutex_);
         downloader_ = downloader;
+        if (stopRequested_) {
+            // The transfer's first progress report then ends it.
+            downloader->setState(datacenter::DownloadInfo::sStateStopRequested);
+        }
     }
     downloader->beginDownloadSync();
     const datacenter::DownloadInfo info = downloader->getInfo();
@@ -176,31 +209,31 @@ ApiErrorCode InstallAction::run() {
     setStatus(datacenter::DOWNLOADING);
 
     ApiErrorCode code = API_SUCCESS;
-    announce("getPackage");
+    enterStep("getPackage");
     code = getPackage();
     if (code == API_SUCCESS) {
-        announce("changeStatusBeforeInstall");
+        enterStep("changeStatusBeforeInstall");
         code = changeStatusBeforeInstall();
     }
     if (code == API_SUCCESS) {
         setStatus(datacenter::INSTALLING);
-        announce("verifySign");
+        enterStep("verifySign");
         code = verifySign();
     }
     if (code == API_SUCCESS) {
-        announce("unzipFile");
+        enterStep("unzipFile");
         code = unzipFile();
     }
     if (code == API_SUCCESS) {
-        announce("checkPackage");
+        enterStep("checkPackage");
         code = checkPackage();
     }
     if (code == API_SUCCESS) {
-        announce("installPackage");
+        enterStep("installPackage");
         code = installPackage();
     }
     if (code == API_SUCCESS) {
-        announce("changePluginStatus");
+        enterStep("changePluginStatus");
         code = manager()->changePluginStatus(pluginId_, datacenter::ENABLED);
         if (isEnableSuccess(code)) {
             code = API_SUCCESS;
@@ -208,7 +241,7 @@ ApiErrorCode InstallAction::run() {
     }
     if (code == API_SUCCESS) {
         setStatus(datacenter::ENABLED);
-        announce("savePluginPackage");
+        enterStep("savePluginPackage");
         Statistics::statOnce(statOnceString(), pluginId_);
     } else {
         setFailure(code);
@@ -217,7 +250,7 @@ ApiErrorCode InstallAction::run() {
     }
     cleanPackage();
     installing_ = false;
-    announce("RecordInitFiles");
+    enterStep("RecordInitFiles");
     const ApiErrorCode recorded = recordInitFiles();
     manager()->updatePluginListToServer();
     // Everything is in place or cleaned up: nothing is left for a recovery.

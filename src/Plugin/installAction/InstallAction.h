@@ -19,7 +19,8 @@ class InstallJournal;
 
 namespace datacenter {
 class CurlDownloader;
-}
+struct DownloadInfo;
+}  // namespace datacenter
 
 class InstallAction {
 public:
@@ -59,6 +60,14 @@ public:
     ApiErrorCode downloadPackage(const std::string& target);
     // A copy of the progress record, with the download's progress.
     datacenter::PluginInfo getPluginInfo();
+    // The names of the steps entered so far, in order.
+    std::vector<std::string> steps();
+    // A copy of the download's own record; false before the download began.
+    bool getDownloadInfo(datacenter::DownloadInfo& out);
+    // Asks the download to stop (now, or as soon as it begins): it then ends
+    // with 2007 and the step that needed it fails. Steps past the download
+    // run to their end, so that nothing is left half installed.
+    void stopDownload();
     // Checks the signature of packagePath_ into the staging folder and
     // continues with the verified payload: 0 or 2508.
     ApiErrorCode verifySignImpl(bool keepOriginal);
@@ -114,6 +123,8 @@ protected:
     // Ends a run that could not record itself: 4, with nothing written.
     ApiErrorCode finishUnstarted();
     void setStatus(datacenter::PluginStatus status);
+    // Writes the step's name to standard output and keeps it for steps().
+    void enterStep(const char* step);
     // Verifies packagePath_ into the staging folder; the signing library's code.
     int verifyIntoStaging(std::string& verified, int& type, int& err);
     ApiErrorCode finishVerification(int code, int err, const std::string& verified, bool keepOriginal);
@@ -126,8 +137,10 @@ protected:
     std::atomic<bool> started_{false};
     std::atomic<bool> finished_{false};
     bool isUpdate_ = false;
-    std::mutex recordMutex_;  // guards pluginInfo_ and downloader_ against readers on other threads
+    std::mutex recordMutex_;  // guards pluginInfo_, steps_, stopRequested_ and downloader_ against readers
     datacenter::PluginInfo pluginInfo_;
+    std::vector<std::string> steps_;
+    bool stopRequested_ = false;
     boost::shared_ptr<datacenter::CurlDownloader> downloader_;
     std::shared_ptr<InstallJournal> journal_;
     bool journalIdKnown_ = false;

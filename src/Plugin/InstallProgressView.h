@@ -1,0 +1,50 @@
+#pragma once
+// Shows a running installation to an operator. On a terminal: one line
+// redrawn in place with a bar, the download's percentage, size and rate, and
+// the current step. Elsewhere (a pipe, a log file): plain lines without
+// carriage returns, one per step and one per change of the download's
+// percentage, then one when the download ends, so that a script can follow.
+#include <chrono>
+#include <cstdint>
+#include <ostream>
+#include <string>
+
+namespace datacenter {
+struct DownloadInfo;
+}
+
+class InstallProgressView {
+public:
+    InstallProgressView(std::ostream& out, bool terminal);
+
+    // A step the installation entered.
+    void step(const std::string& name);
+    // The download's record, as often as it is read; repeats are harmless.
+    void download(const datacenter::DownloadInfo& info);
+    // A message for the operator, on a line of its own.
+    void note(const std::string& text);
+    // Ends the display with `text` as its last line.
+    void finish(const std::string& text);
+
+    // A byte count in binary units: "512 B", "1.5 KiB", "12.0 MiB".
+    static std::string sHumanBytes(double bytes);
+
+private:
+    void redraw();
+    // Leaves the redrawn line, so that a full line can follow.
+    void endLine();
+    std::string rateText() const;
+    std::string sizeText() const;
+
+    std::ostream& out_;
+    bool terminal_;
+    bool drawn_ = false;  // a redrawn line is on the screen
+    std::string step_;
+    bool downloadSeen_ = false;
+    bool downloadEnded_ = false;
+    int percent_ = -1;  // last shown; -1 before any
+    int64_t downloaded_ = 0;
+    int64_t total_ = 0;
+    std::chrono::steady_clock::time_point start_;  // the view's construction, when the installation starts
+    double seconds_ = 0;                           // from start_ to the last look at the download
+};
