@@ -107,6 +107,11 @@ void CurlDownloader::performTransfer() {
     curl_easy_setopt(curl_, CURLOPT_XFERINFOFUNCTION, transferInfo);
     curl_easy_setopt(curl_, CURLOPT_XFERINFODATA, this);
     curl_easy_setopt(curl_, CURLOPT_FOLLOWLOCATION, 1L);
+    // Packages come over the web only: the installer runs as root, so a URL
+    // or a redirect must never make it read a local file or talk to another
+    // kind of server.
+    curl_easy_setopt(curl_, CURLOPT_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(curl_, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(curl_, CURLOPT_NOSIGNAL, 1L);
     if (timeoutSeconds_ != 0) {
         curl_easy_setopt(curl_, CURLOPT_TIMEOUT, timeoutSeconds_);

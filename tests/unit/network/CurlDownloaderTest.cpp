@@ -95,6 +95,18 @@ TEST_F(CurlDownloaderTest, UnwritableTargetFailsBeforeAnyRequest) {
     EXPECT_TRUE(server_.requests().empty());
 }
 
+TEST_F(CurlDownloaderTest, LocalFilesAreNeverReadDirectlyOrThroughARedirect) {
+    const std::string secret = testsupport::makeScratchDir("local") + "/secret";
+    testsupport::writeFile(secret, "root's file");
+    server_.route("/to-file", HttpResponse::redirect("file://" + secret));
+    for (const std::string& url : {"file://" + secret, server_.url("/to-file")}) {
+        CurlDownloader downloader(url, target_, &observer_, 0);
+        downloader.beginDownloadSync();
+        EXPECT_EQ(2003, downloader.getInfo().errorCode) << url;
+        EXPECT_NE("root's file", testsupport::readFile(target_)) << url;
+    }
+}
+
 TEST_F(CurlDownloaderTest, TransferTimeoutAndRefusedConnectionFail) {
     server_.route("/stall", HttpResponse::stalled());
     CurlDownloader stalled(server_.url("/stall"), target_, &observer_, 1);
