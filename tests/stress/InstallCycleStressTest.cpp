@@ -12,8 +12,8 @@
 #include "DataBase/PluginStorageManager.h"
 #include "Plugin/PluginManager.h"
 #include "common/Singleton.h"
-#include "system/ConfigInfo.h"
 #include "support/PackageFactory.h"
+#include "system/ConfigInfo.h"
 
 namespace fs = boost::filesystem;
 
