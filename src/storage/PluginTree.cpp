@@ -8,6 +8,8 @@
 #include <cstring>
 #include <vector>
 
+#include "storage/UniqueFd.h"
+
 namespace datacenter {
 namespace {
 
@@ -24,29 +26,6 @@ std::vector<std::string> components(const std::string& relative) {
     }
     return parts;
 }
-
-class Fd {
-public:
-    explicit Fd(int fd = -1) : fd_(fd) {}
-    ~Fd() { reset(); }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    int get() const { return fd_; }
-    int release() {
-        const int fd = fd_;
-        fd_ = -1;
-        return fd;
-    }
-    void reset(int fd = -1) {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
-        fd_ = fd;
-    }
-
-private:
-    int fd_;
-};
 
 // Words for what `name` is when it could not be entered or opened as asked.
 std::string describeEntry(int dirFd, const std::string& name, int err) {
@@ -123,7 +102,7 @@ int PluginTree::openDirectory(const std::string& relative, bool create, mode_t m
         fail(rootFd_ < 0 ? "plugin directory not open" : "unsafe name '" + relative + "'", EINVAL);
         return -1;
     }
-    Fd current(::fcntl(rootFd_, F_DUPFD_CLOEXEC, 0));
+    UniqueFd current(::fcntl(rootFd_, F_DUPFD_CLOEXEC, 0));
     for (const std::string& part : components(relative)) {
         const int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
         int next = ::openat(current.get(), part.c_str(), flags);
@@ -161,13 +140,13 @@ int PluginTree::openParent(const std::string& relative, bool create, mode_t mode
 int PluginTree::openFile(const std::string& relative, int flags, mode_t mode) {
     error_.clear();
     std::string leaf;
-    Fd parent(openParent(relative, false, 0, leaf));
+    UniqueFd parent(openParent(relative, false, 0, leaf));
     if (parent.get() < 0) {
         return -1;
     }
     // Truncation waits until the file is known to be ours alone.
     const int openFlags = (flags & ~O_TRUNC) | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-    Fd file(::openat(parent.get(), leaf.c_str(), openFlags, mode));
+    UniqueFd file(::openat(parent.get(), leaf.c_str(), openFlags, mode));
     if (file.get() < 0) {
         const int err = errno;
         fail(describeEntry(parent.get(), leaf, err), err);
@@ -202,7 +181,7 @@ int PluginTree::openFile(const std::string& relative, int flags, mode_t mode) {
 bool PluginTree::chmod(const std::string& relative, mode_t mode) {
     error_.clear();
     std::string leaf;
-    Fd parent(openParent(relative, false, 0, leaf));
+    UniqueFd parent(openParent(relative, false, 0, leaf));
     if (parent.get() < 0) {
         return false;
     }
@@ -213,7 +192,7 @@ bool PluginTree::chmod(const std::string& relative, mode_t mode) {
     if (!S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode)) {
         return fail(describeEntry(parent.get(), leaf, EINVAL), EINVAL);
     }
-    Fd entry(::openat(parent.get(), leaf.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    UniqueFd entry(::openat(parent.get(), leaf.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat opened;
     // The entry may have been swapped between the look and the open: only the one looked at is changed.
     if (entry.get() < 0 || ::fstat(entry.get(), &opened) != 0 || opened.st_ino != st.st_ino ||
@@ -230,11 +209,11 @@ bool PluginTree::rename(const std::string& from, const std::string& to) {
     error_.clear();
     std::string fromLeaf;
     std::string toLeaf;
-    Fd fromDir(openParent(from, false, 0, fromLeaf));
+    UniqueFd fromDir(openParent(from, false, 0, fromLeaf));
     if (fromDir.get() < 0) {
         return false;
     }
-    Fd toDir(openParent(to, false, 0, toLeaf));
+    UniqueFd toDir(openParent(to, false, 0, toLeaf));
     if (toDir.get() < 0) {
         return false;
     }
@@ -248,7 +227,7 @@ bool PluginTree::rename(const std::string& from, const std::string& to) {
 bool PluginTree::remove(const std::string& relative) {
     error_.clear();
     std::string leaf;
-    Fd parent(openParent(relative, false, 0, leaf));
+    UniqueFd parent(openParent(relative, false, 0, leaf));
     if (parent.get() < 0) {
         return errno == ENOENT;
     }
@@ -263,7 +242,7 @@ bool PluginTree::remove(const std::string& relative) {
 
 bool PluginTree::isLink(const std::string& relative) {
     std::string leaf;
-    Fd parent(openParent(relative, false, 0, leaf));
+    UniqueFd parent(openParent(relative, false, 0, leaf));
     struct stat st;
     return parent.get() >= 0 && ::fstatat(parent.get(), leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
            S_ISLNK(st.st_mode);

@@ -65,22 +65,6 @@ bool removeEntries(int dirFd, const std::string& shownPath, std::string& error) 
 
 }  // namespace
 
-UniqueFd::~UniqueFd() {
-    if (fd_ >= 0) {
-        close(fd_);
-    }
-}
-
-UniqueFd& UniqueFd::operator=(UniqueFd&& other) noexcept {
-    if (this != &other) {
-        if (fd_ >= 0) {
-            close(fd_);
-        }
-        fd_ = other.release();
-    }
-    return *this;
-}
-
 UniqueFd TreeRemoval::sOpenDirectory(const std::string& path) {
     if (path.empty()) {
         return UniqueFd();
