@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <boost/filesystem.hpp>
+#include <chrono>
 
 #include "support/Golden.h"
 #include "support/PackageFactory.h"
@@ -18,9 +19,7 @@ namespace {
 
 // Exit status, standard output and the stand-ins' command log of one run.
 std::string installRun(const std::string& args) {
-    const testsupport::CommandResult result =
-        testsupport::runCommand("DATACENTER_INSTALLPLUGIN_DELAY_MS=0 DATACENTER_ROOT=" + testsupport::root() + " " +
-                                testsupport::buildDir() + "/apps/installplugin " + args + " 2>/dev/null");
+    const testsupport::CommandResult result = testsupport::runApp("installplugin", args);
     const std::string log = underRoot("/tmp/sim-commands.log");
     const std::string commands = boost::filesystem::exists(log) ? testsupport::readFile(log) : std::string();
     return "## exit status " + std::to_string(result.exitStatus) + "\n## standard output\n" + result.output +
@@ -47,7 +46,14 @@ TEST(InstallGolden, Success) {
 }
 
 TEST(InstallGolden, NoPackagePath) {
+    // The data directory of an empty id is the root of all plugins: nothing of it may go.
+    const std::string root = testsupport::root();
+    testsupport::writeFile(root + "/a/file", "one");
+    testsupport::writeFile(root + "/b/c/file", "two");
+    const std::string before = testsupport::runCommand("cd " + root + " && find a b | sort").output;
     EXPECT_GOLDEN("install/fail-no-path", installRun("-u"));
+    EXPECT_EQ(before, testsupport::runCommand("cd " + root + " && find a b | sort").output);
+    EXPECT_EQ("two", testsupport::readFile(root + "/b/c/file"));
 }
 
 TEST(InstallGolden, MissingPackageFile) {
@@ -111,7 +117,14 @@ TEST(InstallGolden, StartRefusedByTheController) {
 TEST(InstallGolden, ReinstallStopsTheInstalledVersionFirst) {
     PackageFactory factory;
     const std::string package = factory.build(PackageSpec(), "first");
-    testsupport::runCommand("DATACENTER_INSTALLPLUGIN_DELAY_MS=0 DATACENTER_ROOT=" + testsupport::root() + " " +
-                            testsupport::buildDir() + "/apps/installplugin -f " + package + " >/dev/null 2>&1");
+    testsupport::runApp("installplugin", "-f " + package);
     EXPECT_GOLDEN("install/success-reinstall", installPackage(factory, PackageSpec()));
+}
+
+TEST(InstallCli, WaitsTwoSecondsBeforeAnythingByDefault) {
+    const auto start = std::chrono::steady_clock::now();
+    testsupport::runCommand("DATACENTER_ROOT=" + testsupport::root() + " " + testsupport::buildDir() +
+                            "/apps/installplugin -s >/dev/null 2>&1");
+    // A lower bound only: the start-up delay must not be skipped on a router.
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1900));
 }

@@ -7,7 +7,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <boost/filesystem.hpp>
 #include <chrono>
 #include <memory>
@@ -15,50 +14,22 @@
 
 #include "Plugin/PluginManager.h"
 #include "common/Singleton.h"
+#include "support/Golden.h"
 #include "support/PackageFactory.h"
+#include "support/SleepingChild.h"
 #include "support/TestSupport.h"
 #include "system/ConfigInfo.h"
 
 using testsupport::PackageFactory;
 using testsupport::PackageSpec;
 using testsupport::readFile;
+using testsupport::runApp;
+using testsupport::SleepingChild;
 using testsupport::underRoot;
 
 namespace {
 
 const std::string kId = "5017400000000000100";
-
-testsupport::CommandResult tool(const std::string& name, const std::string& args, bool withErrors = false) {
-    return testsupport::runCommand("DATACENTER_INSTALLPLUGIN_DELAY_MS=0 DATACENTER_ROOT=" + testsupport::root() + " " +
-                                   testsupport::buildDir() + "/apps/" + name + " " + args +
-                                   (withErrors ? " 2>&1" : " 2>/dev/null"));
-}
-
-std::string golden(const std::string& name) {
-    return readFile(testsupport::sourceDir() + "/tests/data/lifecycle/" + name);
-}
-
-// A child that sleeps until killed, leader of its own process group; reaped
-// when the object goes.
-class Sleeper {
-public:
-    Sleeper() {
-        pid_ = fork();
-        if (pid_ == 0) {
-            setpgid(0, 0);  // its own process group, so that kill(-pid) would reach it
-            execlp("sleep", "sleep", "60", static_cast<char*>(nullptr));
-            _exit(127);
-        }
-    }
-    ~Sleeper() {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-    }
-    pid_t pid() const { return pid_; }
-
-private:
-    pid_t pid_ = -1;
-};
 
 bool waitForFile(const std::string& path) {
     for (int i = 0; i < 200 && !boost::filesystem::exists(path); ++i) {
@@ -71,42 +42,38 @@ bool waitForFile(const std::string& path) {
 
 TEST(PluginCenterCli, LifecycleVerbsAndTheirExitStatuses) {
     PackageFactory factory;
-    ASSERT_EQ(0, tool("installplugin", "-f " + factory.build(PackageSpec(), "cli")).exitStatus);
-    EXPECT_EQ(golden("plugincenter-capabilities.expected"), tool("plugincenter", "capabilities").output);
-    const std::string all = tool("plugincenter", "capabilities --all").output;
-    EXPECT_EQ(10, std::count(all.begin(), all.end(), '\n'));
+    ASSERT_EQ(0, runApp("installplugin", "-f " + factory.build(PackageSpec(), "cli")).exitStatus);
+    EXPECT_GOLDEN("lifecycle/plugincenter-capabilities", runApp("plugincenter", "capabilities").output);
+    EXPECT_GOLDEN("lifecycle/plugincenter-capabilities-all", runApp("plugincenter", "capabilities --all").output);
 
     for (const char* verb : {"list", "info", "install", "uninstall", "clean", "enable", "disable", "control", "config",
                              "metrics", "progress", "capabilities"}) {
-        const testsupport::CommandResult help = tool("plugincenter", std::string(verb) + " --help");
+        const testsupport::CommandResult help = runApp("plugincenter", std::string(verb) + " --help");
         EXPECT_EQ(0, help.exitStatus) << verb;
         EXPECT_EQ(0u, help.output.rfind(std::string("usage: plugincenter ") + verb, 0)) << verb;
     }
     for (const char* bad :
          {"uninstall", "clean a b", "metrics", "metrics a --yaml", "progress", "capabilities -x", "nonsense"}) {
-        EXPECT_EQ(2, tool("plugincenter", bad).exitStatus) << bad;
+        EXPECT_EQ(2, runApp("plugincenter", bad).exitStatus) << bad;
     }
 
-    const testsupport::CommandResult refused = tool("plugincenter", "uninstall 5017400000000000008", true);
+    const testsupport::CommandResult refused = runApp("plugincenter", "uninstall 5017400000000000008", true);
     EXPECT_EQ(1, refused.exitStatus);
     EXPECT_NE(std::string::npos, refused.output.find("uninstall 5017400000000000008 failed, code 2528"));
-    EXPECT_EQ(1, tool("plugincenter", "clean 5017400000000000199").exitStatus);
+    EXPECT_EQ(1, runApp("plugincenter", "clean 5017400000000000199").exitStatus);
 
-    const std::string a = kId;
-    std::string expected = golden("plugincenter-progress.expected");
-    expected.replace(0, 1, a);
-    expected.replace(expected.rfind("b\t"), 1, "5017400000000000199");
-    EXPECT_EQ(expected, tool("plugincenter", "progress '" + a + ";;5017400000000000199'").output);
+    EXPECT_GOLDEN("lifecycle/plugincenter-progress",
+                  runApp("plugincenter", "progress '" + kId + ";;5017400000000000199'").output);
 
-    const testsupport::CommandResult gone = tool("plugincenter", "uninstall " + kId);
+    const testsupport::CommandResult gone = runApp("plugincenter", "uninstall " + kId);
     EXPECT_EQ(0, gone.exitStatus);
-    EXPECT_EQ("", tool("plugincenter", "list").output);
-    EXPECT_EQ(1, tool("plugincenter", "uninstall " + kId).exitStatus);
+    EXPECT_EQ("", runApp("plugincenter", "list").output);
+    EXPECT_EQ(1, runApp("plugincenter", "uninstall " + kId).exitStatus);
 }
 
 TEST(PluginMetrics, OneRecordPerLiveChildFromTheRealTools) {
-    Sleeper first;
-    Sleeper second;
+    SleepingChild first;
+    SleepingChild second;
     PluginManager* manager = Singleton<PluginManager>::instance();
     datacenter::ConfigInfo::sGetInstance()->setConfigToFile(
         PluginManager::sGetPluginPidConfig(), "pid_of_m",
@@ -129,10 +96,10 @@ TEST(PluginMetrics, OneRecordPerLiveChildFromTheRealTools) {
     metrics.clear();
     EXPECT_FALSE(manager->getPluginMetrics("m", metrics));
     EXPECT_EQ(1u, metrics.size());
-    EXPECT_EQ(1, tool("plugincenter", "metrics m").exitStatus);
+    EXPECT_EQ(1, runApp("plugincenter", "metrics m").exitStatus);
     datacenter::ConfigInfo::sGetInstance()->setConfigToFile(PluginManager::sGetPluginPidConfig(), "pid_of_m",
                                                             std::to_string(first.pid()));
-    const std::string json = tool("plugincenter", "metrics m --json").output;
+    const std::string json = runApp("plugincenter", "metrics m --json").output;
     EXPECT_NE(std::string::npos, json.find("\"pid\":" + std::to_string(first.pid()) + ",")) << json;
 }
 
@@ -169,7 +136,7 @@ TEST(PluginControllorStandIn, StartsABinaryBelowTheDataDirectoryAndRefusesOnesTh
 }
 
 TEST(PluginProcesses, OnlyPlainDecimalPidsAboveOneAreSignalled) {
-    Sleeper victim;
+    SleepingChild victim;
     const std::string pid = std::to_string(victim.pid());
     PluginManager* manager = Singleton<PluginManager>::instance();
     datacenter::ConfigInfo::sGetInstance()->setConfigToFile(PluginManager::sGetPluginPidConfig(), "pid_of_k",

@@ -1,17 +1,10 @@
 // The manifest store's reload cost and its care with files it cannot read:
 // a settled store is not parsed again, a change costs the re-read of the
-// changed manifest only, a manifest that cannot be read for a passing reason
-// stays, and concurrent insertions do not share a temporary file.
-#include <fcntl.h>
+// changed manifest only, and a manifest that cannot be read for a passing
+// reason stays.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
-
-#include <algorithm>
-#include <boost/filesystem.hpp>
-#include <ctime>
 
 #include "DataBase/PluginStorageManager.h"
 #include "common/Singleton.h"
@@ -22,19 +15,13 @@
 #include "unit/DataBase/StoreTestSupport.h"
 
 using datacenter::PluginInfo;
+using testsupport::settle;
 using testsupport::store;
 using testsupport::storeDir;
 using testsupport::underRoot;
 using testsupport::writeFile;
 
 namespace {
-
-// Puts the time stamps of `path` well into the past, as for a store that
-// has not changed for a while.
-void settle(const std::string& path) {
-    const struct timespec past[2] = {{time(nullptr) - 60, 0}, {time(nullptr) - 60, 0}};
-    utimensat(AT_FDCWD, path.c_str(), past, 0);
-}
 
 void writeSettledStore(int count) {
     for (int i = 0; i < count; ++i) {
@@ -43,18 +30,6 @@ void writeSettledStore(int count) {
         settle(storeDir() + id + ".manifest");
     }
     settle(storeDir());
-}
-
-// Runs `work` in a forked child and returns its exit status.
-template <typename Work>
-int inAnotherProcess(Work work) {
-    const pid_t child = fork();
-    if (child == 0) {
-        _exit(work());
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 }  // namespace
@@ -68,7 +43,7 @@ TEST(PluginStorageCost, ASettledStoreIsNotParsedAgainAndAChangeCostsOneFile) {
     EXPECT_EQ(loaded, store()->manifestParseCount());
 
     // Another process switches one plugin off: this one reads that file only.
-    ASSERT_EQ(0, inAnotherProcess([] {
+    ASSERT_EQ(0, testsupport::inChildProcess([] {
                   return Singleton<PluginStorageManager>::instance()->updateStatusToStorage("p3", datacenter::DISABLED)
                              ? 0
                              : 1;
@@ -94,7 +69,7 @@ TEST(PluginStorageCost, AManifestThatCannotBeReadNowIsKept) {
 
     // With every descriptor in use the manifest cannot be opened: the read
     // fails, and the file must not be taken for one without a plugin id.
-    EXPECT_EQ(0, inAnotherProcess([&path] {
+    EXPECT_EQ(0, testsupport::inChildProcess([&path] {
                   const int firstFree = open("/dev/null", O_RDONLY);
                   close(firstFree);
                   const struct rlimit limit = {static_cast<rlim_t>(firstFree), static_cast<rlim_t>(firstFree)};
@@ -116,25 +91,6 @@ TEST(PluginStorageCost, AManifestThatCannotBeReadNowIsKept) {
     // Once it is whole again it is listed.
     writeFile(storeDir() + "broken.manifest", "plugin_id = \"broken\";\nname = \"whole\";\n");
     EXPECT_EQ("whole", store()->getPluginInfoById("broken").name);
-}
-
-TEST(PluginStorageCost, InsertionsUseTemporaryFilesOfTheirOwn) {
-    const std::string own = underRoot("/userdisk/appdata/") + "p9" + "/" + "/etc/manifest";
-    writeFile(own, "plugin_id = \"p9\";\nname = \"Nine\";\n");
-    // What another process storing the same id is writing right now.
-    const std::string theirs = storeDir() + ".incoming-p9.manifest";
-    writeFile(theirs, "half-written");
-    PluginInfo info;
-    ASSERT_TRUE(store()->insertToStorage("p9", own, info));
-    EXPECT_EQ("half-written", testsupport::readFile(theirs));
-    EXPECT_EQ("Nine", store()->getPluginInfoById("p9").name);
-    // No temporary file of this insertion is left behind.
-    std::vector<std::string> names;
-    for (const auto& entry : boost::filesystem::directory_iterator(storeDir())) {
-        names.push_back(entry.path().filename().string());
-    }
-    std::sort(names.begin(), names.end());
-    EXPECT_EQ((std::vector<std::string>{".incoming-p9.manifest", "p9.manifest"}), names);
 }
 
 TEST(PluginStorageCost, TheWelcomeStatusSetHereSurvivesAReRead) {

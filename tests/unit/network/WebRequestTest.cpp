@@ -38,14 +38,6 @@ TEST(WebRequestEncodingTest, DecodesEscapesAndKeepsBrokenOnes) {
     EXPECT_EQ(allBytes, WebRequest::urldecode(WebRequest::urlencode(allBytes)));
 }
 
-TEST(WebRequestEncodingTest, HexDigits) {
-    EXPECT_EQ('f', WebRequest::toHex(static_cast<char>(0xaf)));
-    EXPECT_EQ('0', WebRequest::toHex(0x10));
-    EXPECT_EQ(11, WebRequest::fromHex('B'));
-    EXPECT_EQ(11, WebRequest::fromHex('b'));
-    EXPECT_EQ(7, WebRequest::fromHex('7'));
-}
-
 TEST(WebRequestTransferTest, GetReturnsBodyAndReplacesOldResponse) {
     HttpTestServer server;
     server.route("/hello", HttpResponse::text(200, "hello world"));
