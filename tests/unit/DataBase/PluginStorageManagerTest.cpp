@@ -1,10 +1,16 @@
 // The manifest store: reading manifests, cache reloads (also when another
-// process changed the store), updates, insertion and deletion.
+// process changed the store) and their cost, manifests that cannot be read
+// for a passing reason, updates, insertion and deletion.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <boost/filesystem.hpp>
 #include <boost/lexical_cast.hpp>
+#include <ctime>
 
 #include "DataBase/PluginStorageManager.h"
 #include "common/Singleton.h"
@@ -12,19 +18,40 @@
 #include "storage/File.h"
 #include "support/TestSupport.h"
 #include "system/ConfigInfo.h"
-#include "unit/DataBase/StoreTestSupport.h"
 
 using datacenter::PluginInfo;
-using testsupport::modifiedAt;
-using testsupport::settle;
-using testsupport::simpleManifest;
-using testsupport::store;
-using testsupport::storeDir;
 using testsupport::underRoot;
 using testsupport::writeFile;
-using testsupport::writeManifest;
 
 namespace {
+
+std::string storeDir() {
+    return underRoot("/userdisk/appdata//app_infos/");
+}
+
+PluginStorageManager* store() {
+    return Singleton<PluginStorageManager>::instance();
+}
+
+void writeManifest(const std::string& fileName, const std::string& body) {
+    writeFile(storeDir() + fileName, body);
+}
+
+std::string simpleManifest(const std::string& id, const std::string& name) {
+    return "plugin_id = \"" + id + "\";\nname = \"" + name + "\";\nversion = \"1.0.0\";\n";
+}
+
+// Sets both time stamps of `path` to `seconds`; by default well into the
+// past, as for a store that has not changed for a while.
+void settle(const std::string& path, time_t seconds = time(nullptr) - 60) {
+    const struct timespec times[2] = {{seconds, 0}, {seconds, 0}};
+    utimensat(AT_FDCWD, path.c_str(), times, 0);
+}
+
+time_t modifiedAt(const std::string& path) {
+    struct stat status;
+    return stat(path.c_str(), &status) == 0 ? status.st_mtime : 0;
+}
 
 // Runs `work` in a forked child process (a second user of the store) and waits for it.
 void inAnotherProcess(void (*work)()) {
@@ -32,6 +59,15 @@ void inAnotherProcess(void (*work)()) {
                   work();
                   return 0;
               }));
+}
+
+void writeSettledStore(int count) {
+    for (int i = 0; i < count; ++i) {
+        const std::string id = "p" + std::to_string(i);
+        writeFile(storeDir() + id + ".manifest", "plugin_id = \"" + id + "\";\nstatus = \"5\";\n");
+        settle(storeDir() + id + ".manifest");
+    }
+    settle(storeDir());
 }
 
 }  // namespace
@@ -258,4 +294,74 @@ TEST(PluginStorageDelete, RemovesFileAndCacheEntry) {
     EXPECT_EQ(0u, store()->getPluginInfos().count("a"));
     EXPECT_FALSE(store()->deleteInStorage("a"));
     EXPECT_EQ(1u, store()->getPluginInfos().count("b"));
+}
+
+TEST(PluginStorageCost, ASettledStoreIsNotParsedAgainAndAChangeCostsOneFile) {
+    writeSettledStore(20);
+    ASSERT_EQ(20u, store()->getPluginInfos().size());
+    const uint64_t loaded = store()->manifestParseCount();
+    EXPECT_EQ(20u, store()->getPluginInfos().size());
+    EXPECT_EQ("p7", store()->getPluginInfoById("p7").id);
+    EXPECT_EQ(loaded, store()->manifestParseCount());
+
+    // Another process switches one plugin off: this one reads that file only.
+    ASSERT_EQ(0, testsupport::inChildProcess([] {
+                  return Singleton<PluginStorageManager>::instance()->updateStatusToStorage("p3", datacenter::DISABLED)
+                             ? 0
+                             : 1;
+              }));
+    EXPECT_EQ(datacenter::DISABLED, store()->getPluginInfoById("p3").status);
+    EXPECT_EQ(loaded + 1, store()->manifestParseCount());
+    EXPECT_EQ(datacenter::ENABLED, store()->getPluginInfoById("p4").status);
+
+    // The mark file of the installer does not make settled manifests parse again.
+    settle(storeDir() + "p3.manifest");
+    store()->getPluginInfos();
+    writeFile(storeDir() + PluginStorageManager::sUpdatedFile, "");
+    const uint64_t before = store()->manifestParseCount();
+    EXPECT_EQ(20u, store()->getPluginInfos().size());
+    EXPECT_EQ(before, store()->manifestParseCount());
+    EXPECT_FALSE(datacenter::File::sExists(storeDir() + PluginStorageManager::sUpdatedFile));
+}
+
+TEST(PluginStorageCost, AManifestThatCannotBeReadNowIsKept) {
+    writeSettledStore(1);
+    ASSERT_EQ(1u, store()->getPluginInfos().size());
+    const std::string path = storeDir() + "p0.manifest";
+
+    // With every descriptor in use the manifest cannot be opened: the read
+    // fails, and the file must not be taken for one without a plugin id.
+    EXPECT_EQ(0, testsupport::inChildProcess([&path] {
+                  const int firstFree = open("/dev/null", O_RDONLY);
+                  close(firstFree);
+                  const struct rlimit limit = {static_cast<rlim_t>(firstFree), static_cast<rlim_t>(firstFree)};
+                  setrlimit(RLIMIT_NOFILE, &limit);
+                  PluginInfo info;
+                  return store()->getPluginInfoFromManifest(path, info) ? 1 : 0;
+              }));
+    EXPECT_TRUE(datacenter::File::sExists(path));
+
+    // One that does not parse stays too and is simply not listed; one that
+    // parses without a plugin id goes.
+    writeFile(storeDir() + "broken.manifest", "plugin_id = \"broken\";\nname = \"cut sh");
+    writeFile(storeDir() + "noid.manifest", "name = \"orphan\";\n");
+    const auto infos = store()->getPluginInfos();
+    EXPECT_EQ(1u, infos.size());
+    EXPECT_TRUE(datacenter::File::sExists(storeDir() + "broken.manifest"));
+    EXPECT_FALSE(datacenter::File::sExists(storeDir() + "noid.manifest"));
+
+    // Once it is whole again it is listed.
+    writeFile(storeDir() + "broken.manifest", "plugin_id = \"broken\";\nname = \"whole\";\n");
+    EXPECT_EQ("whole", store()->getPluginInfoById("broken").name);
+}
+
+TEST(PluginStorageCost, TheWelcomeStatusSetHereSurvivesAReRead) {
+    const std::string welcome = "5017400000000000005";
+    writeFile(storeDir() + welcome + ".manifest", "plugin_id = \"" + welcome + "\";\nname = \"w\";\n");
+    ASSERT_EQ(datacenter::NOT_INSTALLED, store()->getPluginInfoById(welcome).status);
+    ASSERT_TRUE(store()->updateStatusToStorage(welcome, datacenter::DISABLED));
+    datacenter::ConfigInfo::sGetInstance()->setConfigToFile(storeDir() + welcome + ".manifest", "name", "again");
+    const PluginInfo info = store()->getPluginInfoById(welcome);
+    EXPECT_EQ("again", info.name);
+    EXPECT_EQ(datacenter::DISABLED, info.status);
 }

@@ -18,8 +18,6 @@
 #include "support/SilentListener.h"
 
 using apache::thrift::TApplicationException;
-using apache::thrift::protocol::T_CALL;
-using apache::thrift::protocol::T_EXCEPTION;
 using apache::thrift::protocol::T_REPLY;
 using apache::thrift::protocol::T_STRING;
 using apache::thrift::protocol::T_STRUCT;
@@ -153,40 +151,6 @@ TEST_F(ServedTest, HandlerExceptionBecomesApplicationException) {
     EXPECT_EQ("kept", response);
     // The server goes on serving.
     EXPECT_TRUE(DataCenterRpcClient::sRequest("127.0.0.1", server_.port(), "x", response, kTimeoutMs).ok());
-}
-
-TEST_F(ServedTest, UnknownMethodIsAnsweredAndConnectionStaysUsable) {
-    RawConnection connection(server_.port());
-    TBinaryProtocol& protocol = *connection.protocol;
-    protocol.writeMessageBegin("frobnicate", T_CALL, 7);
-    protocol.writeStructBegin("args");
-    protocol.writeFieldBegin("parameter", T_STRING, 1);
-    protocol.writeString(std::string("junk"));
-    protocol.writeFieldEnd();
-    protocol.writeFieldStop();
-    protocol.writeStructEnd();
-    protocol.writeMessageEnd();
-    connection.transport->writeEnd();
-    connection.transport->flush();
-
-    std::string name;
-    TMessageType type;
-    int32_t sequenceId = 0;
-    protocol.readMessageBegin(name, type, sequenceId);
-    EXPECT_EQ(T_EXCEPTION, type);
-    EXPECT_EQ("frobnicate", name);
-    EXPECT_EQ(7, sequenceId);
-    TApplicationException answer;
-    answer.read(&protocol);
-    protocol.readMessageEnd();
-    connection.transport->readEnd();
-    EXPECT_EQ(TApplicationException::UNKNOWN_METHOD, answer.getType());
-    EXPECT_STREQ("Invalid method name: 'frobnicate'", answer.what());
-
-    datacenter::DataCenterClient client(connection.protocol);
-    std::string response;
-    client.request(response, "again");
-    EXPECT_EQ("echo:again", response);
 }
 
 TEST_F(ServedTest, StopEndsOpenConnectionsAndFreesPort) {
