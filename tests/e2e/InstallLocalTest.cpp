@@ -1,11 +1,13 @@
 // Local installations through the installplugin binary, with real signed
-// packages, the stand-in plugin controller on PATH and a temporary root. The
+// packages, the stand-in plugin controller on PATH and a temporary root: what
+// a successful, a failed and a concurrent installation leave on disk. The
 // exact output and commands of each outcome are the golden cases of
-// InstallGoldenTest; these check what an installation leaves on disk.
+// InstallGoldenTest.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <boost/filesystem.hpp>
 
 #include "common/ApiErrorCode.h"
 #include "support/PackageFactory.h"
@@ -32,6 +34,21 @@ std::string simLog() {
 }
 std::string install(const std::string& args) {
     return testsupport::installOutcome(testsupport::runApp("installplugin", args).output);
+}
+
+// The command line of one installer run, for running two at once.
+std::string installCommand(const std::string& args) {
+    return "DATACENTER_INSTALLPLUGIN_DELAY_MS=0 DATACENTER_ROOT=" + testsupport::root() + " " +
+           testsupport::buildDir() + "/apps/installplugin " + args + " 2>/dev/null";
+}
+
+void failTheStartCommand(bool fail) {
+    const std::string path = underRoot("/sim/pluginControllor/b.exit");
+    if (fail) {
+        testsupport::writeFile(path, "1\n");
+    } else {
+        boost::filesystem::remove(path);
+    }
 }
 
 // The installer left a mark file that every process can open.
@@ -106,4 +123,55 @@ TEST(InstallLocal, UntrustedPackagesAndShellWordsInTheIdAreRefusedBeforeAnything
     EXPECT_FALSE(exists(testsupport::root() + "/pwned"));
     EXPECT_FALSE(exists(storeDir() + "hasUpdated"));
     EXPECT_EQ(std::string::npos, simLog().find("pluginControllor"));
+}
+
+TEST(InstallLocal, AFreshInstallFailingAtTheStartLeavesNothing) {
+    PackageFactory factory;
+    const std::string package = factory.build(PackageSpec(), "fresh");
+    failTheStartCommand(true);
+
+    EXPECT_EQ(0u, install("-k -f " + package).find("installplugin failed. code is "));
+
+    EXPECT_FALSE(exists(dataDir()));
+    EXPECT_FALSE(exists(storeDir() + kId + ".manifest"));
+    EXPECT_FALSE(exists(underRoot("/userdisk/appdata/local_install_tmp")));
+    EXPECT_FALSE(exists(underRoot("/userdisk/appdata/.install.journal")));
+    // The sandbox was unmounted before the tree went.
+    EXPECT_NE(std::string::npos, simLog().find("chroot_umout.sh " + dataDir() + "\n")) << simLog();
+
+    failTheStartCommand(false);
+    EXPECT_EQ("installplugin succeed!\n", install("-k -f " + package).substr(0, 23));
+}
+
+TEST(InstallLocal, AFailedUpgradeLeavesTheOldVersionRecordedAndDisabled) {
+    PackageFactory factory;
+    const std::string package = factory.build(PackageSpec(), "upgrade");
+    ASSERT_EQ(0u, install("-k -f " + package).find("installplugin succeed!"));
+    failTheStartCommand(true);
+
+    EXPECT_EQ(0u, install("-k -f " + package).find("installplugin failed. code is "));
+
+    EXPECT_NE(std::string::npos, readFile(storeDir() + kId + ".manifest").find("status = \"6\";"));
+    EXPECT_EQ("app", readFile(dataDir() + "bin/app"));
+    EXPECT_FALSE(exists(underRoot("/userdisk/appdata/.install.journal")));
+}
+
+TEST(InstallLocal, TwoInstallersStartedTogetherNeverWriteOverEachOther) {
+    PackageFactory factory;
+    const std::string package = factory.build(PackageSpec(), "together");
+    for (int round = 0; round < 3; ++round) {
+        const std::string first = underRoot("/first.out");
+        const std::string second = underRoot("/second.out");
+        testsupport::runCommand("(" + installCommand("-k -f " + package) + " >" + first + " & " +
+                                installCommand("-k -f " + package) + " >" + second + "; wait)");
+        const std::string a = testsupport::installOutcome(readFile(first));
+        const std::string b = testsupport::installOutcome(readFile(second));
+        // Each one either installs or is refused with 2506 before it writes.
+        for (const std::string& result : {a, b}) {
+            EXPECT_TRUE(result.find("installplugin succeed!") == 0 || result == "installplugin failed. code is 2506\n")
+                << result;
+        }
+        EXPECT_TRUE(a.find("succeed") != std::string::npos || b.find("succeed") != std::string::npos);
+        EXPECT_NE(std::string::npos, readFile(storeDir() + kId + ".manifest").find("status = \"5\";"));
+    }
 }

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -69,25 +68,15 @@ PluginInfo sampleRecord(const std::string& id) {
     return info;
 }
 
-// The fields a database row holds, one line each, for comparing two records whole.
-std::string stored(const PluginInfo& info) {
-    std::ostringstream text;
-    text << info.id << "\n"
-         << info.name << "\n"
-         << info.smallIcon << "\n"
-         << info.largeIcon << "\n"
-         << info.developer << "\n"
-         << info.version << "\n"
-         << info.introduction << "\n"
-         << info.status << "\n"
-         << info.capability << "\n"
-         << info.devId << "\n"
-         << info.title << "\n"
-         << info.rootPath << "\n"
-         << info.type << "\n"
-         << info.limitSize << "\n"
-         << info.controlUrl << "\n";
-    return text.str();
+// The fields a database row holds, for comparing two records whole.
+std::vector<std::string> stored(const PluginInfo& i) {
+    std::vector<std::string> row = {i.id,           i.name,  i.smallIcon, i.largeIcon, i.developer, i.version,
+                                    i.introduction, i.devId, i.title,     i.rootPath,  i.controlUrl};
+    for (const long long number : {static_cast<long long>(i.status), static_cast<long long>(i.capability),
+                                   static_cast<long long>(i.type), static_cast<long long>(i.limitSize)}) {
+        row.push_back(std::to_string(number));
+    }
+    return row;
 }
 
 }  // namespace
