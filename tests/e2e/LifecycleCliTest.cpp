@@ -1,30 +1,23 @@
-// The lifecycle through the operator's command line and on real processes:
-// plugincenter's new verbs and exit statuses, resource metrics of live
-// children, install progress after a failure, and the plugin controller
-// stand-in starting a binary below the plugin's directory.
+// The lifecycle through the operator's command line: plugincenter's verbs
+// and exit statuses, install progress after a failure, and the plugin
+// controller stand-in starting a binary below the plugin's directory.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <boost/filesystem.hpp>
 #include <chrono>
-#include <memory>
 #include <thread>
 
 #include "Plugin/PluginManager.h"
 #include "common/Singleton.h"
 #include "support/Golden.h"
 #include "support/PackageFactory.h"
-#include "support/SleepingChild.h"
 #include "support/TestSupport.h"
-#include "system/ConfigInfo.h"
 
 using testsupport::PackageFactory;
 using testsupport::PackageSpec;
 using testsupport::readFile;
 using testsupport::runApp;
-using testsupport::SleepingChild;
 using testsupport::underRoot;
 
 namespace {
@@ -71,38 +64,6 @@ TEST(PluginCenterCli, LifecycleVerbsAndTheirExitStatuses) {
     EXPECT_EQ(1, runApp("plugincenter", "uninstall " + kId).exitStatus);
 }
 
-TEST(PluginMetrics, OneRecordPerLiveChildFromTheRealTools) {
-    SleepingChild first;
-    SleepingChild second;
-    PluginManager* manager = Singleton<PluginManager>::instance();
-    datacenter::ConfigInfo::sGetInstance()->setConfigToFile(
-        PluginManager::sGetPluginPidConfig(), "pid_of_m",
-        std::to_string(first.pid()) + ";" + std::to_string(second.pid()));
-    std::vector<PidMetrics> metrics;
-    ASSERT_TRUE(manager->getPluginMetrics("m", metrics));
-    ASSERT_EQ(2u, metrics.size());
-    EXPECT_EQ(first.pid(), metrics[0].pid);
-    EXPECT_EQ(second.pid(), metrics[1].pid);
-    for (const PidMetrics& one : metrics) {
-        // A sleeping process reads and writes nothing; a column slip would
-        // put its pid here.
-        EXPECT_EQ(0, one.readKBPerSec) << one.pid;
-        EXPECT_EQ(0, one.writeKBPerSec) << one.pid;
-        EXPECT_GE(one.memPercent, 0);
-        EXPECT_LT(one.memPercent, 100);
-    }
-    datacenter::ConfigInfo::sGetInstance()->setConfigToFile(PluginManager::sGetPluginPidConfig(), "pid_of_m",
-                                                            std::to_string(first.pid()) + ";12345678901");
-    metrics.clear();
-    EXPECT_FALSE(manager->getPluginMetrics("m", metrics));
-    EXPECT_EQ(1u, metrics.size());
-    EXPECT_EQ(1, runApp("plugincenter", "metrics m").exitStatus);
-    datacenter::ConfigInfo::sGetInstance()->setConfigToFile(PluginManager::sGetPluginPidConfig(), "pid_of_m",
-                                                            std::to_string(first.pid()));
-    const std::string json = runApp("plugincenter", "metrics m --json").output;
-    EXPECT_NE(std::string::npos, json.find("\"pid\":" + std::to_string(first.pid()) + ",")) << json;
-}
-
 TEST(InstallProgress, AFailedInstallationIsWhatThePluginReportsUntilTheNextOne) {
     PackageFactory factory;
     PackageSpec spec;
@@ -133,17 +94,4 @@ TEST(PluginControllorStandIn, StartsABinaryBelowTheDataDirectoryAndRefusesOnesTh
     }
     ASSERT_TRUE(waitForFile(marker));
     EXPECT_EQ(dir.substr(0, dir.size() - 1) + "\n", readFile(marker));
-}
-
-TEST(PluginProcesses, OnlyPlainDecimalPidsAboveOneAreSignalled) {
-    SleepingChild victim;
-    const std::string pid = std::to_string(victim.pid());
-    PluginManager* manager = Singleton<PluginManager>::instance();
-    datacenter::ConfigInfo::sGetInstance()->setConfigToFile(PluginManager::sGetPluginPidConfig(), "pid_of_k",
-                                                            "+" + pid + ";-" + pid + "; " + pid + ";" + pid + " ;1");
-    std::unique_ptr<AbsPlugin> plugin(manager->createPlugin("k"));
-    plugin->killProcesses();
-    int status = 0;
-    EXPECT_EQ(0, waitpid(victim.pid(), &status, WNOHANG));
-    EXPECT_EQ(0, kill(victim.pid(), 0));
 }

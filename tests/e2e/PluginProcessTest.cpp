@@ -1,10 +1,13 @@
 // Plugin processes and files shared between processes, with real processes,
-// real sockets and the stand-in plugin controller on PATH.
+// real sockets, the real top/pidstat and the stand-in plugin controller on
+// PATH: which pids are signalled and how, resource metrics of live children,
+// control calls that time out, and configuration writers in two processes.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <memory>
 #include <thread>
 
 #include "Plugin/PluginManager.h"
@@ -15,6 +18,7 @@
 #include "system/ConfigInfo.h"
 #include "unit/Plugin/PluginTestSupport.h"
 
+using testsupport::runApp;
 using testsupport::SleepingChild;
 
 TEST(PluginProcesses, StopSendsTermThenKillToThoseThatIgnoreIt) {
@@ -47,6 +51,51 @@ TEST(PluginProcesses, AFailingStopCommandStillKillsTheProcessesAndKeepsTheStatus
     EXPECT_EQ(datacenter::ENABLED, status);
     const std::string log = testsupport::readFile(testsupport::underRoot("/tmp/sim-commands.log"));
     EXPECT_NE(std::string::npos, log.find("pluginControllor -k q\n"));
+}
+
+TEST(PluginProcesses, OnlyPlainDecimalPidsAboveOneAreSignalled) {
+    SleepingChild victim;
+    const std::string pid = std::to_string(victim.pid());
+    PluginManager* manager = Singleton<PluginManager>::instance();
+    datacenter::ConfigInfo::sGetInstance()->setConfigToFile(PluginManager::sGetPluginPidConfig(), "pid_of_k",
+                                                            "+" + pid + ";-" + pid + "; " + pid + ";" + pid + " ;1");
+    std::unique_ptr<AbsPlugin> plugin(manager->createPlugin("k"));
+    plugin->killProcesses();
+    int status = 0;
+    EXPECT_EQ(0, waitpid(victim.pid(), &status, WNOHANG));
+    EXPECT_EQ(0, kill(victim.pid(), 0));
+}
+
+TEST(PluginMetrics, OneRecordPerLiveChildFromTheRealTools) {
+    SleepingChild first;
+    SleepingChild second;
+    PluginManager* manager = Singleton<PluginManager>::instance();
+    datacenter::ConfigInfo::sGetInstance()->setConfigToFile(
+        PluginManager::sGetPluginPidConfig(), "pid_of_m",
+        std::to_string(first.pid()) + ";" + std::to_string(second.pid()));
+    std::vector<PidMetrics> metrics;
+    ASSERT_TRUE(manager->getPluginMetrics("m", metrics));
+    ASSERT_EQ(2u, metrics.size());
+    EXPECT_EQ(first.pid(), metrics[0].pid);
+    EXPECT_EQ(second.pid(), metrics[1].pid);
+    for (const PidMetrics& one : metrics) {
+        // A sleeping process reads and writes nothing; a column slip would
+        // put its pid here.
+        EXPECT_EQ(0, one.readKBPerSec) << one.pid;
+        EXPECT_EQ(0, one.writeKBPerSec) << one.pid;
+        EXPECT_GE(one.memPercent, 0);
+        EXPECT_LT(one.memPercent, 100);
+    }
+    datacenter::ConfigInfo::sGetInstance()->setConfigToFile(PluginManager::sGetPluginPidConfig(), "pid_of_m",
+                                                            std::to_string(first.pid()) + ";12345678901");
+    metrics.clear();
+    EXPECT_FALSE(manager->getPluginMetrics("m", metrics));
+    EXPECT_EQ(1u, metrics.size());
+    EXPECT_EQ(1, runApp("plugincenter", "metrics m").exitStatus);
+    datacenter::ConfigInfo::sGetInstance()->setConfigToFile(PluginManager::sGetPluginPidConfig(), "pid_of_m",
+                                                            std::to_string(first.pid()));
+    const std::string json = runApp("plugincenter", "metrics m --json").output;
+    EXPECT_NE(std::string::npos, json.find("\"pid\":" + std::to_string(first.pid()) + ",")) << json;
 }
 
 TEST(PluginControl, AServerThatNeverAnswersTimesOut) {
