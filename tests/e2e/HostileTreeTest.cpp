@@ -126,6 +126,8 @@ TEST(HostileCorpus, EveryArchiveIsRefusedWithItsCodeAndNothingOutsideChanges) {
     }
     EXPECT_EQ(19, cases);
     EXPECT_EQ("secret", readFile(underRoot("/bait/secret.txt")));
+    // The absolute entry names a place outside the test root as well.
+    EXPECT_FALSE(fs::exists("/tmp/slip4.txt"));
 }
 
 TEST(HostileCorpus, ArchivesFromZip7ZipAndBsdtarInstallWithTheirDirectories) {

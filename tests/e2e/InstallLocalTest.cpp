@@ -3,8 +3,11 @@
 // a successful, a failed and a concurrent installation leave on disk. The
 // exact output and commands of each outcome are the golden cases of
 // InstallGoldenTest.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <boost/filesystem.hpp>
@@ -154,6 +157,20 @@ TEST(InstallLocal, AFailedUpgradeLeavesTheOldVersionRecordedAndDisabled) {
     EXPECT_NE(std::string::npos, readFile(storeDir() + kId + ".manifest").find("status = \"6\";"));
     EXPECT_EQ("app", readFile(dataDir() + "bin/app"));
     EXPECT_FALSE(exists(underRoot("/userdisk/appdata/.install.journal")));
+}
+
+TEST(InstallLocal, AnInstallerInAnotherProcessGetsTheBusyCodeAtOnce) {
+    PackageFactory factory;
+    const std::string package = factory.build(PackageSpec(), "busy");
+    boost::filesystem::create_directories(underRoot("/userdisk/appdata"));
+    const int fd = ::open(underRoot("/userdisk/appdata/.install.lock").c_str(), O_RDWR | O_CREAT, 0600);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(0, flock(fd, LOCK_EX));
+    EXPECT_EQ("installplugin failed. code is 2506\n", install("-k -f " + package));
+    EXPECT_FALSE(exists(dataDir()));
+    EXPECT_TRUE(exists(package));
+    ::close(fd);
+    EXPECT_EQ(0u, install("-k -f " + package).find("installplugin succeed!"));
 }
 
 TEST(InstallLocal, TwoInstallersStartedTogetherNeverWriteOverEachOther) {

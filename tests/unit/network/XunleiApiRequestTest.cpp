@@ -93,7 +93,6 @@ TEST_F(XunleiApiRequestTest, TransportFailuresHaveTheirOwnCodes) {
     EXPECT_EQ(2014, getCode("stall"));
     XunleiApiRequest::sGetTimeoutSeconds_ = 5;
 
-    const std::string url = server_.url("/");
     server_.stop();
     EXPECT_EQ(2015, getCode("unbind"));
 }
