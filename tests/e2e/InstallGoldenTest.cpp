@@ -17,8 +17,10 @@ using testsupport::underRoot;
 
 namespace {
 
-// Exit status, standard output and the stand-ins' command log of one run.
+// Exit status, standard output and the stand-ins' command log of one run;
+// the log is started afresh for it.
 std::string installRun(const std::string& args) {
+    boost::filesystem::remove(underRoot("/tmp/sim-commands.log"));
     const testsupport::CommandResult result = testsupport::runApp("installplugin", args);
     const std::string log = underRoot("/tmp/sim-commands.log");
     const std::string commands = boost::filesystem::exists(log) ? testsupport::readFile(log) : std::string();
@@ -27,11 +29,8 @@ std::string installRun(const std::string& args) {
 }
 
 // A run with the package made by `factory` from `spec`.
-std::string installPackage(PackageFactory& factory, const PackageSpec& spec, const std::string& extraArgs = "") {
-    const std::string package = factory.build(spec, "golden");
-    // Building the package runs no stand-in, but start the log afresh anyway.
-    boost::filesystem::remove(underRoot("/tmp/sim-commands.log"));
-    return installRun("-f " + package + extraArgs);
+std::string installPackage(PackageFactory& factory, const PackageSpec& spec) {
+    return installRun("-f " + factory.build(spec, "golden"));
 }
 
 }  // namespace
@@ -80,9 +79,8 @@ TEST(InstallGolden, PayloadThatIsNoArchive) {
     PackageFactory factory;
     const std::string junk = testsupport::root() + "/junk.zip";
     testsupport::writeFile(junk, "this is not a zip archive");
-    const std::string package = factory.sign(junk, 0, "developer", "junk");
-    boost::filesystem::remove(underRoot("/tmp/sim-commands.log"));
-    EXPECT_GOLDEN("install/fail-get-package-not-an-archive", installRun("-f " + package));
+    EXPECT_GOLDEN("install/fail-get-package-not-an-archive",
+                  installRun("-f " + factory.sign(junk, 0, "developer", "junk")));
 }
 
 TEST(InstallGolden, ArchiveEntryThatClimbsOut) {
@@ -90,7 +88,6 @@ TEST(InstallGolden, ArchiveEntryThatClimbsOut) {
     const std::string manifest = PackageFactory::manifestText(PackageSpec());
     const std::string package = factory.sign(
         factory.rawZip({{"manifest", manifest}, {"../escape.txt", "x"}}, {}, "climb"), 0, "developer", "climb");
-    boost::filesystem::remove(underRoot("/tmp/sim-commands.log"));
     EXPECT_GOLDEN("install/fail-unzip", installRun("-f " + package));
 }
 

@@ -98,7 +98,7 @@ TEST(ConfigRepair, AFileWithEveryLineDamagedEndsUpEmpty) {
     config->fixDamagedFile(path);
     EXPECT_EQ("\n", readFile(path));
     config->fixDamagedFile(path + ".missing");
-    EXPECT_FALSE(testsupport::runCommand("test -e " + path + ".missing").exitStatus == 0);
+    EXPECT_FALSE(testsupport::exists(path + ".missing"));
 }
 
 TEST(ConfigStartUp, CreatesTheConfigurationRootAndClearsStaleCaches) {
@@ -106,9 +106,8 @@ TEST(ConfigStartUp, CreatesTheConfigurationRootAndClearsStaleCaches) {
     writeFile(testsupport::underRoot("/userdisk/.thumbnails/t.png"), "x");
     writeFile(testsupport::underRoot("/userdisk/data/keep"), "x");
     ConfigInfo::sGetInstance();
-    EXPECT_FALSE(testsupport::runCommand("test -e " + testsupport::underRoot("/userdisk/datacenterConfig/DataBase"))
-                     .exitStatus == 0);
-    EXPECT_FALSE(testsupport::runCommand("test -e " + testsupport::underRoot("/userdisk/.thumbnails")).exitStatus == 0);
+    EXPECT_FALSE(testsupport::exists(testsupport::underRoot("/userdisk/datacenterConfig/DataBase")));
+    EXPECT_FALSE(testsupport::exists(testsupport::underRoot("/userdisk/.thumbnails")));
     EXPECT_EQ("x", readFile(testsupport::underRoot("/userdisk/data/keep")));
 }
 
