@@ -74,9 +74,7 @@ TEST_F(CurlDownloaderTest, NoContentUnwritableTargetTimeoutAndRefusalFailOnce) {
     testsupport::writeFile(target_, "old content");
     server_.route("/empty", HttpResponse::text(204, ""));
     server_.route("/stall", HttpResponse::stalled());
-    HttpTestServer gone;
-    const std::string refused = gone.url("/file");
-    gone.stop();
+    const std::string refused = "http://127.0.0.1:" + std::to_string(testsupport::closedLoopbackPort()) + "/file";
     const std::vector<std::pair<std::string, std::string>> cases = {{server_.url("/empty"), target_},
                                                                     {server_.url("/file"), target_ + "/missing/file"},
                                                                     {server_.url("/stall"), target_},

@@ -1,23 +1,12 @@
 #include <gtest/gtest.h>
 
 #include "support/HttpTestServer.h"
+#include "support/TestSupport.h"
 #include "system/WebRequest.h"
 
 using testsupport::HttpRequest;
 using testsupport::HttpResponse;
 using testsupport::HttpTestServer;
-
-namespace {
-
-// A loopback port where nothing listens: a server is started and stopped.
-int closedPort() {
-    HttpTestServer server;
-    const int port = server.port();
-    server.stop();
-    return port;
-}
-
-}  // namespace
 
 TEST(WebRequestEncodingTest, EncodesReservedBytesAndSpaces) {
     EXPECT_EQ("a+b%26c", WebRequest::urlencode("a b&c"));
@@ -54,7 +43,8 @@ TEST(WebRequestTransferTest, GetReportsTimeoutAndRefusedConnection) {
     server.route("/stall", HttpResponse::stalled());
     std::string response;
     EXPECT_EQ(28, WebRequest::Get(server.url("/stall"), response, 1));
-    EXPECT_EQ(7, WebRequest::Get("http://127.0.0.1:" + std::to_string(closedPort()) + "/", response, 1));
+    EXPECT_EQ(
+        7, WebRequest::Get("http://127.0.0.1:" + std::to_string(testsupport::closedLoopbackPort()) + "/", response, 1));
 }
 
 TEST(WebRequestTransferTest, PostSendsBodyAndContentTypeAndAppends) {
