@@ -105,30 +105,43 @@ void installTime(const Members& root, int32_t& field) {
     field = static_cast<int32_t>(seconds < low ? low : (seconds > high ? high : seconds));
 }
 
-// Fills the record from a parsed manifest, in the store's fixed key order.
+// The plain text fields of a manifest and where each goes in the record.
+struct TextField {
+    const char* key;
+    std::string PluginInfo::*member;
+};
+
+const TextField kTextFields[] = {
+    {"name", &PluginInfo::name},
+    {"small_icon", &PluginInfo::smallIcon},
+    {"large_icon", &PluginInfo::largeIcon},
+    {"developer", &PluginInfo::developer},
+    {"dev_id", &PluginInfo::devId},
+    {"version", &PluginInfo::version},
+    {"introduction", &PluginInfo::introduction},
+    {"control_url", &PluginInfo::controlUrl},
+    {"supported_rom_version", &PluginInfo::supportedRomVersion},
+    {"binary_name", &PluginInfo::binaryName},
+    {"market_icon", &PluginInfo::marketIcon},
+    {"installed_icon", &PluginInfo::installedIcon},
+    {"detail_image", &PluginInfo::detailImage},
+    {"authorize_id", &PluginInfo::authorizeId},
+};
+
+// Fills the record from a parsed manifest. Reading a text field cannot
+// fail, so the numbers, which can, come after all of them.
 void fillRecord(const Members& root, PluginInfo& info) {
-    info.name = text(root, "name");
-    info.smallIcon = text(root, "small_icon");
-    info.largeIcon = text(root, "large_icon");
-    info.developer = text(root, "developer");
-    info.devId = text(root, "dev_id");
-    info.version = text(root, "version");
-    info.introduction = text(root, "introduction");
-    info.controlUrl = text(root, "control_url");
-    info.supportedRomVersion = text(root, "supported_rom_version");
+    for (const TextField& field : kTextFields) {
+        info.*field.member = text(root, field.key);
+    }
     info.sdkToken = text(root, PluginStorageManager::sManifestSdkTokenKey.c_str());
+    info.capabilityList = list(root, "capability_list");
+    info.modelList = list(root, "model_list");
     if (info.id != kWelcomePluginId) {
         number(root, PluginStorageManager::sManifestStatusKey.c_str(), info.status);
     }
     number(root, "use_status", info.useStatus);
-    info.binaryName = text(root, "binary_name");
     number(root, "sdk_level", info.sdkLevel);
-    info.capabilityList = list(root, "capability_list");
-    info.modelList = list(root, "model_list");
-    info.marketIcon = text(root, "market_icon");
-    info.installedIcon = text(root, "installed_icon");
-    info.detailImage = text(root, "detail_image");
-    info.authorizeId = text(root, "authorize_id");
     installTime(root, info.installTime);
 }
 

@@ -15,6 +15,7 @@
 #include "support/PackageFactory.h"
 #include "support/TestSupport.h"
 
+using testsupport::exists;
 using testsupport::underRoot;
 
 namespace {
@@ -23,10 +24,6 @@ const std::string kId = "5017400000000000600";
 const std::vector<std::string> kSteps = {
     "getPackage",     "changeStatusBeforeInstall", "verifySign",        "unzipFile",      "checkPackage",
     "installPackage", "changePluginStatus",        "savePluginPackage", "RecordInitFiles"};
-
-bool exists(const std::string& path) {
-    return boost::filesystem::exists(boost::filesystem::symlink_status(path));
-}
 
 std::string appdata() {
     return underRoot("/userdisk/appdata/");
@@ -73,9 +70,7 @@ void installAndKill(const std::string& package, const std::string& step, int pau
 }
 
 std::string run(const std::string& program, const std::string& args) {
-    return testsupport::runCommand(environment() + testsupport::buildDir() + "/apps/" + program + " " + args +
-                                   " 2>/dev/null")
-        .output;
+    return testsupport::runApp(program, args).output;
 }
 
 // What a restarted core must have cleaned; "" when all is well.

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <boost/filesystem.hpp>
+#include <chrono>
 
 #include "support/Golden.h"
 #include "support/PackageFactory.h"
@@ -16,11 +17,11 @@ using testsupport::underRoot;
 
 namespace {
 
-// Exit status, standard output and the stand-ins' command log of one run.
+// Exit status, standard output and the stand-ins' command log of one run;
+// the log is started afresh for it.
 std::string installRun(const std::string& args) {
-    const testsupport::CommandResult result =
-        testsupport::runCommand("DATACENTER_INSTALLPLUGIN_DELAY_MS=0 DATACENTER_ROOT=" + testsupport::root() + " " +
-                                testsupport::buildDir() + "/apps/installplugin " + args + " 2>/dev/null");
+    boost::filesystem::remove(underRoot("/tmp/sim-commands.log"));
+    const testsupport::CommandResult result = testsupport::runApp("installplugin", args);
     const std::string log = underRoot("/tmp/sim-commands.log");
     const std::string commands = boost::filesystem::exists(log) ? testsupport::readFile(log) : std::string();
     return "## exit status " + std::to_string(result.exitStatus) + "\n## standard output\n" + result.output +
@@ -28,11 +29,8 @@ std::string installRun(const std::string& args) {
 }
 
 // A run with the package made by `factory` from `spec`.
-std::string installPackage(PackageFactory& factory, const PackageSpec& spec, const std::string& extraArgs = "") {
-    const std::string package = factory.build(spec, "golden");
-    // Building the package runs no stand-in, but start the log afresh anyway.
-    boost::filesystem::remove(underRoot("/tmp/sim-commands.log"));
-    return installRun("-f " + package + extraArgs);
+std::string installPackage(PackageFactory& factory, const PackageSpec& spec) {
+    return installRun("-f " + factory.build(spec, "golden"));
 }
 
 }  // namespace
@@ -47,7 +45,14 @@ TEST(InstallGolden, Success) {
 }
 
 TEST(InstallGolden, NoPackagePath) {
+    // The data directory of an empty id is the root of all plugins: nothing of it may go.
+    const std::string root = testsupport::root();
+    testsupport::writeFile(root + "/a/file", "one");
+    testsupport::writeFile(root + "/b/c/file", "two");
+    const std::string before = testsupport::runCommand("cd " + root + " && find a b | sort").output;
     EXPECT_GOLDEN("install/fail-no-path", installRun("-u"));
+    EXPECT_EQ(before, testsupport::runCommand("cd " + root + " && find a b | sort").output);
+    EXPECT_EQ("two", testsupport::readFile(root + "/b/c/file"));
 }
 
 TEST(InstallGolden, MissingPackageFile) {
@@ -74,9 +79,8 @@ TEST(InstallGolden, PayloadThatIsNoArchive) {
     PackageFactory factory;
     const std::string junk = testsupport::root() + "/junk.zip";
     testsupport::writeFile(junk, "this is not a zip archive");
-    const std::string package = factory.sign(junk, 0, "developer", "junk");
-    boost::filesystem::remove(underRoot("/tmp/sim-commands.log"));
-    EXPECT_GOLDEN("install/fail-get-package-not-an-archive", installRun("-f " + package));
+    EXPECT_GOLDEN("install/fail-get-package-not-an-archive",
+                  installRun("-f " + factory.sign(junk, 0, "developer", "junk")));
 }
 
 TEST(InstallGolden, ArchiveEntryThatClimbsOut) {
@@ -84,7 +88,6 @@ TEST(InstallGolden, ArchiveEntryThatClimbsOut) {
     const std::string manifest = PackageFactory::manifestText(PackageSpec());
     const std::string package = factory.sign(
         factory.rawZip({{"manifest", manifest}, {"../escape.txt", "x"}}, {}, "climb"), 0, "developer", "climb");
-    boost::filesystem::remove(underRoot("/tmp/sim-commands.log"));
     EXPECT_GOLDEN("install/fail-unzip", installRun("-f " + package));
 }
 
@@ -111,7 +114,14 @@ TEST(InstallGolden, StartRefusedByTheController) {
 TEST(InstallGolden, ReinstallStopsTheInstalledVersionFirst) {
     PackageFactory factory;
     const std::string package = factory.build(PackageSpec(), "first");
-    testsupport::runCommand("DATACENTER_INSTALLPLUGIN_DELAY_MS=0 DATACENTER_ROOT=" + testsupport::root() + " " +
-                            testsupport::buildDir() + "/apps/installplugin -f " + package + " >/dev/null 2>&1");
+    testsupport::runApp("installplugin", "-f " + package);
     EXPECT_GOLDEN("install/success-reinstall", installPackage(factory, PackageSpec()));
+}
+
+TEST(InstallCli, WaitsTwoSecondsBeforeAnythingByDefault) {
+    const auto start = std::chrono::steady_clock::now();
+    testsupport::runCommand("DATACENTER_ROOT=" + testsupport::root() + " " + testsupport::buildDir() +
+                            "/apps/installplugin -s >/dev/null 2>&1");
+    // A lower bound only: the start-up delay must not be skipped on a router.
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1900));
 }

@@ -1,33 +1,33 @@
 // Local installations through the installplugin binary, with real signed
-// packages, the stand-in plugin controller on PATH and a temporary root.
+// packages, the stand-in plugin controller on PATH and a temporary root: what
+// a successful, a failed and a concurrent installation leave on disk. The
+// exact output and commands of each outcome are the golden cases of
+// InstallGoldenTest.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <boost/filesystem.hpp>
-#include <sstream>
 
 #include "common/ApiErrorCode.h"
 #include "support/PackageFactory.h"
 #include "support/TestSupport.h"
 
+using testsupport::exists;
 using testsupport::PackageFactory;
 using testsupport::PackageSpec;
 using testsupport::readFile;
-using testsupport::readLines;
 using testsupport::underRoot;
 
 namespace {
 
 const std::string kId = "5017400000000000100";
 
-testsupport::CommandResult installplugin(const std::string& args) {
-    return testsupport::runCommand("DATACENTER_INSTALLPLUGIN_DELAY_MS=0 DATACENTER_ROOT=" + testsupport::root() + " " +
-                                   testsupport::buildDir() + "/apps/installplugin " + args + " 2>/dev/null");
-}
-
-std::string dataDir(const std::string& id = kId) {
-    return underRoot("/userdisk/appdata/") + id + "/";
+std::string dataDir() {
+    return underRoot("/userdisk/appdata/") + kId + "/";
 }
 std::string storeDir() {
     return underRoot("/userdisk/appdata//app_infos/");
@@ -35,32 +35,30 @@ std::string storeDir() {
 std::string simLog() {
     return readFile(underRoot("/tmp/sim-commands.log"));
 }
-bool exists(const std::string& path) {
-    return boost::filesystem::exists(boost::filesystem::symlink_status(path));
+std::string install(const std::string& args) {
+    return testsupport::installOutcome(testsupport::runApp("installplugin", args).output);
 }
 
-std::vector<std::string> stepNames(const std::string& output) {
-    static const std::vector<std::string> known = {
-        "getPackage",     "changeStatusBeforeInstall", "verifySign",        "unzipFile",      "checkPackage",
-        "installPackage", "changePluginStatus",        "savePluginPackage", "RecordInitFiles"};
-    std::vector<std::string> steps;
-    std::istringstream lines(output);
-    for (std::string line; std::getline(lines, line);) {
-        if (std::find(known.begin(), known.end(), line) != known.end()) {
-            steps.push_back(line);
-        }
+// The command line of one installer run, for running two at once.
+std::string installCommand(const std::string& args) {
+    return "DATACENTER_INSTALLPLUGIN_DELAY_MS=0 DATACENTER_ROOT=" + testsupport::root() + " " +
+           testsupport::buildDir() + "/apps/installplugin " + args + " 2>/dev/null";
+}
+
+void failTheStartCommand(bool fail) {
+    const std::string path = underRoot("/sim/pluginControllor/b.exit");
+    if (fail) {
+        testsupport::writeFile(path, "1\n");
+    } else {
+        boost::filesystem::remove(path);
     }
-    return steps;
 }
 
-std::string failureLine(ApiErrorCode code) {
-    return "installplugin failed. code is " + std::to_string(code) + "\n";
-}
-
-// The installer's last line (the steps print before it).
-std::string outcome(const testsupport::CommandResult& result) {
-    const std::string::size_type last = result.output.rfind("installplugin");
-    return last == std::string::npos ? result.output : result.output.substr(last);
+// The installer left a mark file that every process can open.
+void expectOpenMark() {
+    struct stat mark;
+    ASSERT_EQ(0, stat((storeDir() + "hasUpdated").c_str(), &mark));
+    EXPECT_EQ(0777u, mark.st_mode & 0777);
 }
 
 }  // namespace
@@ -70,35 +68,22 @@ TEST(InstallLocal, InstallsRecordsStartsAndMarksTheStoreUpdated) {
     PackageSpec spec;
     spec.files["proc/self"] = "sandbox mount point";
     const std::string package = factory.build(spec, "hello");
+    ASSERT_EQ(0u, install("-f " + package).find("installplugin succeed!"));
 
-    const testsupport::CommandResult result = installplugin("-f " + package);
-    EXPECT_EQ(0, result.exitStatus);
-    EXPECT_EQ(
-        (std::vector<std::string>{"getPackage", "changeStatusBeforeInstall", "verifySign", "unzipFile", "checkPackage",
-                                  "installPackage", "changePluginStatus", "savePluginPackage", "RecordInitFiles"}),
-        stepNames(result.output));
-    EXPECT_NE(std::string::npos,
-              result.output.find("installplugin succeed!\nupdate mark file " + storeDir() + "hasUpdated\n"));
-
-    // The store knows the plugin, enabled; the controller started it.
-    const std::string stored = readFile(storeDir() + kId + ".manifest");
-    EXPECT_NE(std::string::npos, stored.find("status = \"5\";"));
-    EXPECT_NE(std::string::npos, simLog().find("pluginControllor -b " + kId + "\n"));
-    struct stat mark;
-    ASSERT_EQ(0, stat((storeDir() + "hasUpdated").c_str(), &mark));
-    EXPECT_EQ(0777u, mark.st_mode & 0777);
+    // The store knows the plugin, enabled.
+    EXPECT_NE(std::string::npos, readFile(storeDir() + kId + ".manifest").find("status = \"5\";"));
+    expectOpenMark();
 
     // The plugin's files and its token.
     EXPECT_EQ("app", readFile(dataDir() + "bin/app"));
     const std::string manifest = readFile(dataDir() + "etc/manifest");
     const std::string::size_type token = manifest.find("sdk_token = \"");
     ASSERT_NE(std::string::npos, token);
-    const std::string value = manifest.substr(token + 13, 32);
-    EXPECT_EQ(std::string::npos, value.find_first_not_of("0123456789ABCDEF"));
+    EXPECT_EQ(std::string::npos, manifest.substr(token + 13, 32).find_first_not_of("0123456789ABCDEF"));
     EXPECT_EQ('"', manifest[token + 13 + 32]);
 
     // The file record: the data directory first, its own path last, no sandbox mount point.
-    const std::vector<std::string> record = readLines(dataDir() + "init_files.record");
+    const std::vector<std::string> record = testsupport::readLines(dataDir() + "init_files.record");
     ASSERT_GE(record.size(), 3u);
     EXPECT_EQ(dataDir(), record.front());
     EXPECT_EQ(dataDir() + "init_files.record", record.back());
@@ -114,74 +99,96 @@ TEST(InstallLocal, InstallsRecordsStartsAndMarksTheStoreUpdated) {
 TEST(InstallLocal, KeepFlagKeepsThePackageAndAReinstallKeepsTheMarkFile) {
     PackageFactory factory;
     const std::string package = factory.build(PackageSpec(), "keep");
-    ASSERT_EQ(0, installplugin("-f " + package + " -k").exitStatus);
+    ASSERT_EQ(0u, install("-f " + package + " -k").find("installplugin succeed!"));
     EXPECT_TRUE(exists(package));
     testsupport::writeFile(storeDir() + "hasUpdated", "seen");
 
-    const testsupport::CommandResult again = installplugin("-k -f " + package);
-    EXPECT_NE(std::string::npos, again.output.find("installplugin succeed!")) << again.output;
-    EXPECT_TRUE(exists(package));
     // The installation itself reloads the store, which consumes the old mark;
-    // the installer leaves a fresh one that every process can open.
-    struct stat mark;
-    ASSERT_EQ(0, stat((storeDir() + "hasUpdated").c_str(), &mark));
-    EXPECT_EQ(0777u, mark.st_mode & 0777);
-    // The reinstallation stopped the installed version before replacing it.
-    EXPECT_NE(std::string::npos, simLog().find("pluginControllor -k " + kId + "\n"));
+    // the installer leaves a fresh one.
+    EXPECT_EQ(0u, install("-k -f " + package).find("installplugin succeed!"));
+    EXPECT_TRUE(exists(package));
+    expectOpenMark();
 }
 
-TEST(InstallLocal, PackagesThatFailTheChecksReportTheirCodes) {
+TEST(InstallLocal, UntrustedPackagesAndShellWordsInTheIdAreRefusedBeforeAnythingRuns) {
     PackageFactory factory;
-    struct Case {
-        const char* name;
-        std::string key;
-        std::string value;
-        ApiErrorCode code;
-    };
-    const std::vector<Case> cases = {
-        {"sdk", "sdk_level", "99", API_SDK_LEVEL_TOO_LOW},
-        {"romtype", "supported_rom", "", API_FIRMWARE_TYPE_UNSUPPORTED},
-        {"romtype2", "supported_rom", "other_rom", API_FIRMWARE_TYPE_UNSUPPORTED},
-        {"romversion", "supported_rom_version", "2.5.0", API_FIRMWARE_TOO_OLD},
-    };
-    for (const Case& c : cases) {
-        PackageSpec spec;
-        spec.id = std::string("50174000000000002") + std::to_string(&c - &cases[0]);
-        spec.manifest[c.key] = c.value;
-        const testsupport::CommandResult result = installplugin("-f " + factory.build(spec, c.name));
-        EXPECT_EQ(failureLine(c.code), outcome(result)) << c.name;
-        EXPECT_FALSE(exists(storeDir() + "hasUpdated")) << c.name;
-    }
-    PackageSpec passes;
-    passes.id = "5017400000000000300";
-    passes.manifest["supported_rom_version"] = "2.4.10";
-    EXPECT_NE(std::string::npos,
-              installplugin("-f " + factory.build(passes, "romok")).output.find("installplugin succeed!"));
-}
-
-TEST(InstallLocal, TamperedUntrustedAndIdLessPackagesAreRefusedBeforeAnythingRuns) {
-    PackageFactory factory;
-    const std::string good = factory.build(PackageSpec(), "tamper");
-    std::string bytes = readFile(good);
-    bytes[bytes.size() / 3] ^= 0x01;
-    const std::string tampered = testsupport::root() + "/tampered.qpk";
-    testsupport::writeFile(tampered, bytes);
-    EXPECT_EQ(failureLine(API_VERIFY_SIGN_FAILED), outcome(installplugin("-f " + tampered + " -k")));
-    EXPECT_TRUE(exists(tampered));
-
     PackageSpec untrusted;
     untrusted.signer = "untrusted";
-    EXPECT_EQ(failureLine(API_VERIFY_SIGN_FAILED),
-              outcome(installplugin("-f " + factory.build(untrusted, "untrusted"))));
-
-    PackageSpec noId;
-    noId.id = "";
-    EXPECT_EQ(failureLine(API_GET_PACKAGE_FAILED), outcome(installplugin("-f " + factory.build(noId, "noid"))));
+    const std::string refused = factory.build(untrusted, "untrusted");
+    EXPECT_EQ("installplugin failed. code is " + std::to_string(API_VERIFY_SIGN_FAILED) + "\n",
+              install("-f " + refused + " -k"));
+    EXPECT_TRUE(exists(refused));
 
     PackageSpec hostile;
     hostile.id = "x;touch " + testsupport::root() + "/pwned";
-    const testsupport::CommandResult result = installplugin("-f " + factory.build(hostile, "hostile"));
-    EXPECT_EQ(failureLine(API_GET_PACKAGE_FAILED), outcome(result));
+    EXPECT_EQ("installplugin failed. code is " + std::to_string(API_GET_PACKAGE_FAILED) + "\n",
+              install("-f " + factory.build(hostile, "hostile")));
     EXPECT_FALSE(exists(testsupport::root() + "/pwned"));
+    EXPECT_FALSE(exists(storeDir() + "hasUpdated"));
     EXPECT_EQ(std::string::npos, simLog().find("pluginControllor"));
+}
+
+TEST(InstallLocal, AFreshInstallFailingAtTheStartLeavesNothing) {
+    PackageFactory factory;
+    const std::string package = factory.build(PackageSpec(), "fresh");
+    failTheStartCommand(true);
+
+    EXPECT_EQ(0u, install("-k -f " + package).find("installplugin failed. code is "));
+
+    EXPECT_FALSE(exists(dataDir()));
+    EXPECT_FALSE(exists(storeDir() + kId + ".manifest"));
+    EXPECT_FALSE(exists(underRoot("/userdisk/appdata/local_install_tmp")));
+    EXPECT_FALSE(exists(underRoot("/userdisk/appdata/.install.journal")));
+    // The sandbox was unmounted before the tree went.
+    EXPECT_NE(std::string::npos, simLog().find("chroot_umout.sh " + dataDir() + "\n")) << simLog();
+
+    failTheStartCommand(false);
+    EXPECT_EQ("installplugin succeed!\n", install("-k -f " + package).substr(0, 23));
+}
+
+TEST(InstallLocal, AFailedUpgradeLeavesTheOldVersionRecordedAndDisabled) {
+    PackageFactory factory;
+    const std::string package = factory.build(PackageSpec(), "upgrade");
+    ASSERT_EQ(0u, install("-k -f " + package).find("installplugin succeed!"));
+    failTheStartCommand(true);
+
+    EXPECT_EQ(0u, install("-k -f " + package).find("installplugin failed. code is "));
+
+    EXPECT_NE(std::string::npos, readFile(storeDir() + kId + ".manifest").find("status = \"6\";"));
+    EXPECT_EQ("app", readFile(dataDir() + "bin/app"));
+    EXPECT_FALSE(exists(underRoot("/userdisk/appdata/.install.journal")));
+}
+
+TEST(InstallLocal, AnInstallerInAnotherProcessGetsTheBusyCodeAtOnce) {
+    PackageFactory factory;
+    const std::string package = factory.build(PackageSpec(), "busy");
+    boost::filesystem::create_directories(underRoot("/userdisk/appdata"));
+    const int fd = ::open(underRoot("/userdisk/appdata/.install.lock").c_str(), O_RDWR | O_CREAT, 0600);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(0, flock(fd, LOCK_EX));
+    EXPECT_EQ("installplugin failed. code is 2506\n", install("-k -f " + package));
+    EXPECT_FALSE(exists(dataDir()));
+    EXPECT_TRUE(exists(package));
+    ::close(fd);
+    EXPECT_EQ(0u, install("-k -f " + package).find("installplugin succeed!"));
+}
+
+TEST(InstallLocal, TwoInstallersStartedTogetherNeverWriteOverEachOther) {
+    PackageFactory factory;
+    const std::string package = factory.build(PackageSpec(), "together");
+    for (int round = 0; round < 3; ++round) {
+        const std::string first = underRoot("/first.out");
+        const std::string second = underRoot("/second.out");
+        testsupport::runCommand("(" + installCommand("-k -f " + package) + " >" + first + " & " +
+                                installCommand("-k -f " + package) + " >" + second + "; wait)");
+        const std::string a = testsupport::installOutcome(readFile(first));
+        const std::string b = testsupport::installOutcome(readFile(second));
+        // Each one either installs or is refused with 2506 before it writes.
+        for (const std::string& result : {a, b}) {
+            EXPECT_TRUE(result.find("installplugin succeed!") == 0 || result == "installplugin failed. code is 2506\n")
+                << result;
+        }
+        EXPECT_TRUE(a.find("succeed") != std::string::npos || b.find("succeed") != std::string::npos);
+        EXPECT_NE(std::string::npos, readFile(storeDir() + kId + ".manifest").find("status = \"5\";"));
+    }
 }

@@ -1,64 +1,28 @@
-// The lifecycle through the operator's command line and on real processes:
-// plugincenter's new verbs and exit statuses, resource metrics of live
-// children, install progress after a failure, and the plugin controller
-// stand-in starting a binary below the plugin's directory.
+// The lifecycle through the operator's command line: plugincenter's verbs
+// and exit statuses, install progress after a failure, and the plugin
+// controller stand-in starting a binary below the plugin's directory.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <boost/filesystem.hpp>
 #include <chrono>
-#include <memory>
 #include <thread>
 
 #include "Plugin/PluginManager.h"
 #include "common/Singleton.h"
+#include "support/Golden.h"
 #include "support/PackageFactory.h"
 #include "support/TestSupport.h"
-#include "system/ConfigInfo.h"
 
 using testsupport::PackageFactory;
 using testsupport::PackageSpec;
 using testsupport::readFile;
+using testsupport::runApp;
 using testsupport::underRoot;
 
 namespace {
 
 const std::string kId = "5017400000000000100";
-
-testsupport::CommandResult tool(const std::string& name, const std::string& args, bool withErrors = false) {
-    return testsupport::runCommand("DATACENTER_INSTALLPLUGIN_DELAY_MS=0 DATACENTER_ROOT=" + testsupport::root() + " " +
-                                   testsupport::buildDir() + "/apps/" + name + " " + args +
-                                   (withErrors ? " 2>&1" : " 2>/dev/null"));
-}
-
-std::string golden(const std::string& name) {
-    return readFile(testsupport::sourceDir() + "/tests/data/lifecycle/" + name);
-}
-
-// A child that sleeps until killed, leader of its own process group; reaped
-// when the object goes.
-class Sleeper {
-public:
-    Sleeper() {
-        pid_ = fork();
-        if (pid_ == 0) {
-            setpgid(0, 0);  // its own process group, so that kill(-pid) would reach it
-            execlp("sleep", "sleep", "60", static_cast<char*>(nullptr));
-            _exit(127);
-        }
-    }
-    ~Sleeper() {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-    }
-    pid_t pid() const { return pid_; }
-
-private:
-    pid_t pid_ = -1;
-};
 
 bool waitForFile(const std::string& path) {
     for (int i = 0; i < 200 && !boost::filesystem::exists(path); ++i) {
@@ -71,69 +35,33 @@ bool waitForFile(const std::string& path) {
 
 TEST(PluginCenterCli, LifecycleVerbsAndTheirExitStatuses) {
     PackageFactory factory;
-    ASSERT_EQ(0, tool("installplugin", "-f " + factory.build(PackageSpec(), "cli")).exitStatus);
-    EXPECT_EQ(golden("plugincenter-capabilities.expected"), tool("plugincenter", "capabilities").output);
-    const std::string all = tool("plugincenter", "capabilities --all").output;
-    EXPECT_EQ(10, std::count(all.begin(), all.end(), '\n'));
+    ASSERT_EQ(0, runApp("installplugin", "-f " + factory.build(PackageSpec(), "cli")).exitStatus);
+    EXPECT_GOLDEN("lifecycle/plugincenter-capabilities", runApp("plugincenter", "capabilities").output);
+    EXPECT_GOLDEN("lifecycle/plugincenter-capabilities-all", runApp("plugincenter", "capabilities --all").output);
 
     for (const char* verb : {"list", "info", "install", "install-url", "install-server", "uninstall", "clean", "enable",
                              "disable", "control", "config", "metrics", "progress", "capabilities"}) {
-        const testsupport::CommandResult help = tool("plugincenter", std::string(verb) + " --help");
+        const testsupport::CommandResult help = runApp("plugincenter", std::string(verb) + " --help");
         EXPECT_EQ(0, help.exitStatus) << verb;
         EXPECT_EQ(0u, help.output.rfind(std::string("usage: plugincenter ") + verb, 0)) << verb;
     }
     for (const char* bad :
          {"uninstall", "clean a b", "metrics", "metrics a --yaml", "progress", "capabilities -x", "nonsense"}) {
-        EXPECT_EQ(2, tool("plugincenter", bad).exitStatus) << bad;
+        EXPECT_EQ(2, runApp("plugincenter", bad).exitStatus) << bad;
     }
 
-    const testsupport::CommandResult refused = tool("plugincenter", "uninstall 5017400000000000008", true);
+    const testsupport::CommandResult refused = runApp("plugincenter", "uninstall 5017400000000000008", true);
     EXPECT_EQ(1, refused.exitStatus);
     EXPECT_NE(std::string::npos, refused.output.find("uninstall 5017400000000000008 failed, code 2528"));
-    EXPECT_EQ(1, tool("plugincenter", "clean 5017400000000000199").exitStatus);
+    EXPECT_EQ(1, runApp("plugincenter", "clean 5017400000000000199").exitStatus);
 
-    const std::string a = kId;
-    std::string expected = golden("plugincenter-progress.expected");
-    expected.replace(0, 1, a);
-    expected.replace(expected.rfind("b\t"), 1, "5017400000000000199");
-    EXPECT_EQ(expected, tool("plugincenter", "progress '" + a + ";;5017400000000000199'").output);
+    EXPECT_GOLDEN("lifecycle/plugincenter-progress",
+                  runApp("plugincenter", "progress '" + kId + ";;5017400000000000199'").output);
 
-    const testsupport::CommandResult gone = tool("plugincenter", "uninstall " + kId);
+    const testsupport::CommandResult gone = runApp("plugincenter", "uninstall " + kId);
     EXPECT_EQ(0, gone.exitStatus);
-    EXPECT_EQ("", tool("plugincenter", "list").output);
-    EXPECT_EQ(1, tool("plugincenter", "uninstall " + kId).exitStatus);
-}
-
-TEST(PluginMetrics, OneRecordPerLiveChildFromTheRealTools) {
-    Sleeper first;
-    Sleeper second;
-    PluginManager* manager = Singleton<PluginManager>::instance();
-    datacenter::ConfigInfo::sGetInstance()->setConfigToFile(
-        PluginManager::sGetPluginPidConfig(), "pid_of_m",
-        std::to_string(first.pid()) + ";" + std::to_string(second.pid()));
-    std::vector<PidMetrics> metrics;
-    ASSERT_TRUE(manager->getPluginMetrics("m", metrics));
-    ASSERT_EQ(2u, metrics.size());
-    EXPECT_EQ(first.pid(), metrics[0].pid);
-    EXPECT_EQ(second.pid(), metrics[1].pid);
-    for (const PidMetrics& one : metrics) {
-        // A sleeping process reads and writes nothing; a column slip would
-        // put its pid here.
-        EXPECT_EQ(0, one.readKBPerSec) << one.pid;
-        EXPECT_EQ(0, one.writeKBPerSec) << one.pid;
-        EXPECT_GE(one.memPercent, 0);
-        EXPECT_LT(one.memPercent, 100);
-    }
-    datacenter::ConfigInfo::sGetInstance()->setConfigToFile(PluginManager::sGetPluginPidConfig(), "pid_of_m",
-                                                            std::to_string(first.pid()) + ";12345678901");
-    metrics.clear();
-    EXPECT_FALSE(manager->getPluginMetrics("m", metrics));
-    EXPECT_EQ(1u, metrics.size());
-    EXPECT_EQ(1, tool("plugincenter", "metrics m").exitStatus);
-    datacenter::ConfigInfo::sGetInstance()->setConfigToFile(PluginManager::sGetPluginPidConfig(), "pid_of_m",
-                                                            std::to_string(first.pid()));
-    const std::string json = tool("plugincenter", "metrics m --json").output;
-    EXPECT_NE(std::string::npos, json.find("\"pid\":" + std::to_string(first.pid()) + ",")) << json;
+    EXPECT_EQ("", runApp("plugincenter", "list").output);
+    EXPECT_EQ(1, runApp("plugincenter", "uninstall " + kId).exitStatus);
 }
 
 TEST(InstallProgress, AFailedInstallationIsWhatThePluginReportsUntilTheNextOne) {
@@ -166,17 +94,4 @@ TEST(PluginControllorStandIn, StartsABinaryBelowTheDataDirectoryAndRefusesOnesTh
     }
     ASSERT_TRUE(waitForFile(marker));
     EXPECT_EQ(dir.substr(0, dir.size() - 1) + "\n", readFile(marker));
-}
-
-TEST(PluginProcesses, OnlyPlainDecimalPidsAboveOneAreSignalled) {
-    Sleeper victim;
-    const std::string pid = std::to_string(victim.pid());
-    PluginManager* manager = Singleton<PluginManager>::instance();
-    datacenter::ConfigInfo::sGetInstance()->setConfigToFile(PluginManager::sGetPluginPidConfig(), "pid_of_k",
-                                                            "+" + pid + ";-" + pid + "; " + pid + ";" + pid + " ;1");
-    std::unique_ptr<AbsPlugin> plugin(manager->createPlugin("k"));
-    plugin->killProcesses();
-    int status = 0;
-    EXPECT_EQ(0, waitpid(victim.pid(), &status, WNOHANG));
-    EXPECT_EQ(0, kill(victim.pid(), 0));
 }

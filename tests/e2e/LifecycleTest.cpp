@@ -12,10 +12,12 @@
 #include "Plugin/BinaryPluginManger.h"
 #include "Plugin/PluginManager.h"
 #include "common/Singleton.h"
+#include "support/Golden.h"
 #include "support/HttpTestServer.h"
 #include "support/PackageFactory.h"
 #include "support/TestSupport.h"
 
+using testsupport::exists;
 using testsupport::PackageFactory;
 using testsupport::PackageSpec;
 using testsupport::readFile;
@@ -30,9 +32,6 @@ const std::string kId = "5017400000000000100";
 
 std::string dataDir(const std::string& id = kId) {
     return PluginManager::sGetPluginDataPath(id);
-}
-bool exists(const std::string& path) {
-    return fs::exists(fs::symlink_status(path));
 }
 bool isLink(const std::string& path) {
     return fs::is_symlink(fs::symlink_status(path));
@@ -53,28 +52,20 @@ PackageSpec richSpec() {
     return spec;
 }
 
-// The log lines of the plugin controller and the chroot scripts since `from`.
-std::string platformCommands(size_t from) {
+// The lines of the stand-ins' command log since `from` that begin with one of
+// `prefixes`: by default those of the plugin controller and the chroot scripts.
+std::string platformCommands(size_t from, const std::vector<std::string>& prefixes = {"pluginControllor", "chroot_"}) {
     std::istringstream lines(readFile(simLogPath()).substr(from));
     std::string result;
     for (std::string line; std::getline(lines, line);) {
-        if (line.rfind("pluginControllor", 0) == 0 || line.rfind("chroot_", 0) == 0) {
-            result += line + "\n";
+        for (const std::string& prefix : prefixes) {
+            if (line.rfind(prefix, 0) == 0) {
+                result += line + "\n";
+                break;
+            }
         }
     }
     return result;
-}
-
-std::string golden(const std::string& name, const std::string& id = kId) {
-    std::string text = readFile(testsupport::sourceDir() + "/tests/data/lifecycle/" + name);
-    for (const auto& [from, to] :
-         {std::make_pair(std::string("@ID@"), id), std::make_pair(std::string("@DIR@"), dataDir(id))}) {
-        for (std::string::size_type at = text.find(from); at != std::string::npos; at = text.find(from, at)) {
-            text.replace(at, from.size(), to);
-            at += to.size();
-        }
-    }
-    return text;
 }
 
 size_t logSize() {
@@ -104,7 +95,7 @@ TEST(Uninstall, KeepsTheSkeletonWithItsContentAndRemovesEverythingElse) {
     const size_t before = logSize();
     ASSERT_EQ(API_SUCCESS, manager->uninstallPlugin(kId));
 
-    EXPECT_EQ(golden("uninstall-commands.expected"), platformCommands(before));
+    EXPECT_GOLDEN("lifecycle/uninstall-commands", platformCommands(before));
     EXPECT_EQ("app", readFile(dir + "bin/app"));
     EXPECT_EQ("lib", readFile(dir + "lib/libapp.so"));
     EXPECT_EQ("photo", readFile(dir + "userdata/photo.jpg"));
@@ -176,7 +167,7 @@ TEST(CleanPlugin, RemovesWhatWasAddedAndKeepsEveryRecordedFile) {
     PluginManager* manager = Singleton<PluginManager>::instance();
     const size_t before = logSize();
     ASSERT_EQ(API_SUCCESS, manager->cleanPlugin(kId));
-    EXPECT_EQ(golden("clean-commands.expected"), platformCommands(before));
+    EXPECT_GOLDEN("lifecycle/clean-commands", platformCommands(before));
     for (const char* kept : {"bin/app", "lib/libapp.so", "www/index.html", "data.db", "usr/share/app.txt",
                              "etc/manifest", "init_files.record", "userdata/photo.jpg"}) {
         EXPECT_TRUE(exists(dir + kept)) << kept;
@@ -205,16 +196,9 @@ TEST(Chroot, PrepareRunsTheSandboxScriptAndOneMountPerMountingCapability) {
     const size_t before = logSize();
     std::string output;
     ASSERT_EQ(API_SUCCESS, datacenter::BinaryPluginManger::prepareChroot(kId, output));
-    std::istringstream lines(readFile(simLogPath()).substr(before));
-    std::vector<std::string> scripts;
-    for (std::string line; std::getline(lines, line);) {
-        if (line.find(".sh ") != std::string::npos) {
-            scripts.push_back(line);
-        }
-    }
-    EXPECT_EQ((std::vector<std::string>{"prepare_chroot.sh " + dataDir() + " " + PluginManager::sGetPluginRootPath(),
-                                        "prepare_mount_proc.sh " + dataDir()}),
-              scripts);
+    EXPECT_EQ("prepare_chroot.sh " + dataDir() + " " + PluginManager::sGetPluginRootPath() +
+                  "\nprepare_mount_proc.sh " + dataDir() + "\n",
+              platformCommands(before, {"prepare_", "mount_"}));
     EXPECT_TRUE(fs::is_directory(dataDir() + "proc"));
 
     // The unmount script takes the empty mount point away again.

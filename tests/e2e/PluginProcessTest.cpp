@@ -1,70 +1,29 @@
 // Plugin processes and files shared between processes, with real processes,
-// real sockets and the stand-in plugin controller on PATH.
+// real sockets, the real top/pidstat and the stand-in plugin controller on
+// PATH: which pids are signalled and how, resource metrics of live children,
+// control calls that time out, and configuration writers in two processes.
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <csignal>
-#include <map>
-#include <mutex>
+#include <chrono>
+#include <memory>
 #include <thread>
 
-#include "DataBase/PluginStorageManager.h"
 #include "Plugin/PluginManager.h"
 #include "common/Singleton.h"
+#include "support/SilentListener.h"
+#include "support/SleepingChild.h"
 #include "support/TestSupport.h"
 #include "system/ConfigInfo.h"
+#include "unit/Plugin/PluginTestSupport.h"
 
-namespace {
-
-// Starts a child that sleeps, optionally ignoring SIGTERM, and reaps it on a
-// thread of its own so that its death is seen at once (no zombie in /proc).
-class Victim {
-public:
-    explicit Victim(bool ignoreTerm) {
-        pid_ = fork();
-        if (pid_ == 0) {
-            if (ignoreTerm) {
-                signal(SIGTERM, SIG_IGN);
-            }
-            execlp("sleep", "sleep", "60", static_cast<char*>(nullptr));
-            _exit(127);
-        }
-        reaper_ = std::thread([this] { waitpid(pid_, &status_, 0); });
-    }
-    ~Victim() {
-        kill(pid_, SIGKILL);
-        if (reaper_.joinable()) {
-            reaper_.join();
-        }
-    }
-    int pid() const { return pid_; }
-    // The signal that ended the child, once it has ended.
-    int deathSignal() {
-        reaper_.join();
-        return WIFSIGNALED(status_) ? WTERMSIG(status_) : 0;
-    }
-
-private:
-    pid_t pid_ = -1;
-    int status_ = 0;
-    std::thread reaper_;
-};
-
-void putPlugin(const std::string& id, datacenter::PluginStatus status) {
-    datacenter::ConfigInfo* config = datacenter::ConfigInfo::sGetInstance();
-    const std::string manifest = PluginStorageManager::sGetManifestRootPath() + id + ".manifest";
-    config->setConfigToFile(manifest, "plugin_id", id);
-    config->setConfigToFile(manifest, "status", std::to_string(static_cast<int>(status)));
-}
-
-}  // namespace
+using testsupport::runApp;
+using testsupport::SleepingChild;
 
 TEST(PluginProcesses, StopSendsTermThenKillToThoseThatIgnoreIt) {
-    Victim polite(false);
-    Victim stubborn(true);
+    SleepingChild polite;
+    SleepingChild stubborn(true);
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     PluginManager* manager = Singleton<PluginManager>::instance();
     for (const std::string& entry :
@@ -80,9 +39,9 @@ TEST(PluginProcesses, StopSendsTermThenKillToThoseThatIgnoreIt) {
 }
 
 TEST(PluginProcesses, AFailingStopCommandStillKillsTheProcessesAndKeepsTheStatus) {
-    putPlugin("q", datacenter::ENABLED);
+    testsupport::putPlugin("q", datacenter::ENABLED);
     testsupport::writeFile(testsupport::underRoot("/sim/pluginControllor/k.exit"), "3\n");
-    Victim process(false);
+    SleepingChild process;
     PluginManager* manager = Singleton<PluginManager>::instance();
     PluginManager::sSetPluginPort("q", std::to_string(process.pid()), datacenter::PID);
     EXPECT_EQ(API_GENERAL_FAILURE, manager->changePluginStatus("q", datacenter::DISABLED));
@@ -94,23 +53,59 @@ TEST(PluginProcesses, AFailingStopCommandStillKillsTheProcessesAndKeepsTheStatus
     EXPECT_NE(std::string::npos, log.find("pluginControllor -k q\n"));
 }
 
-TEST(PluginControl, AServerThatNeverAnswersTimesOut) {
-    const int listener = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(0, bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)));
-    ASSERT_EQ(0, listen(listener, 4));
-    socklen_t length = sizeof(address);
-    getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
-
+TEST(PluginProcesses, OnlyPlainDecimalPidsAboveOneAreSignalled) {
+    SleepingChild victim;
+    const std::string pid = std::to_string(victim.pid());
     PluginManager* manager = Singleton<PluginManager>::instance();
-    manager->setPluginPort("silent", std::to_string(ntohs(address.sin_port)), datacenter::PORT);
+    datacenter::ConfigInfo::sGetInstance()->setConfigToFile(PluginManager::sGetPluginPidConfig(), "pid_of_k",
+                                                            "+" + pid + ";-" + pid + "; " + pid + ";" + pid + " ;1");
+    std::unique_ptr<AbsPlugin> plugin(manager->createPlugin("k"));
+    plugin->killProcesses();
+    int status = 0;
+    EXPECT_EQ(0, waitpid(victim.pid(), &status, WNOHANG));
+    EXPECT_EQ(0, kill(victim.pid(), 0));
+}
+
+TEST(PluginMetrics, OneRecordPerLiveChildFromTheRealTools) {
+    SleepingChild first;
+    SleepingChild second;
+    PluginManager* manager = Singleton<PluginManager>::instance();
+    datacenter::ConfigInfo::sGetInstance()->setConfigToFile(
+        PluginManager::sGetPluginPidConfig(), "pid_of_m",
+        std::to_string(first.pid()) + ";" + std::to_string(second.pid()));
+    std::vector<PidMetrics> metrics;
+    ASSERT_TRUE(manager->getPluginMetrics("m", metrics));
+    ASSERT_EQ(2u, metrics.size());
+    EXPECT_EQ(first.pid(), metrics[0].pid);
+    EXPECT_EQ(second.pid(), metrics[1].pid);
+    for (const PidMetrics& one : metrics) {
+        // A sleeping process reads and writes nothing; a column slip would
+        // put its pid here.
+        EXPECT_EQ(0, one.readKBPerSec) << one.pid;
+        EXPECT_EQ(0, one.writeKBPerSec) << one.pid;
+        EXPECT_GE(one.memPercent, 0);
+        EXPECT_LT(one.memPercent, 100);
+    }
+    datacenter::ConfigInfo::sGetInstance()->setConfigToFile(PluginManager::sGetPluginPidConfig(), "pid_of_m",
+                                                            std::to_string(first.pid()) + ";12345678901");
+    metrics.clear();
+    EXPECT_FALSE(manager->getPluginMetrics("m", metrics));
+    EXPECT_EQ(1u, metrics.size());
+    EXPECT_EQ(1, runApp("plugincenter", "metrics m").exitStatus);
+    datacenter::ConfigInfo::sGetInstance()->setConfigToFile(PluginManager::sGetPluginPidConfig(), "pid_of_m",
+                                                            std::to_string(first.pid()));
+    const std::string json = runApp("plugincenter", "metrics m --json").output;
+    EXPECT_NE(std::string::npos, json.find("\"pid\":" + std::to_string(first.pid()) + ",")) << json;
+}
+
+TEST(PluginControl, AServerThatNeverAnswersTimesOut) {
+    testsupport::SilentListener listener;
+    PluginManager* manager = Singleton<PluginManager>::instance();
+    manager->setPluginPort("silent", std::to_string(listener.port()), datacenter::PORT);
     std::string response;
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(API_CONTROL_TIMEOUT, manager->controlPlugin("silent", "ping", response));
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(4));
-    close(listener);
 }
 
 TEST(PluginConfigData, TwoProcessesWritingDifferentKeysLoseNone) {

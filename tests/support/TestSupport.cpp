@@ -68,6 +68,33 @@ CommandResult runCommand(const std::string& command) {
     return result;
 }
 
+CommandResult runApp(const std::string& name, const std::string& args, bool withErrors) {
+    // The time limit only turns a hang into a failure; no run comes near it.
+    return runCommand("DATACENTER_INSTALLPLUGIN_DELAY_MS=0 DATACENTER_ROOT=" + root() + " timeout 120 " + buildDir() +
+                      "/apps/" + name + " " + args + (withErrors ? " 2>&1" : " 2>/dev/null"));
+}
+
+std::string installOutcome(const std::string& output) {
+    const std::string::size_type last = output.rfind("installplugin");
+    return last == std::string::npos ? output : output.substr(last);
+}
+
+bool exists(const std::string& path) {
+    return fs::exists(fs::symlink_status(path));
+}
+
+int inChildProcess(const std::function<int()>& work) {
+    const pid_t child = fork();
+    if (child == 0) {
+        _exit(work());
+    }
+    int status = 0;
+    if (child < 0 || waitpid(child, &status, 0) != child) {
+        return -1;
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
 int closedLoopbackPort() {
     const int fd = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address{};

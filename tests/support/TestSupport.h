@@ -1,6 +1,7 @@
 #pragma once
 // Helpers shared by the tests. Every test process runs under its own fresh
 // temporary root (DATACENTER_ROOT), removed when the process ends.
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,20 @@ struct CommandResult {
 };
 // Runs a shell command, capturing its standard output.
 CommandResult runCommand(const std::string& command);
+
+// Runs a program of the build's apps/ folder under the test root with the
+// installer's start-up delay off; standard error is dropped unless
+// `withErrors`, when it is merged into the output.
+CommandResult runApp(const std::string& name, const std::string& args, bool withErrors = false);
+// The installer's outcome: its output from the last line that names it on
+// (the steps print before it).
+std::string installOutcome(const std::string& output);
+
+// Whether anything (a dangling link too) is at `path`.
+bool exists(const std::string& path);
+// `work` run in a forked child process; its result is the child's exit
+// status, -1 when the child did not exit normally.
+int inChildProcess(const std::function<int()>& work);
 
 // A port on the loopback host where nothing listens.
 int closedLoopbackPort();

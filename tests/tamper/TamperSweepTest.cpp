@@ -68,11 +68,10 @@ protected:
 
     // The same through the installplugin binary.
     int trialThroughBinary(const std::string& package, uint64_t offset) {
-        const testsupport::CommandResult result = testsupport::runCommand(
-            "DATACENTER_INSTALLPLUGIN_DELAY_MS=0 DATACENTER_ROOT=" + testsupport::root() + " " +
-            testsupport::buildDir() + "/apps/installplugin -f " + package + " -k 2>/dev/null | tail -n 1");
+        const std::string outcome =
+            testsupport::installOutcome(testsupport::runApp("installplugin", "-f " + package + " -k").output);
         const ApiErrorCode code =
-            result.output == "installplugin failed. code is 2508\n" ? API_VERIFY_SIGN_FAILED : API_SUCCESS;
+            outcome == "installplugin failed. code is 2508\n" ? API_VERIFY_SIGN_FAILED : API_SUCCESS;
         return check(code, offset);
     }
 

@@ -5,9 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <boost/filesystem.hpp>
+#include <boost/thread/barrier.hpp>
 #include <chrono>
-#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -29,24 +28,6 @@ using datacenter::DownloadInfo;
 using datacenter::PluginInfo;
 
 namespace {
-
-// Lets a group of threads start their work at the same moment.
-class StartLine {
-public:
-    explicit StartLine(size_t runners) : waiting_(runners) {}
-    void arriveAndWait() {
-        std::unique_lock<std::mutex> lock(mutex_);
-        if (--waiting_ == 0) {
-            open_.notify_all();
-        }
-        open_.wait(lock, [this] { return waiting_ == 0; });
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable open_;
-    size_t waiting_;
-};
 
 bool isListed(const std::string& id) {
     std::vector<PluginInfo> plugins;
@@ -108,13 +89,13 @@ TEST(Threads, StatusChangesFromEightThreadsLeaveEachPluginAsLastAsked) {
     for (int i = 0; i < kThreads; ++i) {
         testsupport::putPlugin("70" + std::to_string(i), datacenter::DISABLED);
     }
-    StartLine start(kThreads);
+    boost::barrier start(kThreads);
     std::atomic<int> failures(0);
     std::vector<std::thread> threads;
     for (int i = 0; i < kThreads; ++i) {
         threads.emplace_back([&, i] {
             const std::string id = "70" + std::to_string(i);
-            start.arriveAndWait();
+            start.wait();
             // Thread i ends on DISABLED when i is even and on ENABLED when odd.
             for (int change = 0; change < kChanges + (i % 2); ++change) {
                 const datacenter::PluginStatus wanted = change % 2 == 0 ? datacenter::ENABLED : datacenter::DISABLED;
@@ -197,12 +178,12 @@ TEST(Threads, TwoInstallationsRacingForTheLockNeverRunTogether) {
     const std::vector<std::string> packages = {packageFor(factory, ids[0]), packageFor(factory, ids[1])};
     PluginManager* manager = Singleton<PluginManager>::instance();
 
-    StartLine start(2);
+    boost::barrier start(2);
     ApiErrorCode results[2] = {-1, -1};
     std::vector<std::thread> installers;
     for (int i = 0; i < 2; ++i) {
         installers.emplace_back([&, i] {
-            start.arriveAndWait();
+            start.wait();
             results[i] = manager->installFromLocal(packages[i], true);
         });
     }

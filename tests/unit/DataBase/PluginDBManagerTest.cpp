@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -69,22 +68,15 @@ PluginInfo sampleRecord(const std::string& id) {
     return info;
 }
 
-void expectSameRecord(const PluginInfo& expected, const PluginInfo& actual) {
-    EXPECT_EQ(expected.id, actual.id);
-    EXPECT_EQ(expected.name, actual.name);
-    EXPECT_EQ(expected.smallIcon, actual.smallIcon);
-    EXPECT_EQ(expected.largeIcon, actual.largeIcon);
-    EXPECT_EQ(expected.developer, actual.developer);
-    EXPECT_EQ(expected.version, actual.version);
-    EXPECT_EQ(expected.introduction, actual.introduction);
-    EXPECT_EQ(expected.status, actual.status);
-    EXPECT_EQ(expected.capability, actual.capability);
-    EXPECT_EQ(expected.devId, actual.devId);
-    EXPECT_EQ(expected.title, actual.title);
-    EXPECT_EQ(expected.rootPath, actual.rootPath);
-    EXPECT_EQ(expected.type, actual.type);
-    EXPECT_EQ(expected.limitSize, actual.limitSize);
-    EXPECT_EQ(expected.controlUrl, actual.controlUrl);
+// The fields a database row holds, for comparing two records whole.
+std::vector<std::string> stored(const PluginInfo& i) {
+    std::vector<std::string> row = {i.id,           i.name,  i.smallIcon, i.largeIcon, i.developer, i.version,
+                                    i.introduction, i.devId, i.title,     i.rootPath,  i.controlUrl};
+    for (const long long number : {static_cast<long long>(i.status), static_cast<long long>(i.capability),
+                                   static_cast<long long>(i.type), static_cast<long long>(i.limitSize)}) {
+        row.push_back(std::to_string(number));
+    }
+    return row;
 }
 
 }  // namespace
@@ -99,7 +91,7 @@ TEST(PluginDBManagerTest, FreshDatabaseHasTheCurrentSchemaAndRoundTripsRecords) 
     const PluginInfo second = sampleRecord("a");
     ASSERT_TRUE(db.insertToDB(first));
     ASSERT_TRUE(db.insertToDB(second));
-    expectSameRecord(first, db.getPluginInfoById(first.id));
+    EXPECT_EQ(stored(first), stored(db.getPluginInfoById(first.id)));
 
     const std::vector<PluginInfo> all = db.getPluginInfos();
     ASSERT_EQ(2u, all.size());
@@ -121,8 +113,8 @@ TEST(PluginDBManagerTest, UpdatesChangeOnlyTheAddressedRecord) {
     changed.limitSize = -1;
     changed.controlUrl = "";
     ASSERT_TRUE(db.updateToDB(changed));
-    expectSameRecord(changed, db.getPluginInfoById("a"));
-    expectSameRecord(sampleRecord("b"), db.getPluginInfoById("b"));
+    EXPECT_EQ(stored(changed), stored(db.getPluginInfoById("a")));
+    EXPECT_EQ(stored(sampleRecord("b")), stored(db.getPluginInfoById("b")));
 
     ASSERT_TRUE(db.updateStatusToDB("b", datacenter::INSTALLING));
     EXPECT_EQ(datacenter::INSTALLING, db.getPluginInfoById("b").status);

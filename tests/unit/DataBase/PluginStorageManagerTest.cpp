@@ -1,12 +1,14 @@
 // The manifest store: reading manifests, cache reloads (also when another
-// process changed the store), updates, insertion and deletion.
+// process changed the store) and their cost, manifests that cannot be read
+// for a passing reason, updates, insertion and deletion.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/time.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <boost/filesystem.hpp>
 #include <boost/lexical_cast.hpp>
 #include <ctime>
 
@@ -16,15 +18,20 @@
 #include "storage/File.h"
 #include "support/TestSupport.h"
 #include "system/ConfigInfo.h"
-#include "unit/DataBase/StoreTestSupport.h"
 
 using datacenter::PluginInfo;
-using testsupport::store;
-using testsupport::storeDir;
 using testsupport::underRoot;
 using testsupport::writeFile;
 
 namespace {
+
+std::string storeDir() {
+    return underRoot("/userdisk/appdata//app_infos/");
+}
+
+PluginStorageManager* store() {
+    return Singleton<PluginStorageManager>::instance();
+}
 
 void writeManifest(const std::string& fileName, const std::string& body) {
     writeFile(storeDir() + fileName, body);
@@ -34,63 +41,71 @@ std::string simpleManifest(const std::string& id, const std::string& name) {
     return "plugin_id = \"" + id + "\";\nname = \"" + name + "\";\nversion = \"1.0.0\";\n";
 }
 
-time_t directoryTime(const std::string& path) {
-    struct stat status;
-    stat(path.c_str(), &status);
-    return status.st_mtime;
+// Sets both time stamps of `path` to `seconds`; by default well into the
+// past, as for a store that has not changed for a while.
+void settle(const std::string& path, time_t seconds = time(nullptr) - 60) {
+    const struct timespec times[2] = {{seconds, 0}, {seconds, 0}};
+    utimensat(AT_FDCWD, path.c_str(), times, 0);
 }
 
-void setDirectoryTime(const std::string& path, time_t when) {
-    struct timeval times[2] = {{when, 0}, {when, 0}};
-    utimes(path.c_str(), times);
+time_t modifiedAt(const std::string& path) {
+    struct stat status;
+    return stat(path.c_str(), &status) == 0 ? status.st_mtime : 0;
 }
 
 // Runs `work` in a forked child process (a second user of the store) and waits for it.
-template <typename Work>
-void inAnotherProcess(Work work) {
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        work();
-        _exit(0);
+void inAnotherProcess(void (*work)()) {
+    ASSERT_EQ(0, testsupport::inChildProcess([work] {
+                  work();
+                  return 0;
+              }));
+}
+
+void writeSettledStore(int count) {
+    for (int i = 0; i < count; ++i) {
+        const std::string id = "p" + std::to_string(i);
+        writeFile(storeDir() + id + ".manifest", "plugin_id = \"" + id + "\";\nstatus = \"5\";\n");
+        settle(storeDir() + id + ".manifest");
     }
-    int status = 0;
-    waitpid(child, &status, 0);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    settle(storeDir());
 }
 
 }  // namespace
 
 TEST(PluginStorageRead, EveryKeyIsConverted) {
-    writeManifest("full.manifest",
-                  "plugin_id = \"p1\";\nname = \"Name\";\nsmall_icon = \"s.png\";\nlarge_icon = \"l.png\";\n"
-                  "developer = \"Dev\";\ndev_id = \"d1\";\nversion = \"1.2.3\";\nintroduction = \"Intro\";\n"
-                  "control_url = \"http://x\";\nsupported_rom_version = \"2.4.0\";\nsdk_token = \"TOKEN\";\n"
-                  "status = \"5\";\nuse_status = \"-7\";\nbinary_name = \"bin\";\nsdk_level = \"3\";\n"
-                  "capability_list = [\"net\", \"disk\"];\nmodel_list = [\"R1\"];\nmarket_icon = \"m\";\n"
-                  "installed_icon = \"i\";\ndetail_image = \"d\";\nauthorize_id = \"a\";\n"
-                  "install_time = \"+1700000000\";\nextra_key = \"ignored\";\n");
+    // Each text key holds its own name, so that a value landing in the wrong field shows.
+    const std::vector<std::string> keys = {"name",           "small_icon",   "large_icon",
+                                           "developer",      "dev_id",       "version",
+                                           "introduction",   "control_url",  "supported_rom_version",
+                                           "sdk_token",      "binary_name",  "market_icon",
+                                           "installed_icon", "detail_image", "authorize_id"};
+    std::string text =
+        "plugin_id = \"p1\";\nstatus = \"5\";\nuse_status = \"-7\";\nsdk_level = \"3\";\n"
+        "capability_list = [\"net\", \"disk\"];\nmodel_list = [\"R1\"];\n"
+        "install_time = \"+1700000000\";\nextra_key = \"ignored\";\n";
+    for (const std::string& key : keys) {
+        text += key + " = \"" + key + "\";\n";
+    }
+    writeManifest("full.manifest", text);
     PluginInfo info;
-    info.name = "overwritten";
     ASSERT_TRUE(store()->getPluginInfoFromManifest(storeDir() + "full.manifest", info));
     EXPECT_EQ("p1", info.id);
-    EXPECT_EQ("Name", info.name);
-    EXPECT_EQ("s.png", info.smallIcon);
-    EXPECT_EQ("d1", info.devId);
-    EXPECT_EQ("2.4.0", info.supportedRomVersion);
-    EXPECT_EQ("TOKEN", info.sdkToken);
+    EXPECT_EQ(keys, (std::vector<std::string>{info.name, info.smallIcon, info.largeIcon, info.developer, info.devId,
+                                              info.version, info.introduction, info.controlUrl,
+                                              info.supportedRomVersion, info.sdkToken, info.binaryName, info.marketIcon,
+                                              info.installedIcon, info.detailImage, info.authorizeId}));
     EXPECT_EQ(datacenter::ENABLED, info.status);
     EXPECT_EQ(-7, static_cast<int>(info.useStatus));
     EXPECT_EQ(3, info.sdkLevel);
     EXPECT_EQ((std::vector<std::string>{"net", "disk"}), info.capabilityList);
     EXPECT_EQ((std::vector<std::string>{"R1"}), info.modelList);
-    EXPECT_EQ("a", info.authorizeId);
     EXPECT_EQ(1700000000, info.installTime);
 
     // Missing text keys overwrite, missing numbers keep the old value.
     writeManifest("small.manifest", "plugin_id = \"p2\";\n");
     ASSERT_TRUE(store()->getPluginInfoFromManifest(storeDir() + "small.manifest", info));
     EXPECT_EQ("", info.name);
+    EXPECT_EQ("", info.authorizeId);
     EXPECT_EQ(datacenter::ENABLED, info.status);
     EXPECT_EQ(3, info.sdkLevel);
 }
@@ -180,7 +195,7 @@ TEST(PluginStorageList, UnknownIdGivesADefaultRecord) {
 TEST(PluginStorageReload, MarkFileFromAnotherProcessForcesTheReload) {
     writeManifest("a.manifest", simpleManifest("a", "before"));
     ASSERT_EQ("before", store()->getPluginInfoById("a").name);
-    const time_t listed = directoryTime(storeDir());
+    const time_t listed = modifiedAt(storeDir());
 
     // Another process rewrites the manifest and leaves the mark. The store
     // directory's time is put back, so only the mark can announce the change.
@@ -188,7 +203,7 @@ TEST(PluginStorageReload, MarkFileFromAnotherProcessForcesTheReload) {
         datacenter::ConfigInfo::sGetInstance()->setConfigToFile(storeDir() + "a.manifest", "name", "after");
         writeFile(storeDir() + PluginStorageManager::sUpdatedFile, "");
     });
-    setDirectoryTime(storeDir(), listed);
+    settle(storeDir(), listed);
 
     EXPECT_EQ("after", store()->getPluginInfoById("a").name);
     EXPECT_FALSE(datacenter::File::sExists(storeDir() + PluginStorageManager::sUpdatedFile));
@@ -212,18 +227,18 @@ TEST(PluginStorageReload, AChangeInsideOneTimeTickIsNotMissed) {
     // A newer directory time is noticed as well.
     inAnotherProcess(
         [] { datacenter::ConfigInfo::sGetInstance()->setConfigToFile(storeDir() + "a.manifest", "name", "later"); });
-    setDirectoryTime(storeDir(), listed.st_mtim.tv_sec + 5);
+    settle(storeDir(), listed.st_mtim.tv_sec + 5);
     EXPECT_EQ("later", store()->getPluginInfoById("a").name);
 }
 
 TEST(PluginStorageUpdate, StatusChangesAreVisibleAtOnceAndWritten) {
     writeManifest("a.manifest", simpleManifest("a", "A"));
     ASSERT_EQ(datacenter::NOT_INSTALLED, store()->getPluginInfoById("a").status);
-    const time_t listed = directoryTime(storeDir());
+    const time_t listed = modifiedAt(storeDir());
 
     ASSERT_TRUE(store()->updateStatusToStorage("a", datacenter::DISABLED));
     ASSERT_TRUE(store()->updateUseStatusToStorage("a", static_cast<datacenter::PluginUseStatus>(-3)));
-    setDirectoryTime(storeDir(), listed);  // no reload: the cache itself carries the change
+    settle(storeDir(), listed);  // no reload: the cache itself carries the change
     const PluginInfo info = store()->getPluginInfoById("a");
     EXPECT_EQ(datacenter::DISABLED, info.status);
     EXPECT_EQ(-3, static_cast<int>(info.useStatus));
@@ -231,17 +246,18 @@ TEST(PluginStorageUpdate, StatusChangesAreVisibleAtOnceAndWritten) {
     EXPECT_EQ("-3", datacenter::ConfigInfo::sGetConfigFromFile(storeDir() + "a.manifest", "use_status"));
     EXPECT_EQ("A", datacenter::ConfigInfo::sGetConfigFromFile(storeDir() + "a.manifest", "name"));
 
-    EXPECT_FALSE(store()->updateStatusToStorage("", datacenter::ENABLED));
-    EXPECT_FALSE(store()->updateStatusToStorage("missing", datacenter::ENABLED));
     EXPECT_FALSE(store()->updateUseStatusToStorage("missing", datacenter::USE_STATUS_NONE));
     EXPECT_FALSE(datacenter::File::sExists(storeDir() + "missing.manifest"));
     EXPECT_FALSE(store()->updateToStorage(info));
     EXPECT_EQ(datacenter::DISABLED, store()->getPluginInfoById("a").status);
 }
 
-TEST(PluginStorageInsert, CopiesTheStampedManifestIntoTheStore) {
+TEST(PluginStorageInsert, CopiesTheStampedManifestIntoTheStoreThroughATemporaryOfItsOwn) {
     const std::string own = underRoot("/userdisk/appdata/") + "p9" + "/" + "/etc/manifest";
     writeFile(own, "plugin_id = \"p9\";\nname = \"Nine\";\nsdk_level = \"2\";\n");
+    // What another process storing the same id is writing right now.
+    const std::string theirs = storeDir() + ".incoming-p9.manifest";
+    writeFile(theirs, "half-written");
     PluginInfo info;
     const long long before = static_cast<long long>(time(nullptr));
     ASSERT_TRUE(store()->insertToStorage("p9", own, info));
@@ -254,13 +270,17 @@ TEST(PluginStorageInsert, CopiesTheStampedManifestIntoTheStore) {
     EXPECT_EQ(std::to_string(info.installTime),
               datacenter::ConfigInfo::sGetConfigFromFile(store()->getManifestFilePath("p9"), "install_time"));
     EXPECT_EQ("Nine", store()->getPluginInfos().at("p9").name);
-    // Nothing but the manifest is left in the store.
-    EXPECT_EQ((std::vector<std::string>{storeDir() + "p9.manifest"}), datacenter::Directory::sListEntries(storeDir()));
+    // The other writer's file is untouched and no temporary of this insertion is left.
+    EXPECT_EQ("half-written", testsupport::readFile(theirs));
+    std::vector<std::string> names;
+    for (const auto& entry : boost::filesystem::directory_iterator(storeDir())) {
+        names.push_back(entry.path().filename().string());
+    }
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ((std::vector<std::string>{".incoming-p9.manifest", "p9.manifest"}), names);
 
     PluginInfo unused;
-    EXPECT_FALSE(store()->insertToStorage("", own, unused));
     EXPECT_FALSE(store()->insertToStorage("p9", "", unused));
-    EXPECT_FALSE(store()->insertToStorage("../p9", own, unused));
     EXPECT_FALSE(store()->insertToStorage("p8", own + ".missing", unused));
     EXPECT_FALSE(datacenter::File::sExists(storeDir() + "p8.manifest"));
 }
@@ -273,9 +293,75 @@ TEST(PluginStorageDelete, RemovesFileAndCacheEntry) {
     EXPECT_FALSE(datacenter::File::sExists(storeDir() + "a.manifest"));
     EXPECT_EQ(0u, store()->getPluginInfos().count("a"));
     EXPECT_FALSE(store()->deleteInStorage("a"));
-    EXPECT_FALSE(store()->deleteInStorage(""));
-    EXPECT_FALSE(store()->deleteInStorage("../b"));
     EXPECT_EQ(1u, store()->getPluginInfos().count("b"));
-    EXPECT_EQ("on", getStateonStr());
-    EXPECT_EQ("off", getStateoffStr());
+}
+
+TEST(PluginStorageCost, ASettledStoreIsNotParsedAgainAndAChangeCostsOneFile) {
+    writeSettledStore(20);
+    ASSERT_EQ(20u, store()->getPluginInfos().size());
+    const uint64_t loaded = store()->manifestParseCount();
+    EXPECT_EQ(20u, store()->getPluginInfos().size());
+    EXPECT_EQ("p7", store()->getPluginInfoById("p7").id);
+    EXPECT_EQ(loaded, store()->manifestParseCount());
+
+    // Another process switches one plugin off: this one reads that file only.
+    ASSERT_EQ(0, testsupport::inChildProcess([] {
+                  return Singleton<PluginStorageManager>::instance()->updateStatusToStorage("p3", datacenter::DISABLED)
+                             ? 0
+                             : 1;
+              }));
+    EXPECT_EQ(datacenter::DISABLED, store()->getPluginInfoById("p3").status);
+    EXPECT_EQ(loaded + 1, store()->manifestParseCount());
+    EXPECT_EQ(datacenter::ENABLED, store()->getPluginInfoById("p4").status);
+
+    // The mark file of the installer does not make settled manifests parse again.
+    settle(storeDir() + "p3.manifest");
+    store()->getPluginInfos();
+    writeFile(storeDir() + PluginStorageManager::sUpdatedFile, "");
+    const uint64_t before = store()->manifestParseCount();
+    EXPECT_EQ(20u, store()->getPluginInfos().size());
+    EXPECT_EQ(before, store()->manifestParseCount());
+    EXPECT_FALSE(datacenter::File::sExists(storeDir() + PluginStorageManager::sUpdatedFile));
+}
+
+TEST(PluginStorageCost, AManifestThatCannotBeReadNowIsKept) {
+    writeSettledStore(1);
+    ASSERT_EQ(1u, store()->getPluginInfos().size());
+    const std::string path = storeDir() + "p0.manifest";
+
+    // With every descriptor in use the manifest cannot be opened: the read
+    // fails, and the file must not be taken for one without a plugin id.
+    EXPECT_EQ(0, testsupport::inChildProcess([&path] {
+                  const int firstFree = open("/dev/null", O_RDONLY);
+                  close(firstFree);
+                  const struct rlimit limit = {static_cast<rlim_t>(firstFree), static_cast<rlim_t>(firstFree)};
+                  setrlimit(RLIMIT_NOFILE, &limit);
+                  PluginInfo info;
+                  return store()->getPluginInfoFromManifest(path, info) ? 1 : 0;
+              }));
+    EXPECT_TRUE(datacenter::File::sExists(path));
+
+    // One that does not parse stays too and is simply not listed; one that
+    // parses without a plugin id goes.
+    writeFile(storeDir() + "broken.manifest", "plugin_id = \"broken\";\nname = \"cut sh");
+    writeFile(storeDir() + "noid.manifest", "name = \"orphan\";\n");
+    const auto infos = store()->getPluginInfos();
+    EXPECT_EQ(1u, infos.size());
+    EXPECT_TRUE(datacenter::File::sExists(storeDir() + "broken.manifest"));
+    EXPECT_FALSE(datacenter::File::sExists(storeDir() + "noid.manifest"));
+
+    // Once it is whole again it is listed.
+    writeFile(storeDir() + "broken.manifest", "plugin_id = \"broken\";\nname = \"whole\";\n");
+    EXPECT_EQ("whole", store()->getPluginInfoById("broken").name);
+}
+
+TEST(PluginStorageCost, TheWelcomeStatusSetHereSurvivesAReRead) {
+    const std::string welcome = "5017400000000000005";
+    writeFile(storeDir() + welcome + ".manifest", "plugin_id = \"" + welcome + "\";\nname = \"w\";\n");
+    ASSERT_EQ(datacenter::NOT_INSTALLED, store()->getPluginInfoById(welcome).status);
+    ASSERT_TRUE(store()->updateStatusToStorage(welcome, datacenter::DISABLED));
+    datacenter::ConfigInfo::sGetInstance()->setConfigToFile(storeDir() + welcome + ".manifest", "name", "again");
+    const PluginInfo info = store()->getPluginInfoById(welcome);
+    EXPECT_EQ("again", info.name);
+    EXPECT_EQ(datacenter::DISABLED, info.status);
 }

@@ -50,19 +50,6 @@ TEST(CleanPlugin, EmptiesTheDirectoryDownToTheSandboxSkeleton) {
     EXPECT_EQ(API_GENERAL_FAILURE, manager->cleanPluginImpl(""));
 }
 
-TEST(CleanPlugin, UnmountsTheChrootWithTheDataDirectory) {
-    const auto runner = RecordingRunner::sInstall();
-    PluginManager* manager = Singleton<PluginManager>::instance();
-    std::string output;
-    EXPECT_EQ(API_FAILED, manager->umountRemoveChrootFolder("", output));
-    EXPECT_TRUE(runner->commands().empty());
-    runner->answer("chroot_umout.sh", 3, "busy\n");
-    EXPECT_EQ(API_SUCCESS, manager->umountRemoveChrootFolder("77", output));
-    EXPECT_EQ("busy", output);
-    EXPECT_EQ((std::vector<std::string>{"chroot_umout.sh " + PluginManager::sGetPluginDataPath("77")}),
-              runner->commands());
-}
-
 TEST(TimeMachine, MigratesOnlyVersionsAboveOnePointThree) {
     PluginManager* manager = Singleton<PluginManager>::instance();
     const std::string id = TimeMachineInfo::getPluginId();

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -8,7 +7,7 @@
 
 namespace {
 
-bool parse(std::initializer_list<const char*> args, InstallCommand& command) {
+bool parse(const std::vector<std::string>& args, InstallCommand& command) {
     std::vector<std::string> storage{"installplugin"};
     storage.insert(storage.end(), args.begin(), args.end());
     std::vector<char*> argv;
@@ -21,34 +20,29 @@ bool parse(std::initializer_list<const char*> args, InstallCommand& command) {
 
 }  // namespace
 
-TEST(InstallCommand, KeepIsPassedOnlyWithoutTheUpdateFlag) {
-    InstallCommand keep;
-    ASSERT_TRUE(parse({"-f", "p.qpk", "-k"}, keep));
-    EXPECT_EQ("p.qpk", keep.path);
-    EXPECT_TRUE(keep.keep);
-
-    InstallCommand updateAfter;
-    ASSERT_TRUE(parse({"-f", "p.qpk", "-k", "-u"}, updateAfter));
-    EXPECT_FALSE(updateAfter.keep);
-
-    InstallCommand updateBefore;
-    ASSERT_TRUE(parse({"-u", "-k", "-f", "p.qpk"}, updateBefore));
-    EXPECT_EQ("p.qpk", updateBefore.path);
-    EXPECT_FALSE(updateBefore.keep);
-}
-
-TEST(InstallCommand, LastPathWinsStrayArgumentsAreIgnoredUnknownOptionsFail) {
-    InstallCommand twice;
-    ASSERT_TRUE(parse({"-f", "a.qpk", "stray", "-f", "b.qpk"}, twice));
-    EXPECT_EQ("b.qpk", twice.path);
-    EXPECT_FALSE(twice.keep);
-
-    InstallCommand none;
-    ASSERT_TRUE(parse({}, none));
-    EXPECT_EQ("", none.path);
-
-    InstallCommand unknown;
-    EXPECT_FALSE(parse({"-s"}, unknown));
-    InstallCommand missingArgument;
-    EXPECT_FALSE(parse({"-f"}, missingArgument));
+TEST(InstallCommand, KeepOnlyWithoutUpdateLastPathWinsUnknownOptionsFail) {
+    struct Case {
+        std::vector<std::string> args;
+        bool parsed;
+        std::string path;
+        bool keep;
+    };
+    const std::vector<Case> cases = {
+        {{"-f", "p.qpk", "-k"}, true, "p.qpk", true},
+        {{"-f", "p.qpk", "-k", "-u"}, true, "p.qpk", false},
+        {{"-u", "-k", "-f", "p.qpk"}, true, "p.qpk", false},
+        {{"-f", "a.qpk", "stray", "-f", "b.qpk"}, true, "b.qpk", false},
+        {{}, true, "", false},
+        {{"-s"}, false, "", false},
+        {{"-f"}, false, "", false},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(&c - &cases[0]);
+        InstallCommand command;
+        ASSERT_EQ(c.parsed, parse(c.args, command));
+        if (c.parsed) {
+            EXPECT_EQ(c.path, command.path);
+            EXPECT_EQ(c.keep, command.keep);
+        }
+    }
 }

@@ -33,9 +33,9 @@ std::string dataDir() {
     return PluginManager::sGetPluginDataPath(kId);
 }
 
-void leaveJournal(bool upgrade, bool freshTree, const std::vector<std::string>& staged) {
+void leaveJournal(bool upgrade, bool freshTree, const std::vector<std::string>& staged, const std::string& id = kId) {
     InstallJournal::Entry entry;
-    entry.id = kId;
+    entry.id = id;
     entry.upgrade = upgrade;
     entry.freshTree = freshTree;
     entry.staged = staged;
@@ -172,15 +172,10 @@ TEST(InstallRecovery, NeverTouchesWhatALiveInstallerWorksOn) {
 TEST(InstallRecovery, StagedPathsOutsideThePluginRootAreIgnored) {
     writeFile(underRoot("/userdisk/precious"), "keep");
     writeFile(PluginManager::sGetPluginRootPath() + "x/file", "keep too");
-    InstallJournal::Entry entry;
-    entry.staged = {underRoot("/userdisk/precious"), PluginManager::sGetPluginRootPath(),
-                    PluginManager::sGetPluginRootPath() + "x/../../precious",
-                    PluginManager::sGetPluginRootPath() + ".."};
-    {
-        InstallJournal journal;
-        ASSERT_TRUE(journal.tryLock());
-        ASSERT_TRUE(journal.record(entry));
-    }
+    leaveJournal(false, false,
+                 {underRoot("/userdisk/precious"), PluginManager::sGetPluginRootPath(),
+                  PluginManager::sGetPluginRootPath() + "x/../../precious", PluginManager::sGetPluginRootPath() + ".."},
+                 "");
     EXPECT_TRUE(InstallJournal::sRecover());
     EXPECT_EQ("keep", readFile(underRoot("/userdisk/precious")));
     EXPECT_EQ("keep too", readFile(PluginManager::sGetPluginRootPath() + "x/file"));

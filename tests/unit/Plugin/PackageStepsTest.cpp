@@ -7,6 +7,7 @@
 #include "Plugin/installAction/PackageFiles.h"
 #include "common/Singleton.h"
 #include "storage/File.h"
+#include "support/PackageFactory.h"
 #include "support/RecordingRunner.h"
 #include "support/TestSupport.h"
 
@@ -40,11 +41,6 @@ public:
 
 void writeManifest(const std::string& id, const std::string& text) {
     writeFile(PluginManager::sGetPluginManifestPath(id), "plugin_id = \"" + id + "\";\n" + text);
-}
-
-void setFirmware(const std::string& version) {
-    writeFile(underRoot("/usr/share/halvard/halvard_version"),
-              "config version 'version'\n\toption ROM '" + version + "'\n");
 }
 
 }  // namespace
@@ -81,7 +77,7 @@ TEST(PackageUnzip, PayloadsWithoutAUsableManifestHaveNoId) {
 
 TEST(PackageChecks, SdkLevelFirmwareTypeVersionAndIdInThatOrder) {
     const auto runner = testsupport::RecordingRunner::sInstall();
-    setFirmware("1.2.9");
+    testsupport::PackageFactory::setFirmware("1.2.9");
     ChecksOnly action("31");
     writeManifest("31", "supported_rom = \"netvale_rom\";\n");
     EXPECT_EQ(API_SUCCESS, action.checkPackage());
@@ -89,6 +85,8 @@ TEST(PackageChecks, SdkLevelFirmwareTypeVersionAndIdInThatOrder) {
     writeManifest("31", "sdk_level = \"2\";\nsupported_rom = \"other\";\n");
     EXPECT_EQ(API_SDK_LEVEL_TOO_LOW, action.checkPackage());
     writeFile(underRoot("/usr/share/datacenter/sdk_level"), "sdk_level = \"2\";\n");
+    EXPECT_EQ(API_FIRMWARE_TYPE_UNSUPPORTED, action.checkPackage());
+    writeManifest("31", "supported_rom = \"\";\n");
     EXPECT_EQ(API_FIRMWARE_TYPE_UNSUPPORTED, action.checkPackage());
     writeManifest("31", "sdk_level = \"abc\";\nsupported_rom = \"netvale_rom\";\n");
     EXPECT_EQ(API_SDK_LEVEL_TOO_LOW, action.checkPackage());

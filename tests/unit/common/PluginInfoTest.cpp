@@ -4,29 +4,7 @@
 #include <boost/thread/thread.hpp>
 #include <stdexcept>
 
-#include "common/PluginInfo.h"
 #include "common/Singleton.h"
-
-TEST(PluginInfo, DefaultsAndCopyKeepReservedFields) {
-    datacenter::PluginInfo info;
-    EXPECT_EQ(1, info.sdkLevel);
-    EXPECT_EQ(0, info.installTime);
-    EXPECT_EQ(datacenter::NOT_INSTALLED, info.status);
-    EXPECT_TRUE(info.modelList.empty());
-    EXPECT_TRUE(info.capabilityList.empty());
-    EXPECT_EQ(0, info.limitSize);
-    EXPECT_FALSE(info.reservedFlag);
-
-    info.reservedText1 = "r1";
-    info.reservedText2 = "r2";
-    info.reservedFlag = true;
-    info.useStatus = static_cast<datacenter::PluginUseStatus>(-77);
-    const datacenter::PluginInfo copy = info;
-    EXPECT_EQ("r1", copy.reservedText1);
-    EXPECT_EQ("r2", copy.reservedText2);
-    EXPECT_TRUE(copy.reservedFlag);
-    EXPECT_EQ(-77, static_cast<int>(copy.useStatus));
-}
 
 namespace {
 

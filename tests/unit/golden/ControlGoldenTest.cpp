@@ -1,5 +1,6 @@
-// Log lines of the control call to a plugin and of its configuration data
-// for each outcome, compared with tests/data/control/*.expected.
+// Results and log lines of the control call to a plugin (and the plugin's
+// answer) and of its configuration data for each outcome, compared with
+// tests/data/control/*.expected.
 #include <gtest/gtest.h>
 
 #include <stdexcept>
@@ -59,6 +60,9 @@ TEST(ControlGolden, ControlPluginOutcomes) {
     std::string text;
     text += outcome("no port", [&] { return manager->controlPlugin("noport", "x", response); });
     text += outcome("answered", [&] { return manager->controlPlugin("answers", "x", response); });
+    text += "response [" + response + "]\n";
+    text += outcome("answered an empty request", [&] { return manager->controlPlugin("answers", "", response); });
+    text += "response [" + response + "]\n";
     text += outcome("plugin throws", [&] { return manager->controlPlugin("answers", "throw", response); });
     text += outcome("refused", [&] { return manager->controlPlugin("refuses", "x", response); });
     text += outcome("port not a number", [&] { return manager->controlPlugin("badport", "x", response); });

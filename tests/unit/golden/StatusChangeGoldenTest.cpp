@@ -1,5 +1,6 @@
-// Status changes of every plugin kind: the exact commands they issue and the
-// log lines they write, compared with tests/data/status/*.expected.
+// Status changes of every plugin kind: the result, the exact commands they
+// issue, the log lines they write and the status stored afterwards (kept
+// when a command fails), compared with tests/data/status/*.expected.
 #include <gtest/gtest.h>
 
 #include "Plugin/PluginManager.h"
@@ -56,6 +57,9 @@ std::string enableThenDisable(const std::string& id) {
         text += std::string("## ") + (status == datacenter::ENABLED ? "enable" : "disable") + " -> " +
                 std::to_string(code) + "\n## commands\n" + testsupport::joinLines(runner->commands()) + "## log\n" +
                 testsupport::logText(log);
+        if (!welcome) {
+            text += "## stored " + std::to_string(testsupport::storedStatus(id)) + "\n";
+        }
     }
     return text;
 }
@@ -88,6 +92,7 @@ TEST(StatusChangeGolden, FailingCommandsKeepTheStatus) {
         const ApiErrorCode code = Singleton<PluginManager>::instance()->changePluginStatus(kind.id, wanted);
         text += std::string("## ") + kind.name + " -> " + std::to_string(code) + "\n## commands\n" +
                 testsupport::joinLines(runner->commands()) + "## log\n" + testsupport::logText(log);
+        text += "## stored " + std::to_string(testsupport::storedStatus(kind.id)) + "\n";
     }
     EXPECT_GOLDEN("status/failing-commands", text);
 }

@@ -1,23 +1,12 @@
 #include <gtest/gtest.h>
 
 #include "support/HttpTestServer.h"
+#include "support/TestSupport.h"
 #include "system/WebRequest.h"
 
 using testsupport::HttpRequest;
 using testsupport::HttpResponse;
 using testsupport::HttpTestServer;
-
-namespace {
-
-// A loopback port where nothing listens: a server is started and stopped.
-int closedPort() {
-    HttpTestServer server;
-    const int port = server.port();
-    server.stop();
-    return port;
-}
-
-}  // namespace
 
 TEST(WebRequestEncodingTest, EncodesReservedBytesAndSpaces) {
     EXPECT_EQ("a+b%26c", WebRequest::urlencode("a b&c"));
@@ -38,14 +27,6 @@ TEST(WebRequestEncodingTest, DecodesEscapesAndKeepsBrokenOnes) {
     EXPECT_EQ(allBytes, WebRequest::urldecode(WebRequest::urlencode(allBytes)));
 }
 
-TEST(WebRequestEncodingTest, HexDigits) {
-    EXPECT_EQ('f', WebRequest::toHex(static_cast<char>(0xaf)));
-    EXPECT_EQ('0', WebRequest::toHex(0x10));
-    EXPECT_EQ(11, WebRequest::fromHex('B'));
-    EXPECT_EQ(11, WebRequest::fromHex('b'));
-    EXPECT_EQ(7, WebRequest::fromHex('7'));
-}
-
 TEST(WebRequestTransferTest, GetReturnsBodyAndReplacesOldResponse) {
     HttpTestServer server;
     server.route("/hello", HttpResponse::text(200, "hello world"));
@@ -62,7 +43,8 @@ TEST(WebRequestTransferTest, GetReportsTimeoutAndRefusedConnection) {
     server.route("/stall", HttpResponse::stalled());
     std::string response;
     EXPECT_EQ(28, WebRequest::Get(server.url("/stall"), response, 1));
-    EXPECT_EQ(7, WebRequest::Get("http://127.0.0.1:" + std::to_string(closedPort()) + "/", response, 1));
+    EXPECT_EQ(
+        7, WebRequest::Get("http://127.0.0.1:" + std::to_string(testsupport::closedLoopbackPort()) + "/", response, 1));
 }
 
 TEST(WebRequestTransferTest, PostSendsBodyAndContentTypeAndAppends) {

@@ -1,16 +1,12 @@
 // The DataCenter RPC layer against real loopback servers: the server adapter
 // with a test handler, hand-rolled Thrift peers for replies the adapter never
 // sends, and plain sockets for peers that never answer or are not there.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <thrift/TApplicationException.h>
 #include <thrift/protocol/TBinaryProtocol.h>
 #include <thrift/transport/TBufferTransports.h>
 #include <thrift/transport/TServerSocket.h>
 #include <thrift/transport/TSocket.h>
-#include <unistd.h>
 
 #include <memory>
 #include <stdexcept>
@@ -19,10 +15,9 @@
 #include "DataCenter.h"
 #include "rpc/DataCenterRpcClient.h"
 #include "rpc/DataCenterRpcServer.h"
+#include "support/SilentListener.h"
 
 using apache::thrift::TApplicationException;
-using apache::thrift::protocol::T_CALL;
-using apache::thrift::protocol::T_EXCEPTION;
 using apache::thrift::protocol::T_REPLY;
 using apache::thrift::protocol::T_STRING;
 using apache::thrift::protocol::T_STRUCT;
@@ -34,6 +29,7 @@ using apache::thrift::transport::TSocket;
 using datacenter::DataCenterRpcClient;
 using datacenter::DataCenterRpcServer;
 using datacenter::RpcResult;
+using testsupport::SilentListener;
 
 namespace {
 
@@ -120,35 +116,6 @@ private:
     std::thread thread_;
 };
 
-// A listening socket that the kernel accepts connections for but nobody reads.
-class SilentListener {
-public:
-    SilentListener() {
-        fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof(address);
-        if (::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 || ::listen(fd_, 8) != 0 ||
-            ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-            throw std::runtime_error("cannot listen");
-        }
-        port_ = ntohs(address.sin_port);
-    }
-    ~SilentListener() { close(); }
-    int port() const { return port_; }
-    void close() {
-        if (fd_ >= 0) {
-            ::close(fd_);
-            fd_ = -1;
-        }
-    }
-
-private:
-    int fd_ = -1;
-    int port_ = 0;
-};
-
 TEST_F(ServedTest, RequestAndNotifyRoundTrip) {
     std::string response;
     RpcResult result = DataCenterRpcClient::sRequest("localhost", server_.port(), "status", response, kTimeoutMs);
@@ -186,40 +153,6 @@ TEST_F(ServedTest, HandlerExceptionBecomesApplicationException) {
     EXPECT_TRUE(DataCenterRpcClient::sRequest("127.0.0.1", server_.port(), "x", response, kTimeoutMs).ok());
 }
 
-TEST_F(ServedTest, UnknownMethodIsAnsweredAndConnectionStaysUsable) {
-    RawConnection connection(server_.port());
-    TBinaryProtocol& protocol = *connection.protocol;
-    protocol.writeMessageBegin("frobnicate", T_CALL, 7);
-    protocol.writeStructBegin("args");
-    protocol.writeFieldBegin("parameter", T_STRING, 1);
-    protocol.writeString(std::string("junk"));
-    protocol.writeFieldEnd();
-    protocol.writeFieldStop();
-    protocol.writeStructEnd();
-    protocol.writeMessageEnd();
-    connection.transport->writeEnd();
-    connection.transport->flush();
-
-    std::string name;
-    TMessageType type;
-    int32_t sequenceId = 0;
-    protocol.readMessageBegin(name, type, sequenceId);
-    EXPECT_EQ(T_EXCEPTION, type);
-    EXPECT_EQ("frobnicate", name);
-    EXPECT_EQ(7, sequenceId);
-    TApplicationException answer;
-    answer.read(&protocol);
-    protocol.readMessageEnd();
-    connection.transport->readEnd();
-    EXPECT_EQ(TApplicationException::UNKNOWN_METHOD, answer.getType());
-    EXPECT_STREQ("Invalid method name: 'frobnicate'", answer.what());
-
-    datacenter::DataCenterClient client(connection.protocol);
-    std::string response;
-    client.request(response, "again");
-    EXPECT_EQ("echo:again", response);
-}
-
 TEST_F(ServedTest, StopEndsOpenConnectionsAndFreesPort) {
     RawConnection idle(server_.port());
     const int port = server_.port();
@@ -255,20 +188,15 @@ TEST(RpcReplyTest, ForeignSequenceIdAndOldStyleHeaderAreAccepted) {
     }
 }
 
-TEST(RpcTransportTest, SilentPeerTimesOut) {
+TEST(RpcTransportTest, SilentPeerTimesOutAndRefusedConnectionIsTransportFailure) {
     SilentListener listener;
     std::string response = "kept";
-    const RpcResult result = DataCenterRpcClient::sRequest("127.0.0.1", listener.port(), "x", response, 300);
+    RpcResult result = DataCenterRpcClient::sRequest("127.0.0.1", listener.port(), "x", response, 300);
     EXPECT_EQ(RpcResult::RPC_TIMEOUT, result.status) << result.message;
     EXPECT_EQ("kept", response);
-}
 
-TEST(RpcTransportTest, RefusedConnectionIsTransportFailure) {
-    SilentListener listener;
-    const int port = listener.port();
     listener.close();
-    std::string response;
-    const RpcResult result = DataCenterRpcClient::sRequest("localhost", port, "x", response, kTimeoutMs);
+    result = DataCenterRpcClient::sRequest("localhost", listener.port(), "x", response, kTimeoutMs);
     EXPECT_EQ(RpcResult::RPC_TRANSPORT_FAILED, result.status);
     EXPECT_FALSE(result.message.empty());
 }

@@ -58,18 +58,6 @@ TEST(PackageFormat, TrailerLengthsMustFillTheFileExactly) {
     EXPECT_FALSE(ok) << "file shorter than a trailer";
 }
 
-TEST(PackageFormat, TrailerMagicAndVersionAreChecked) {
-    const std::string good = trailerFor(10, 10);
-    ASSERT_EQ(kTrailerSize, good.size());
-    for (size_t i = 12; i < kTrailerSize; ++i) {
-        std::string bad = good;
-        bad[i] = static_cast<char>(bad[i] ^ 0x01);
-        bool ok = true;
-        parse(bad, 10 + 10 + kTrailerSize, ok);
-        EXPECT_FALSE(ok) << "byte " << i;
-    }
-}
-
 TEST(PackageFormat, DescriptorRoundTripsAndRefusesIncompleteContent) {
     const std::string encoded = encodeDescriptor(sampleDescriptor());
     ASSERT_EQ(kDescriptorSize, encoded.size());

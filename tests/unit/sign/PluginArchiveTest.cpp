@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
-#include <zip.h>
 
-#include <set>
 #include <string>
 
 #include "sign/PluginArchive.h"
@@ -12,19 +10,6 @@ using namespace packagesign;
 using testsupport::writeFile;
 
 namespace {
-
-std::set<std::string> entryNames(const std::string& zipPath) {
-    int error = 0;
-    zip_t* archive = zip_open(zipPath.c_str(), ZIP_RDONLY, &error);
-    std::set<std::string> names;
-    for (zip_int64_t i = 0; archive && i < zip_get_num_entries(archive, 0); ++i) {
-        names.insert(zip_get_name(archive, static_cast<zip_uint64_t>(i), 0));
-    }
-    if (archive) {
-        zip_discard(archive);
-    }
-    return names;
-}
 
 class PluginArchive : public signtest::SignFixture {
 protected:
@@ -44,7 +29,8 @@ TEST_F(PluginArchive, PacksFileEntriesOnlyAndReadsTheManifestBackFromThePackage)
     size_t count = 0;
     ASSERT_EQ("", packPluginTree(tree, work("plugin.zip"), count));
     EXPECT_EQ(3u, count);
-    EXPECT_EQ((std::set<std::string>{"manifest", "bin/app", "www/css/site.css"}), entryNames(work("plugin.zip")));
+    EXPECT_EQ("bin/app\nmanifest\nwww/css/site.css\n",
+              testsupport::runCommand("unzip -Z1 " + work("plugin.zip") + " | LC_ALL=C sort").output);
 
     ASSERT_EQ(kOk, sign("developer", 0, work("plugin.zip"), work("plugin.qpk")));
     PackageHeader header;

@@ -38,11 +38,18 @@ TEST(DirectoryCopy, CopiesTreeAndNamesCollidingFilesAsDuplicates) {
     writeFile(base + "/src/a.txt", "new a");
     writeFile(base + "/src/sub/b.bin", "bee");
     writeFile(base + "/dst/a.txt", "old a");
+    // A duplicate name is one that no file has yet.
+    writeFile(base + "/src/b(x).txt", "new b");
+    writeFile(base + "/dst/b(x).txt", "first");
+    writeFile(base + "/dst/b(x)(1).txt", "second");
 
     ASSERT_TRUE(Directory::sCopyDirectory(base + "/src", base + "/dst").ok());
     EXPECT_EQ("old a", readFile(base + "/dst/a.txt"));
     EXPECT_EQ("new a", readFile(base + "/dst/a(1).txt"));
     EXPECT_EQ("bee", readFile(base + "/dst/sub/b.bin"));
+    EXPECT_EQ("first", readFile(base + "/dst/b(x).txt"));
+    EXPECT_EQ("second", readFile(base + "/dst/b(x)(1).txt"));
+    EXPECT_EQ("new b", readFile(base + "/dst/b(x)(2).txt"));
 
     // Into a target that does not exist yet, with its parents.
     ASSERT_TRUE(Directory::sCopyDirectory(base + "/src", base + "/fresh/deep").ok());
@@ -92,16 +99,10 @@ TEST(DirectoryQueries, NeverCreatesOrRemovesTheRootItselfOrAnEmptyPath) {
 }
 
 TEST(LibconfigKey, ConvertsArbitraryTextIntoAValidSettingName) {
-    std::string key = "5 ab.c";
-    CommonUtils::sConvertToValidLibconfigKey(key);
-    EXPECT_EQ("key_5_ab_c", key);
-    key = "*x";
-    CommonUtils::sConvertToValidLibconfigKey(key);
-    EXPECT_EQ("*x", key);
-    key = "";
-    CommonUtils::sConvertToValidLibconfigKey(key);
-    EXPECT_EQ("", key);
-    key = "port_of_1-2";
-    CommonUtils::sConvertToValidLibconfigKey(key);
-    EXPECT_EQ("port_of_1-2", key);
+    for (const auto& c : std::vector<std::pair<std::string, std::string>>{
+             {"5 ab.c", "key_5_ab_c"}, {"*x", "*x"}, {"", ""}, {"port_of_1-2", "port_of_1-2"}}) {
+        std::string key = c.first;
+        CommonUtils::sConvertToValidLibconfigKey(key);
+        EXPECT_EQ(c.second, key) << c.first;
+    }
 }

@@ -51,7 +51,7 @@ TEST(FileCopy, KeepsTenMebibytesFreeOnTheDestination) {
     EXPECT_EQ(0777u, st.st_mode & 0777);
 }
 
-TEST(FileCopy, CopiesContentAcrossManyBlocksAndReportsOpenFailures) {
+TEST(FileCopy, CopiesContentAcrossManyBlocksAndReportsOpenAndReadFailures) {
     const std::string dir = testsupport::makeScratchDir("blocks");
     std::string content;
     for (int i = 0; i < 5000; ++i) {
@@ -62,6 +62,8 @@ TEST(FileCopy, CopiesContentAcrossManyBlocksAndReportsOpenFailures) {
     EXPECT_EQ(content, readFile(dir + "/dst"));
 
     EXPECT_EQ(File::sCopyFailed, File::sRawCopyFile(dir + "/missing", dir + "/dst2"));
+    // Reading a directory as a file fails at the first read, after a successful open.
+    EXPECT_EQ(File::sCopyFailed, File::sRawCopyFile(dir, dir + ".copy"));
     ASSERT_EQ(0, mkdir((dir + "/isdir").c_str(), 0755));
     EXPECT_EQ(File::sCopyFailed, File::sRawCopyFile(dir + "/src", dir + "/isdir"));
 }

@@ -1,7 +1,6 @@
 // Command helpers against real shell commands, and the string, time and lock helpers.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -100,18 +99,12 @@ TEST(CommonUtilsFiles, IsFileAndAdvisoryLocks) {
 
     // Another process must not get the lock while this one holds it, and its
     // descriptor is closed on failure.
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        const int other = open(file.c_str(), O_RDWR);
-        struct flock theirs;
-        const int result = CommonUtils::slockFileLock(theirs, F_WRLCK, other, file);
-        const bool closed = fcntl(other, F_GETFD) == -1;
-        _exit(result == -1 && closed ? 0 : 1);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_EQ(0, testsupport::inChildProcess([&file] {
+                  const int other = open(file.c_str(), O_RDWR);
+                  struct flock theirs;
+                  const int result = CommonUtils::slockFileLock(theirs, F_WRLCK, other, file);
+                  return result == -1 && fcntl(other, F_GETFD) == -1 ? 0 : 1;
+              }));
 
     EXPECT_EQ(0, CommonUtils::sUnlockFileLock(lock, fd, file));
     EXPECT_EQ(-1, fcntl(fd, F_GETFD));  // closed after unlocking

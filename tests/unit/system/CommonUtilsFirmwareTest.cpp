@@ -2,6 +2,9 @@
 // UCI files under the test root, the sim/ stand-ins or a recording runner.
 #include <gtest/gtest.h>
 
+#include <boost/filesystem.hpp>
+
+#include "support/PackageFactory.h"
 #include "support/RecordingRunner.h"
 #include "support/TestSupport.h"
 #include "system/CommonUtils.h"
@@ -9,27 +12,18 @@
 using testsupport::underRoot;
 using testsupport::writeFile;
 
-namespace {
-
-void writeFirmware(const std::string& version, const std::string& channel) {
-    writeFile(underRoot("/usr/share/halvard/halvard_version"),
-              "config version 'version'\n\toption ROM '" + version + "'\n\toption CHANNEL '" + channel + "'\n");
-}
-
-}  // namespace
+using testsupport::PackageFactory;
 
 TEST(CommonUtilsFirmware, VersionComparisonAgainstTheRom) {
-    writeFirmware("2.4.10", "release");
+    PackageFactory::setFirmware("2.4.10", "release");
     EXPECT_EQ("2.4.10", CommonUtils::sGetRomVersion());
     EXPECT_EQ("release", CommonUtils::sGetRomChannel());
-    EXPECT_TRUE(CommonUtils::sCheckIsLowerVersionThanCurrentRom("2.4.9"));
-    EXPECT_TRUE(CommonUtils::sCheckIsLowerVersionThanCurrentRom("2.4.10"));
-    EXPECT_TRUE(CommonUtils::sCheckIsLowerVersionThanCurrentRom("1.9.99"));
-    EXPECT_FALSE(CommonUtils::sCheckIsLowerVersionThanCurrentRom("2.5.0"));
-    EXPECT_FALSE(CommonUtils::sCheckIsLowerVersionThanCurrentRom("2.4.11"));
-    EXPECT_FALSE(CommonUtils::sCheckIsLowerVersionThanCurrentRom("3.0.0"));
-    EXPECT_FALSE(CommonUtils::sCheckIsLowerVersionThanCurrentRom("2.4"));
-    EXPECT_FALSE(CommonUtils::sCheckIsLowerVersionThanCurrentRom("2.4.9.1"));
+    for (const char* met : {"2.4.9", "2.4.10", "1.9.99"}) {
+        EXPECT_TRUE(CommonUtils::sCheckIsLowerVersionThanCurrentRom(met)) << met;
+    }
+    for (const char* unmet : {"2.5.0", "2.4.11", "3.0.0", "2.4", "2.4.9.1"}) {
+        EXPECT_FALSE(CommonUtils::sCheckIsLowerVersionThanCurrentRom(unmet)) << unmet;
+    }
 }
 
 TEST(CommonUtilsFirmware, NoVersionFileMeetsNoRequirement) {
@@ -45,34 +39,35 @@ TEST(CommonUtilsFirmware, DeviceIdAndSerialNumber) {
     EXPECT_NE(std::string::npos, testsupport::readFile(underRoot("/tmp/sim-commands.log")).find("nvram get SN\n"));
 }
 
-TEST(CommonUtilsCountry, CacheFileWinsWithoutRunningNvram) {
-    writeFirmware("2.4.10", "release");
-    writeFile(underRoot("/tmp/commonutils.config.tmp"), "code = \"DE\";\n");
-    auto runner = testsupport::RecordingRunner::sInstall();
-    EXPECT_EQ("DE", CommonUtils::sGetCountryCode());
-    EXPECT_TRUE(runner->commands().empty());
-}
-
-TEST(CommonUtilsCountry, NonReleaseChannelFallsBackWithoutNvram) {
-    writeFirmware("2.4.10", "beta");
-    auto runner = testsupport::RecordingRunner::sInstall();
-    runner->answer("nvram", 0, "US");
-    EXPECT_EQ("CN", CommonUtils::sGetCountryCode());
-    EXPECT_FALSE(runner->ran("nvram"));
-}
-
-TEST(CommonUtilsCountry, ReleaseChannelAsksNvram) {
-    writeFirmware("2.4.10", "release");
-    auto runner = testsupport::RecordingRunner::sInstall();
-    runner->answer("nvram get CountryCode", 0, " US\r\n");
-    EXPECT_EQ("US", CommonUtils::sGetCountryCode());
-    EXPECT_EQ((std::vector<std::string>{"nvram get CountryCode"}), runner->commands());
-}
-
-TEST(CommonUtilsCountry, ReleaseChannelWithEmptyNvramFallsBack) {
-    writeFirmware("2.4.10", "release");
-    writeFile(underRoot("/tmp/commonutils.config.tmp"), "code = \"\";\n");
-    EXPECT_EQ("CN", CommonUtils::sGetCountryCode());
+TEST(CommonUtilsCountry, CacheFileThenNvramOnReleaseFirmwareThenChina) {
+    struct Case {
+        const char* channel;
+        const char* cache;  // the cache file's content, or none
+        const char* nvram;  // nvram's answer, or none
+        const char* expected;
+        std::vector<std::string> commands;
+    };
+    const std::vector<Case> cases = {
+        {"release", "code = \"DE\";\n", " US\r\n", "DE", {}},
+        {"beta", nullptr, "US", "CN", {}},
+        {"release", nullptr, " US\r\n", "US", {"nvram get CountryCode"}},
+        {"release", "code = \"\";\n", "", "CN", {"nvram get CountryCode"}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.channel) + " " + (c.cache ? c.cache : "no cache"));
+        PackageFactory::setFirmware("2.4.10", c.channel);
+        boost::filesystem::remove(underRoot("/tmp/commonutils.config.tmp"));
+        if (c.cache) {
+            writeFile(underRoot("/tmp/commonutils.config.tmp"), c.cache);
+        }
+        auto runner = testsupport::RecordingRunner::sInstall();
+        if (c.nvram) {
+            runner->answer("nvram get CountryCode", 0, c.nvram);
+        }
+        EXPECT_EQ(c.expected, CommonUtils::sGetCountryCode());
+        EXPECT_EQ(c.commands, runner->commands());
+    }
+    // The real tool (the sim/ stand-in) is asked when the cache holds no code.
     writeFile(underRoot("/sim/nvram/CountryCode"), "JP\n");
     EXPECT_EQ("JP", CommonUtils::sGetCountryCode());
 }

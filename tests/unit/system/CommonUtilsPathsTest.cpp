@@ -17,60 +17,47 @@ struct TextCase {
     std::string expected;
 };
 
-}  // namespace
-
-TEST(CommonUtilsPathsTest, RemoveMarksStripsOneLayerOfMatchingQuotes) {
-    const std::vector<TextCase> cases = {
-        {"'word'", "word"},
-        {"\"word\"", "word"},
-        {"'word", "'word"},
-        {"word'", "word'"},
-        {"\"word", "\"word"},
-        {"'\"word\"'", "\"word\""},
-        {"\"'word'\"", "'word'"},
-        {"'it's'", "it's"},
-        {"''", ""},
-        {"'", "'"},
-        {"", ""},
-        {"plain", "plain"},
-    };
-    for (const TextCase& c : cases) {
-        EXPECT_EQ(c.expected, CommonUtils::sRemoveMarks(c.input)) << c.input;
-    }
+std::string removeSlashes(const std::string& path) {
+    return CommonUtils::sRemoveSuffix(path, '/');
 }
 
-TEST(CommonUtilsPathsTest, InvalidCharactersAndEscaping) {
+}  // namespace
+
+TEST(CommonUtilsPathsTest, QuotesEscapesAndSlashesOfPathTexts) {
+    typedef std::string (*Transform)(const std::string&);
+    const std::vector<std::pair<Transform, std::vector<TextCase>>> tables = {
+        // One layer of matching quotes goes.
+        {CommonUtils::sRemoveMarks,
+         {{"'word'", "word"},
+          {"\"word\"", "word"},
+          {"'word", "'word"},
+          {"word'", "word'"},
+          {"\"word", "\"word"},
+          {"'\"word\"'", "\"word\""},
+          {"\"'word'\"", "'word'"},
+          {"'it's'", "it's"},
+          {"''", ""},
+          {"'", "'"},
+          {"", ""},
+          {"plain", "plain"}}},
+        {CommonUtils::sGetEscapedPath,
+         {{"a b(1).mp4", "a\\ b\\(1\\).mp4"}, {"*?", "\\*\\?"}, {"/plain/path", "/plain/path"}, {"", ""}}},
+        // The trailing-slash helpers leave short paths alone.
+        {CommonUtils::sUnifyPathStyle,
+         {{"/data/", "/data"}, {"/data", "/data"}, {"/", "/"}, {"", ""}, {"a/", "a"}, {"/d//", "/d/"}}},
+        {CommonUtils::sCompleteDirPath, {{"/data", "/data/"}, {"/data/", "/data/"}, {"/", "/"}, {"a", "a"}}},
+        {removeSlashes, {{"/mnt/sda1///", "/mnt/sda1"}, {"///", "/"}, {"/", "/"}, {"", ""}}},
+    };
+    for (size_t table = 0; table < tables.size(); ++table) {
+        for (const TextCase& c : tables[table].second) {
+            EXPECT_EQ(c.expected, tables[table].first(c.input)) << "table " << table << ": " << c.input;
+        }
+    }
     for (const char c : std::string("\\:*?\"<>|;")) {
         EXPECT_TRUE(CommonUtils::sIsContainInvalidChar(std::string("name") + c + "x")) << c;
     }
     for (const std::string ok : {"", "a b(1).mp4", "dir/sub/file.txt", "照片-副本"}) {
         EXPECT_FALSE(CommonUtils::sIsContainInvalidChar(ok)) << ok;
-    }
-
-    const std::vector<TextCase> escapes = {
-        {"a b(1).mp4", "a\\ b\\(1\\).mp4"},
-        {"*?", "\\*\\?"},
-        {"/plain/path", "/plain/path"},
-        {"", ""},
-    };
-    for (const TextCase& c : escapes) {
-        EXPECT_EQ(c.expected, CommonUtils::sGetEscapedPath(c.input)) << c.input;
-    }
-}
-
-TEST(CommonUtilsPathsTest, TrailingSlashHelpersLeaveShortPathsAlone) {
-    const std::vector<TextCase> unify = {{"/data/", "/data"}, {"/data", "/data"}, {"/", "/"}, {"", ""},
-                                         {"a/", "a"},         {"/d//", "/d/"}};
-    for (const TextCase& c : unify) {
-        EXPECT_EQ(c.expected, CommonUtils::sUnifyPathStyle(c.input)) << c.input;
-    }
-    const std::vector<TextCase> complete = {{"/data", "/data/"}, {"/data/", "/data/"}, {"/", "/"}, {"a", "a"}};
-    for (const TextCase& c : complete) {
-        EXPECT_EQ(c.expected, CommonUtils::sCompleteDirPath(c.input)) << c.input;
-    }
-    const std::vector<TextCase> remove = {{"/mnt/sda1///", "/mnt/sda1"}, {"///", "/"}, {"/", "/"}, {"", ""}};
-    for (const TextCase& c : remove) {
-        EXPECT_EQ(c.expected, CommonUtils::sRemoveSuffix(c.input, '/')) << c.input;
     }
 }
 
@@ -91,47 +78,45 @@ TEST(CommonUtilsPathsTest, AbsolutePathResolvesDotsAndRejectsClimbingOut) {
     }
 }
 
-TEST(CommonUtilsPathsTest, DuplicateFileNameNumbersCopies) {
-    const std::string dir = testsupport::makeScratchDir("dup");
-    EXPECT_EQ(dir + "/a.jpg", CommonUtils::sGetDuplicateFileName(dir + "/a.jpg"));  // free
-
-    writeFile(dir + "/a.jpg", "x");
-    EXPECT_EQ(dir + "/a(1).jpg", CommonUtils::sGetDuplicateFileName(dir + "/a.jpg"));
-    writeFile(dir + "/a(1).jpg", "x");
-    EXPECT_EQ(dir + "/a(2).jpg", CommonUtils::sGetDuplicateFileName(dir + "/a.jpg"));
-
-    writeFile(dir + "/a(7).jpg", "x");
-    EXPECT_EQ(dir + "/a(2).jpg", CommonUtils::sGetDuplicateFileName(dir + "/a(7).jpg"));
-
-    writeFile(dir + "/a(b).jpg", "x");
-    EXPECT_EQ(dir + "/a(b)(1).jpg", CommonUtils::sGetDuplicateFileName(dir + "/a(b).jpg"));
-
-    datacenter::Directory::sCreateDirectory(dir + "/folder");
-    EXPECT_EQ(dir + "/folder(1)", CommonUtils::sGetDuplicateFileName(dir + "/folder"));
-}
-
-TEST(CommonUtilsPathsTest, DuplicatePathUsesTheCopyMarker) {
-    const std::string dir = testsupport::makeScratchDir("copies");
+TEST(CommonUtilsPathsTest, DuplicateNamesAreTheFirstFreeNumberedOrMarkedCopy) {
+    typedef std::string (*Namer)(const std::string&);
+    struct Case {
+        Namer namer;
+        std::vector<std::string> existing;  // files, or folders when ending in "/"
+        std::string input;
+        std::string expected;
+    };
+    const Namer numbered = CommonUtils::sGetDuplicateFileName;
+    const Namer marked = CommonUtils::sGetDuplicatePath;
+    const std::vector<Case> cases = {
+        {numbered, {}, "a.jpg", "a.jpg"},
+        {numbered, {"a.jpg"}, "a.jpg", "a(1).jpg"},
+        {numbered, {"a.jpg", "a(1).jpg"}, "a.jpg", "a(2).jpg"},
+        {numbered, {"a.jpg", "a(1).jpg", "a(7).jpg"}, "a(7).jpg", "a(2).jpg"},
+        {numbered, {"a(b).jpg"}, "a(b).jpg", "a(b)(1).jpg"},
+        {numbered, {"folder/"}, "folder", "folder(1)"},
+        {marked, {}, "x.txt", "x.txt"},
+        {marked, {"x.txt"}, "x.txt", "x-副本.txt"},
+        {marked, {"x.txt", "x-副本.txt"}, "x.txt", "x-副本2.txt"},
+        {marked, {"x.txt", "x-副本.txt", "x-副本2.txt"}, "x-副本.txt", "x-副本3.txt"},
+        // A numbered copy as input starts again from the unnumbered copy name.
+        {marked, {"x-副本3.txt"}, "x-副本3.txt", "x-副本.txt"},
+        // A marker followed by something other than digits is part of the name.
+        {marked, {"y-副本a.txt"}, "y-副本a.txt", "y-副本a-副本.txt"},
+        {marked, {"photos/"}, "photos", "photos-副本"},
+    };
+    for (const Case& c : cases) {
+        const std::string dir = testsupport::makeScratchDir("dup") + "/";
+        for (const std::string& name : c.existing) {
+            if (name.back() == '/') {
+                datacenter::Directory::sCreateDirectory(dir + name);
+            } else {
+                writeFile(dir + name, "x");
+            }
+        }
+        EXPECT_EQ(dir + c.expected, c.namer(dir + c.input)) << c.input;
+    }
     EXPECT_EQ("", CommonUtils::sGetDuplicatePath(""));
-    EXPECT_EQ(dir + "/x.txt", CommonUtils::sGetDuplicatePath(dir + "/x.txt"));  // free
-
-    writeFile(dir + "/x.txt", "x");
-    EXPECT_EQ(dir + "/x-副本.txt", CommonUtils::sGetDuplicatePath(dir + "/x.txt"));
-    writeFile(dir + "/x-副本.txt", "x");
-    EXPECT_EQ(dir + "/x-副本2.txt", CommonUtils::sGetDuplicatePath(dir + "/x.txt"));
-    writeFile(dir + "/x-副本2.txt", "x");
-    EXPECT_EQ(dir + "/x-副本3.txt", CommonUtils::sGetDuplicatePath(dir + "/x-副本.txt"));
-
-    // A numbered copy as input starts again from the unnumbered copy name.
-    const std::string other = testsupport::makeScratchDir("copies2");
-    writeFile(other + "/x-副本3.txt", "x");
-    EXPECT_EQ(other + "/x-副本.txt", CommonUtils::sGetDuplicatePath(other + "/x-副本3.txt"));
-    // A marker followed by something other than digits is part of the name.
-    writeFile(other + "/y-副本a.txt", "x");
-    EXPECT_EQ(other + "/y-副本a-副本.txt", CommonUtils::sGetDuplicatePath(other + "/y-副本a.txt"));
-
-    datacenter::Directory::sCreateDirectory(other + "/photos");
-    EXPECT_EQ(other + "/photos-副本", CommonUtils::sGetDuplicatePath(other + "/photos"));
 }
 
 TEST(CommonUtilsPathsTest, FileTimesAndSizes) {

@@ -90,20 +90,3 @@ TEST(ConfigInfoLayout, BackupPathsFollowTheDrive) {
     EXPECT_EQ(drive + "/phone1", config->getBackupRootPath(existed, "phone1"));
     EXPECT_TRUE(existed);
 }
-
-TEST(ConfigInfoLayout, FixedPathsAreUnderTheRoot) {
-    ConfigInfo* config = ConfigInfo::sGetInstance();
-    EXPECT_EQ(underRoot("/userdisk/appdata/"), ConfigInfo::sGetPluginRootPath());
-    EXPECT_TRUE(datacenter::Directory::sIsDirectory(underRoot("/userdisk/data")));
-    EXPECT_EQ(underRoot("/userdisk/appdata/"), datacenter::planformetPluginRootPath());
-    EXPECT_EQ(underRoot("/userdisk/data/.systemconfig/DataBase/pinyin.db"), config->getPinyinDatabasePath());
-    EXPECT_EQ(underRoot("/userdisk/data/.systemconfig/.thumbnails/smallIcons"), config->getSmallIconsRootPath());
-    EXPECT_EQ(underRoot("/userdisk/datacenterConfig/umntpath.cfg"), config->getExtdiskUmntPath());
-    EXPECT_EQ(underRoot("/userdisk/log/datacenter"), config->getLogPath());
-    EXPECT_EQ(underRoot("/extdisks/sdz9"), config->getPTPCameraMountPoint());
-    EXPECT_EQ("/dev/sdz9", config->getPTPCameraUsbInfoDevice());
-    EXPECT_EQ(underRoot("/etc/datacenterconfig/localization"), config->getLocalizationFolder());
-    EXPECT_EQ(underRoot("/userdisk/data/torrent/"), config->getTorrentFolderPath());
-    EXPECT_TRUE(datacenter::Directory::sIsDirectory(underRoot("/userdisk/data/torrent/")));
-    EXPECT_TRUE(config->hasFormattedStorage());
-}

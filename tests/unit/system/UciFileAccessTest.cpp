@@ -30,33 +30,32 @@ const char* const kNetwork =
 
 }  // namespace
 
-TEST(UciLookup, NamedAndIndexedSections) {
+TEST(UciLookup, NamedAndIndexedSectionsMissingPartsAndPathsThroughTheRoot) {
     testsupport::writeFile(underRoot("/etc/config/network"), kNetwork);
-    EXPECT_EQ("lo", CommonUtils::sUciGet("network.loopback.ifname"));
-    EXPECT_EQ("eth0 eth1", CommonUtils::sUciGet("network.lan.ifname"));
-    EXPECT_EQ("192.168.31.1", CommonUtils::sUciGet("network.lan.ipaddr"));
-    EXPECT_EQ("it's", CommonUtils::sUciGet("network.lan.quoted"));
-    // A second block of the same name adds to the first.
-    EXPECT_EQ("static", CommonUtils::sUciGet("network.lan.proto"));
-    EXPECT_EQ("switch0", CommonUtils::sUciGet("network.@switch[0].name"));
-    EXPECT_EQ("switch1", CommonUtils::sUciGet("network.@switch[-1].name"));
-    EXPECT_EQ("lo", CommonUtils::sUciGet("network.@interface[0].ifname"));
-    EXPECT_EQ("", CommonUtils::sUciGet("network.@switch[2].name"));
-}
-
-TEST(UciLookup, MissingPartsAndListsGiveEmpty) {
-    testsupport::writeFile(underRoot("/etc/config/network"), kNetwork);
-    EXPECT_EQ("", CommonUtils::sUciGet("network.lan.dns"));  // a list, not a string option
-    EXPECT_EQ("", CommonUtils::sUciGet("network.lan.nosuch"));
-    EXPECT_EQ("", CommonUtils::sUciGet("network.wan.ifname"));
-    EXPECT_EQ("", CommonUtils::sUciGet("network.lan"));
-    EXPECT_EQ("", CommonUtils::sUciGet("nosuchconfig.lan.ifname"));
-    EXPECT_EQ("", CommonUtils::sUciGet(""));
-    EXPECT_EQ("", CommonUtils::sUciGet("network"));
-}
-
-TEST(UciLookup, AbsoluteConfigPathsGoThroughTheRoot) {
     testsupport::writeFile(underRoot("/opt/v1.2/fw"), "config version 'version'\n\toption ROM '9.9.9'\n");
-    EXPECT_EQ("9.9.9", CommonUtils::sUciGet("/opt/v1.2/fw.version.ROM"));
-    EXPECT_EQ("", CommonUtils::sUciGet("/opt/v1.2/missing.version.ROM"));
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"network.loopback.ifname", "lo"},
+        {"network.lan.ifname", "eth0 eth1"},
+        {"network.lan.ipaddr", "192.168.31.1"},
+        {"network.lan.quoted", "it's"},
+        // A second block of the same name adds to the first.
+        {"network.lan.proto", "static"},
+        {"network.@switch[0].name", "switch0"},
+        {"network.@switch[-1].name", "switch1"},
+        {"network.@interface[0].ifname", "lo"},
+        {"network.@switch[2].name", ""},
+        // A list is not a string option.
+        {"network.lan.dns", ""},
+        {"network.lan.nosuch", ""},
+        {"network.wan.ifname", ""},
+        {"network.lan", ""},
+        {"nosuchconfig.lan.ifname", ""},
+        {"", ""},
+        {"network", ""},
+        // Absolute configuration paths go through the root.
+        {"/opt/v1.2/fw.version.ROM", "9.9.9"},
+        {"/opt/v1.2/missing.version.ROM", ""}};
+    for (const auto& c : cases) {
+        EXPECT_EQ(c.second, CommonUtils::sUciGet(c.first)) << c.first;
+    }
 }
