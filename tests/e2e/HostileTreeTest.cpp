@@ -62,7 +62,7 @@ std::map<std::string, std::string> outsideSnapshot() {
         const bool mine = path == own || path.compare(0, own.size() + 1, own + "/") == 0;
         bool skipped = mine;
         for (const char* own : {"/userdisk/appdata/app_infos", "/userdisk/appdata/local_install_tmp", "/scratch",
-                                "/test-pki", "/tmp/sim-commands.log"}) {
+                                "/test-pki", "/tmp/sim-commands.log", "/tmp/sim-mode"}) {
             skipped = skipped || path == underRoot(own);
         }
         if (skipped) {
