@@ -5,7 +5,7 @@
 # $DATACENTER_ROOT/sim/chroot_run_script.sh/output when that file exists and
 # exits with the status in .../run.exit (0 by default). In logging mode
 # nothing is run; in sandbox mode (see sim-lib.sh) COMMAND runs chrooted in
-# DIR, with DATACENTER_ROOT=/.sim-root, and the script exits with its status.
+# DIR (sim_run_chrooted) and the script exits with its status.
 . "$(dirname "$0")/sim-lib.sh"
 sim_log "$0" "$@"
 dir=$(sim_plugin_dir "${1:-}") || exit $?
@@ -15,6 +15,6 @@ status=$(sim_exit_status chroot_run_script.sh run 0)
 if [ "$(sim_mode)" = sandbox ] && [ $# -gt 1 ]; then
     dir=$(sim_below_root "$dir") || exit $?
     shift
-    DATACENTER_ROOT=/.sim-root exec chroot "$(cd "$dir" && pwd -P)" "$@"
+    sim_run_chrooted "$(cd "$dir" && pwd -P)" "$@"
 fi
 exit 0

@@ -231,16 +231,51 @@ sim_unmount_below() {
         done
 }
 
-# The host's library folders a dynamically linked program needs, bound
-# read-only into the sandbox (each onto a missing or empty folder: a folder the
-# plugin filled with libraries of its own stays its own).
+# The host's library folder (/lib, the folder its dynamic loader and C
+# library live in) bound read-only at DIR/lib, unless the plugin filled its
+# own lib folder. "lib" is one of the folders the core's walks of a plugin
+# tree leave alone, as are proc, dev, userdata, extdisks, tmp and cache_dir:
+# the stand-ins mount nowhere else.
 sim_bind_host_libraries() {
-    for _sim_lib in lib lib64 lib32 libx32 usr/lib usr/lib64 usr/lib32 usr/libx32 usr/local/lib; do
-        [ -d "/$_sim_lib" ] || continue
-        if [ -d "$1/$_sim_lib" ] && ! sim_is_mounted "$1/$_sim_lib" &&
-            [ -n "$(ls -A "$1/$_sim_lib" 2>/dev/null)" ]; then
-            continue
-        fi
-        sim_bind "/$_sim_lib" "$1" "$_sim_lib" ro || return 1
+    if [ -d "$1/lib" ] && ! sim_is_mounted "$1/lib" && [ -n "$(ls -A "$1/lib" 2>/dev/null)" ]; then
+        return 0
+    fi
+    sim_bind "$(cd /lib && pwd -P)" "$1" lib ro
+}
+
+# The host's dynamic loader as the sandbox sees it (below /lib), or nothing.
+# The sandbox has no /lib64 or /usr/lib, so a program's own interpreter path
+# may not exist there: dynamically linked programs are started through it.
+sim_loader() {
+    _sim_host_lib=$(cd /lib && pwd -P)
+    for _sim_candidate in /lib64/ld-linux-x86-64.so.2 /lib/ld-linux-aarch64.so.1 /lib/ld-linux-armhf.so.3 \
+        /lib/ld-linux.so.3 /lib/ld-linux.so.2 /lib/ld-musl-*.so.1; do
+        [ -e "$_sim_candidate" ] || continue
+        _sim_real=$(readlink -f "$_sim_candidate")
+        case "$_sim_real" in
+            "$_sim_host_lib"/*)
+                printf '/lib/%s\n' "${_sim_real#"$_sim_host_lib"/}"
+                return 0
+                ;;
+        esac
     done
+}
+
+# "sim_run_chrooted DIR PROGRAM [ARG...]": replaces the shell with PROGRAM
+# chrooted in DIR, through the host's loader when PROGRAM is a dynamically
+# linked ELF file of DIR. Inside, DATACENTER_ROOT is /tmp/sim-root, whose
+# "userdisk" leads to /userdata when the plugin has "access_userdata", so the
+# core's library in the plugin finds the core's files by the core's paths.
+sim_run_chrooted() {
+    sim_require_sandbox
+    _sim_jail=$1
+    shift
+    _sim_loader=$(sim_loader)
+    _sim_file="$_sim_jail/${1#/}"
+    if [ -n "$_sim_loader" ] && [ -e "$_sim_jail$_sim_loader" ] && [ -f "$_sim_file" ] &&
+        [ "$(dd if="$_sim_file" bs=4 count=1 2>/dev/null | tail -c 3)" = ELF ]; then
+        set -- "$_sim_loader" "$@"
+    fi
+    cd "$_sim_jail" || exit 1
+    DATACENTER_ROOT=/tmp/sim-root exec chroot "$_sim_jail" "$@"
 }

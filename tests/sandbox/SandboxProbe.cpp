@@ -35,7 +35,7 @@ int main() {
     report += std::string("userdata ") + (canRead("/userdata/data/Share/welcome.txt") ? "sees" : "none") + "\n";
     report += std::string("proc ") + (canRead("/proc/self/status") ? "sees" : "none") + "\n";
     report += std::string("usb ") + (usbFile >= 0 ? "sees" : "none") + "\n";
-    report += "usr/lib " + writeAttempt("/usr/lib") + "\n";
+    report += "lib " + writeAttempt("/lib") + "\n";
     FILE* out = std::fopen("/tmp/probe-report.part", "w");
     if (!out) {
         return 1;
