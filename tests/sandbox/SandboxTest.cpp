@@ -41,13 +41,13 @@ std::string refusal(const std::string& root = testsupport::root(), const std::st
         .output;
 }
 
-#define SKIP_WITHOUT_MOUNTS()                                                                              \
-    do {                                                                                                   \
-        const std::string reason = refusal();                                                              \
-        if (!reason.empty()) {                                                                             \
-            GTEST_SKIP() << "mounts are not possible here (" << reason.substr(0, reason.size() - 1)        \
+#define SKIP_WITHOUT_MOUNTS()                                                                            \
+    do {                                                                                                 \
+        const std::string reason = refusal();                                                            \
+        if (!reason.empty()) {                                                                           \
+            GTEST_SKIP() << "mounts are not possible here (" << reason.substr(0, reason.size() - 1)      \
                          << "): the sandbox tests need root on Linux and run through sim/sandbox-shell"; \
-        }                                                                                                  \
+        }                                                                                                \
     } while (0)
 
 // Mount point -> options of every mount at `dir` or below it.
@@ -85,9 +85,8 @@ std::map<std::string, std::string> filesBelow(const std::string& dir) {
 }
 
 std::string tool(const std::string& name, const std::string& args) {
-    const testsupport::CommandResult result = runCommand("DATACENTER_INSTALLPLUGIN_DELAY_MS=0 " +
-                                                         testsupport::buildDir() + "/apps/" + name + " " + args +
-                                                         " 2>&1");
+    const testsupport::CommandResult result = runCommand(
+        "DATACENTER_INSTALLPLUGIN_DELAY_MS=0 " + testsupport::buildDir() + "/apps/" + name + " " + args + " 2>&1");
     return std::to_string(result.exitStatus) + " " + result.output;
 }
 
@@ -188,8 +187,9 @@ TEST(Sandbox, StandInsRefuseUnsafeRootsAndNamespacesAndBindHostFoldersReadOnly) 
 
     // A shared mount would carry mounts out of the namespace.
     fs::create_directories(root + "/shared");
-    ASSERT_EQ(0, runCommand("mount -t tmpfs shared " + root + "/shared && mount --make-shared " + root + "/shared")
-                     .exitStatus);
+    ASSERT_EQ(
+        0,
+        runCommand("mount -t tmpfs shared " + root + "/shared && mount --make-shared " + root + "/shared").exitStatus);
     EXPECT_EQ("mounts of this namespace still propagate (shared)\n", refusal(root));
     EXPECT_EQ(0, runCommand("umount " + root + "/shared").exitStatus);
     EXPECT_EQ("", refusal(root));
