@@ -151,7 +151,6 @@ TEST(Sandbox, CapabilitiesDecideWhatAChrootedPluginSeesAndUninstallKeepsTheDisks
     EXPECT_FALSE(mountsBelow(blind).empty());
     EXPECT_EQ('0', tool("plugincenter", "uninstall " + kBlind)[0]);
     EXPECT_TRUE(mountsBelow(root).empty());
-    EXPECT_TRUE(fs::exists("/usr/lib"));
 }
 
 // The safety rules of the stand-ins: never the host's root, never outside the
@@ -195,7 +194,6 @@ TEST(Sandbox, StandInsRefuseUnsafeRootsAndNamespacesAndBindHostFoldersReadOnly) 
     EXPECT_EQ("", refusal(root));
 
     // In the namespace: the host's library folder bound read-only, and gone after chroot_umout.sh.
-    fs::remove_all(dir + "lib");
     ASSERT_EQ(0, runCommand(env + prepare).exitStatus);
     const std::map<std::string, std::string> binds = mountsBelow(dir);
     ASSERT_EQ(1u, binds.size());
