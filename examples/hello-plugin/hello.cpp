@@ -1,7 +1,9 @@
 // A minimal plugin program. The plugin controller starts it in the plugin's
 // data directory; it serves the DataCenter RPC service on a free loopback
 // port, records that port and its process id where the core looks for them,
-// and runs until it is asked to stop (SIGTERM or SIGINT).
+// and runs until it is asked to stop (SIGTERM or SIGINT). In a real sandbox
+// (sim/README.md) those records are reached through the user disk, which is
+// why the manifest asks for "access_userdata".
 #include <signal.h>
 #include <unistd.h>
 

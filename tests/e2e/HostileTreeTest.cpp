@@ -58,7 +58,7 @@ std::string outsideSnapshot() {
         const std::string path = it->path().string();
         bool skipped = path == own || path.compare(0, own.size() + 1, own + "/") == 0;
         for (const char* kept : {"/userdisk/appdata/app_infos", "/userdisk/appdata/local_install_tmp", "/scratch",
-                                 "/test-pki", "/tmp/sim-commands.log"}) {
+                                 "/test-pki", "/tmp/sim-commands.log", "/tmp/sim-mode"}) {
             skipped = skipped || path == underRoot(kept);
         }
         struct stat st;

@@ -27,6 +27,14 @@ std::string makeScratchDir(const std::string& name) {
     return path;
 }
 
+void layOutRouter(const std::string& dir, const std::string& caFile) {
+    const CommandResult result = runCommand("sh " + sourceDir() + "/sim/make-root '" + dir + "'" +
+                                            (caFile.empty() ? "" : " --ca '" + caFile + "'") + " 2>&1");
+    if (result.exitStatus != 0) {
+        throw std::runtime_error("sim/make-root failed: " + result.output);
+    }
+}
+
 void writeFile(const std::string& path, const std::string& content) {
     fs::create_directories(fs::path(path).parent_path());
     std::ofstream out(path, std::ios::binary | std::ios::trunc);

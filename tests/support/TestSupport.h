@@ -13,6 +13,9 @@ const std::string& root();
 std::string underRoot(const std::string& absolutePath);
 // A new empty directory below the root.
 std::string makeScratchDir(const std::string& name);
+// Lays out a simulated router in `dir` with sim/make-root (its CA taken from
+// `caFile` when given); throws when that fails.
+void layOutRouter(const std::string& dir, const std::string& caFile = "");
 
 void writeFile(const std::string& path, const std::string& content);
 std::string readFile(const std::string& path);

@@ -1,0 +1,205 @@
+// Real chroot sandboxes made by the stand-ins of sim/bin. The whole binary
+// runs in a private mount namespace (sim/sandbox-shell, see tests/CMakeLists):
+// the mounts made here never reach the host and end with the process. The
+// plugin program is the probe (SandboxProbe.cpp), which reports from inside
+// its chroot what it can reach.
+#include <gtest/gtest.h>
+
+#include <boost/filesystem.hpp>
+#include <chrono>
+#include <cstdlib>
+#include <map>
+#include <sstream>
+#include <thread>
+
+#include "Plugin/BinaryPluginManger.h"
+#include "Plugin/PluginManager.h"
+#include "support/PackageFactory.h"
+#include "support/TestSupport.h"
+
+namespace fs = boost::filesystem;
+using testsupport::PackageFactory;
+using testsupport::PackageSpec;
+using testsupport::readFile;
+using testsupport::runCommand;
+using testsupport::underRoot;
+using testsupport::writeFile;
+
+namespace {
+
+const std::string kSeeing = "5017400000000000201";  // user disk, proc, USB disks, cache folder
+const std::string kBlind = "5017400000000000202";   // rights only
+
+std::string simBin() {
+    return testsupport::sourceDir() + "/sim/bin";
+}
+
+// Why the stand-ins would not mount for `root`; empty when they would.
+std::string refusal(const std::string& root = testsupport::root(), const std::string& env = "") {
+    return runCommand("DATACENTER_ROOT='" + root + "' " + env + " sh -c '. " + simBin() +
+                      "/sim-lib.sh; sim_sandbox_refusal'")
+        .output;
+}
+
+#define SKIP_WITHOUT_MOUNTS()                                                                            \
+    do {                                                                                                 \
+        const std::string reason = refusal();                                                            \
+        if (!reason.empty()) {                                                                           \
+            GTEST_SKIP() << "mounts are not possible here (" << reason.substr(0, reason.size() - 1)      \
+                         << "): the sandbox tests need root on Linux and run through sim/sandbox-shell"; \
+        }                                                                                                \
+    } while (0)
+
+// Mount point -> options of every mount at `dir` or below it.
+std::map<std::string, std::string> mountsBelow(const std::string& dir) {
+    const std::string canonical = fs::canonical(dir).string();
+    std::map<std::string, std::string> mounts;
+    std::istringstream table(readFile("/proc/self/mountinfo"));
+    for (std::string line; std::getline(table, line);) {
+        std::istringstream fields(line);
+        std::string id, parent, device, source, point, options;
+        fields >> id >> parent >> device >> source >> point >> options;
+        if (point == canonical || point.compare(0, canonical.size() + 1, canonical + "/") == 0) {
+            mounts[point] = options;
+        }
+    }
+    return mounts;
+}
+
+bool waitForFile(const std::string& path) {
+    for (int i = 0; i < 600 && !fs::exists(path); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return fs::exists(path);
+}
+
+// Every regular file below `dir` with its content.
+std::map<std::string, std::string> filesBelow(const std::string& dir) {
+    std::map<std::string, std::string> files;
+    for (fs::recursive_directory_iterator it(dir), end; it != end; ++it) {
+        if (fs::is_regular_file(it->symlink_status())) {
+            files[it->path().string()] = readFile(it->path().string());
+        }
+    }
+    return files;
+}
+
+std::string tool(const std::string& name, const std::string& args) {
+    const testsupport::CommandResult result = runCommand(
+        "DATACENTER_INSTALLPLUGIN_DELAY_MS=0 " + testsupport::buildDir() + "/apps/" + name + " " + args + " 2>&1");
+    return std::to_string(result.exitStatus) + " " + result.output;
+}
+
+void installProbe(PackageFactory& factory, const std::string& id, const std::string& capabilities) {
+    PackageSpec spec;
+    spec.id = id;
+    spec.manifest["binary_name"] = "bin/probe";
+    spec.files = {{"bin/probe", readFile(DC_SANDBOX_PROBE)}};
+    spec.files["manifest"] = PackageFactory::manifestText(spec) + "capability_list = [" + capabilities + "];\n";
+    const std::string result = tool("installplugin", "-f " + factory.build(spec, id));
+    ASSERT_EQ('0', result[0]) << result;
+}
+
+}  // namespace
+
+// Two plugins, one with the mounting capabilities and one with rights only,
+// run chrooted in their data directories; then the hot-plug disk goes away
+// under a busy plugin and both are uninstalled.
+TEST(Sandbox, CapabilitiesDecideWhatAChrootedPluginSeesAndUninstallKeepsTheDisks) {
+    SKIP_WITHOUT_MOUNTS();
+    const std::string root = testsupport::root();
+    testsupport::layOutRouter(root);
+    PackageFactory factory;
+    writeFile(underRoot("/extdisks/sda1/movie"), "movie");
+    writeFile(underRoot("/sim/getdisk/mnt"), "/dev/sda1," + root + "/extdisks/sda1\n");
+    writeFile(underRoot("/userdisk/data/.cache_dir/cached.bin"), "cached");
+    const std::map<std::string, std::string> disks = filesBelow(underRoot("/userdisk/data"));
+    const std::map<std::string, std::string> usb = filesBelow(underRoot("/extdisks"));
+
+    installProbe(factory, kSeeing,
+                 "\"access_userdata\", \"access_proc\", \"access_cache_dir\", \"support_usb_disk_mount\"");
+    installProbe(factory, kBlind, "\"support_download\"");
+    const std::string seeing = PluginManager::sGetPluginDataPath(kSeeing);
+    const std::string blind = PluginManager::sGetPluginDataPath(kBlind);
+    ASSERT_TRUE(waitForFile(seeing + "tmp/probe-report")) << readFile(underRoot("/tmp/sim-plugin-" + kSeeing + ".log"));
+    ASSERT_TRUE(waitForFile(blind + "tmp/probe-report")) << readFile(underRoot("/tmp/sim-plugin-" + kBlind + ".log"));
+    EXPECT_EQ("userdata sees\nproc sees\nusb sees\nlib refused\n", readFile(seeing + "tmp/probe-report"));
+    EXPECT_EQ("userdata none\nproc none\nusb none\nlib refused\n", readFile(blind + "tmp/probe-report"));
+    EXPECT_EQ("sandbox", readFile(underRoot("/tmp/sim-mode")).substr(0, 7));
+    // The plugin was already running when its files were recorded: nothing mounted is among them.
+    const std::string record = readFile(seeing + "init_files.record");
+    EXPECT_NE(std::string::npos, record.find(seeing + "etc/manifest\n"));
+    for (const char* mounted : {"/lib/", "/userdata/", "/proc/", "/extdisks/", "/tmp/"}) {
+        EXPECT_EQ(std::string::npos, record.find(seeing + (mounted + 1))) << mounted;
+    }
+
+    // The USB disk leaves while the plugin holds a file of it open: only a
+    // lazy unmount ("umount -lfd") takes it out of the sandbox at once.
+    const std::string usbPoint = fs::canonical(seeing).string() + "/extdisks/sda1";
+    ASSERT_EQ(1u, mountsBelow(seeing).count(usbPoint));
+    datacenter::BinaryPluginManger::removeCapability("support_usb_disk_mount", seeing);
+    EXPECT_EQ(0u, mountsBelow(seeing).count(usbPoint));
+    EXPECT_EQ(1u, mountsBelow(seeing).count(fs::canonical(seeing).string() + "/userdata"));
+
+    // Uninstalling walks the plugin's directory: the user disk, the cache
+    // folder and the libraries bound into it must be gone from it by then.
+    const std::string result = tool("plugincenter", "uninstall " + kSeeing);
+    EXPECT_EQ('0', result[0]) << result;
+    EXPECT_TRUE(mountsBelow(seeing).empty());
+    EXPECT_EQ(disks, filesBelow(underRoot("/userdisk/data")));
+    EXPECT_EQ(usb, filesBelow(underRoot("/extdisks")));
+    EXPECT_FALSE(mountsBelow(blind).empty());
+    EXPECT_EQ('0', tool("plugincenter", "uninstall " + kBlind)[0]);
+    EXPECT_TRUE(mountsBelow(root).empty());
+}
+
+// The safety rules of the stand-ins: never the host's root, never outside the
+// namespace that sim/sandbox-shell made nor in one whose mounts propagate,
+// host folders only read-only, everything unmounted again.
+TEST(Sandbox, StandInsRefuseUnsafeRootsAndNamespacesAndBindHostFoldersReadOnly) {
+    SKIP_WITHOUT_MOUNTS();
+    const std::string root = testsupport::makeScratchDir("router");
+    testsupport::layOutRouter(root);
+    const std::string dir = root + "/userdisk/appdata/7/";
+    fs::create_directories(dir);
+    const std::string prepare = simBin() + "/prepare_chroot.sh " + dir + " " + root + "/userdisk/appdata/";
+
+    for (const char* unsafe : {"", "/", "//", "/."}) {
+        EXPECT_NE(0, runCommand("DATACENTER_ROOT='" + std::string(unsafe) + "' " + prepare + " 2>/dev/null").exitStatus)
+            << "'" << unsafe << "'";
+    }
+    EXPECT_TRUE(mountsBelow(root).empty());
+
+    // Outside the namespace of sim/sandbox-shell: folders and the log line only, said once.
+    const std::string env = "DATACENTER_ROOT=" + root + " ";
+    const std::string note =
+        "sim: logging mode (not started by sim/sandbox-shell): the sandbox scripts log and make folders, "
+        "nothing is mounted\n";
+    EXPECT_EQ(note, runCommand(env + "env -u DC_SIM_MNT_NS " + prepare + " 2>&1").output);
+    EXPECT_EQ("", runCommand(env + "env -u DC_SIM_MNT_NS " + prepare + " 2>&1").output);
+    std::string here = runCommand("readlink /proc/self/ns/mnt").output;
+    here.pop_back();
+    EXPECT_EQ("sim/sandbox-shell made no new mount namespace\n", refusal(root, "DC_SIM_OUTER_NS='" + here + "'"));
+    EXPECT_EQ("not in the mount namespace sim/sandbox-shell made\n", refusal(root, "DC_SIM_MNT_NS='mnt:[1]'"));
+    EXPECT_TRUE(mountsBelow(root).empty());
+    EXPECT_TRUE(fs::is_directory(dir + "lib"));
+
+    // A shared mount would carry mounts out of the namespace.
+    fs::create_directories(root + "/shared");
+    ASSERT_EQ(
+        0,
+        runCommand("mount -t tmpfs shared " + root + "/shared && mount --make-shared " + root + "/shared").exitStatus);
+    EXPECT_EQ("mounts of this namespace still propagate (shared)\n", refusal(root));
+    EXPECT_EQ(0, runCommand("umount " + root + "/shared").exitStatus);
+    EXPECT_EQ("", refusal(root));
+
+    // In the namespace: the host's library folder bound read-only, and gone after chroot_umout.sh.
+    ASSERT_EQ(0, runCommand(env + prepare).exitStatus);
+    const std::map<std::string, std::string> binds = mountsBelow(dir);
+    ASSERT_EQ(1u, binds.size());
+    EXPECT_EQ("ro,", binds.at(fs::canonical(dir).string() + "/lib").substr(0, 3));
+    EXPECT_NE(0, runCommand("touch " + dir + "lib/written 2>/dev/null").exitStatus);
+    EXPECT_FALSE(fs::exists("/lib/written"));
+    EXPECT_EQ(0, runCommand(env + simBin() + "/chroot_umout.sh " + dir).exitStatus);
+    EXPECT_TRUE(mountsBelow(root).empty());
+}
