@@ -95,9 +95,8 @@ void InstallProgressView::redraw() {
     const int percent = percent_ < 0 ? 0 : (percent_ > 100 ? 100 : percent_);
     const int filled = percent * kBarWidth / 100;
     std::string line = "\r\033[K[" + std::string(filled, '#') + std::string(kBarWidth - filled, '.') + "] ";
-    char number[8];
-    std::snprintf(number, sizeof(number), "%3d%%", percent);
-    line += number;
+    const std::string number = std::to_string(percent) + "%";
+    line += std::string(number.size() < 4 ? 4 - number.size() : 0, ' ') + number;
     if (downloadSeen_) {
         line += "  " + sizeText() + "  " + rateText();
     }
