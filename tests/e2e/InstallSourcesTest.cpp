@@ -3,18 +3,19 @@
 // progress record shows and what a failure leaves.
 #include <gtest/gtest.h>
 
-#include "DataBase/PluginStorageManager.h"
 #include "Plugin/PluginManager.h"
 #include "common/Singleton.h"
 #include "support/HttpTestServer.h"
 #include "support/PackageFactory.h"
 #include "support/TestSupport.h"
+#include "unit/Plugin/PluginTestSupport.h"
 
 using testsupport::exists;
 using testsupport::HttpResponse;
 using testsupport::HttpTestServer;
 using testsupport::PackageFactory;
 using testsupport::PackageSpec;
+using testsupport::storedStatus;
 using testsupport::underRoot;
 
 namespace {
@@ -30,10 +31,6 @@ datacenter::PluginInfo finished(PluginManager* manager) {
     datacenter::PluginInfo info;
     manager->getUrlInstallPlugin(info);
     return info;
-}
-
-datacenter::PluginStatus storedStatus(const std::string& id) {
-    return Singleton<PluginStorageManager>::instance()->getPluginInfoById(id).status;
 }
 
 }  // namespace

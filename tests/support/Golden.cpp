@@ -60,19 +60,6 @@ std::string lineDiff(const std::vector<std::string>& expected, const std::vector
     return diff;
 }
 
-std::string severityName(google::LogSeverity severity) {
-    switch (severity) {
-        case google::GLOG_INFO:
-            return "INFO";
-        case google::GLOG_WARNING:
-            return "WARNING";
-        case google::GLOG_ERROR:
-            return "ERROR";
-        default:
-            return "FATAL";
-    }
-}
-
 bool updating() {
     const char* update = std::getenv("DC_UPDATE_GOLDEN");
     return update && std::string(update) == "1";
@@ -152,7 +139,7 @@ std::string logText(const LogCapture& capture, bool (*keep)(const std::string& l
     std::string text;
     for (const LogCapture::Line& line : capture.records()) {
         if (!keep || keep(line.text)) {
-            text += severityName(line.severity) + " " + line.text + "\n";
+            text += std::string(google::GetLogSeverityName(line.severity)) + " " + line.text + "\n";
         }
     }
     return text;

@@ -6,7 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
+#include <boost/algorithm/string.hpp>
 #include <chrono>
 #include <cstdlib>
 #include <sstream>
@@ -14,18 +14,6 @@
 
 namespace testsupport {
 namespace {
-
-std::string lowerCase(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return text;
-}
-
-std::string trim(const std::string& text) {
-    const size_t begin = text.find_first_not_of(" \t");
-    const size_t end = text.find_last_not_of(" \t\r");
-    return begin == std::string::npos ? std::string() : text.substr(begin, end - begin + 1);
-}
 
 bool sendAll(int fd, const char* data, size_t length) {
     while (length > 0) {
@@ -79,7 +67,8 @@ void parseHead(const std::string& head, HttpRequest& request) {
     while (std::getline(lines, line) && line != "\r") {
         const size_t colon = line.find(':');
         if (colon != std::string::npos) {
-            request.headers[lowerCase(line.substr(0, colon))] = trim(line.substr(colon + 1));
+            request.headers[boost::algorithm::to_lower_copy(line.substr(0, colon))] =
+                boost::algorithm::trim_copy(line.substr(colon + 1));
         }
     }
 }
@@ -217,7 +206,7 @@ void HttpTestServer::serveConnection(int fd) {
     if (headLength > 0) {
         HttpRequest request;
         parseHead(buffer.substr(0, headLength), request);
-        if (lowerCase(request.header("expect")) == "100-continue") {
+        if (boost::algorithm::iequals(request.header("expect"), "100-continue")) {
             sendAll(fd, "HTTP/1.1 100 Continue\r\n\r\n");
         }
         const size_t bodyLength = std::strtoul(request.header("content-length").c_str(), nullptr, 10);

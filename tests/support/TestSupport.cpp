@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <boost/filesystem.hpp>
 #include <cstdio>
@@ -49,6 +50,33 @@ std::string readFile(const std::string& path) {
     std::ostringstream text;
     text << in.rdbuf();
     return text.str();
+}
+
+std::string treeText(const std::string& dir, bool withContent) {
+    std::vector<std::string> lines;
+    boost::system::error_code error;
+    for (fs::recursive_directory_iterator it(dir, error), end; !error && it != end; it.increment(error)) {
+        const std::string path = it->path().string().substr(dir.size() + (dir.back() == '/' ? 0 : 1));
+        if (fs::is_symlink(it->symlink_status())) {
+            lines.push_back(path + " -> " + fs::read_symlink(it->path()).string());
+        } else if (fs::is_directory(it->symlink_status())) {
+            lines.push_back(path + "/");
+        } else if (!withContent) {
+            lines.push_back(path);
+        } else {
+            std::string content = readFile(it->path().string());
+            for (size_t at = content.find('\n'); at != std::string::npos; at = content.find('\n', at + 2)) {
+                content.replace(at, 1, "\\n");
+            }
+            lines.push_back(path + ": " + content);
+        }
+    }
+    std::sort(lines.begin(), lines.end());
+    std::string text;
+    for (const std::string& line : lines) {
+        text += line + "\n";
+    }
+    return text;
 }
 
 std::vector<std::string> readLines(const std::string& path) {

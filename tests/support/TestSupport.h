@@ -36,6 +36,12 @@ CommandResult runApp(const std::string& name, const std::string& args, bool with
 // (the steps print before it).
 std::string installOutcome(const std::string& output);
 
+// Everything below `dir` in name order, one line each, paths relative to
+// `dir`: "path/" for a folder, "path -> target" for a link (never followed),
+// "path: content" for a file, its line ends shown as "\n" (only "path" when
+// not `withContent`). Empty when `dir` is missing.
+std::string treeText(const std::string& dir, bool withContent = true);
+
 // Whether anything (a dangling link too) is at `path`.
 bool exists(const std::string& path);
 // `work` run in a forked child process; its result is the child's exit

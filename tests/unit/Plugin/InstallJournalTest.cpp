@@ -17,6 +17,7 @@
 #include "support/TestSupport.h"
 #include "unit/Plugin/PluginTestSupport.h"
 
+using testsupport::exists;
 using testsupport::readFile;
 using testsupport::underRoot;
 using testsupport::writeFile;
@@ -24,10 +25,6 @@ using testsupport::writeFile;
 namespace {
 
 const std::string kId = "5017400000000000300";
-
-bool exists(const std::string& path) {
-    return boost::filesystem::exists(boost::filesystem::symlink_status(path));
-}
 
 std::string dataDir() {
     return PluginManager::sGetPluginDataPath(kId);

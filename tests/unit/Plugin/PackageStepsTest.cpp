@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <zip.h>
 
 #include <boost/filesystem.hpp>
 
@@ -16,17 +15,10 @@ using testsupport::writeFile;
 
 namespace {
 
-// A zip with `entries` (name -> content), made with libzip.
+// A zip with `entries` (name -> content).
 std::string makeZip(const std::string& name, const std::vector<std::pair<std::string, std::string>>& entries) {
-    const std::string path = testsupport::makeScratchDir("zips") + "/" + name;
-    int err = 0;
-    zip_t* archive = zip_open(path.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &err);
-    for (const auto& entry : entries) {
-        zip_source_t* source = zip_source_buffer(archive, entry.second.data(), entry.second.size(), 0);
-        zip_file_add(archive, entry.first.c_str(), source, ZIP_FL_OVERWRITE);
-    }
-    zip_close(archive);
-    return path;
+    static testsupport::PackageFactory factory;
+    return factory.rawZip(entries, {}, name);
 }
 
 // Only the check steps of an installation, for plugin `id`.

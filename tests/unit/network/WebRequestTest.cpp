@@ -8,13 +8,11 @@ using testsupport::HttpRequest;
 using testsupport::HttpResponse;
 using testsupport::HttpTestServer;
 
-TEST(WebRequestEncodingTest, EncodesReservedBytesAndSpaces) {
+TEST(WebRequestEncodingTest, EncodesReservedBytesAndSpacesAndDecodesKeepingBrokenEscapes) {
     EXPECT_EQ("a+b%26c", WebRequest::urlencode("a b&c"));
     EXPECT_EQ("-._~AZaz09", WebRequest::urlencode("-._~AZaz09"));
     EXPECT_EQ("%e4%2b%2f%3d%00", WebRequest::urlencode(std::string("\xe4+/=\0", 5)));
-}
-
-TEST(WebRequestEncodingTest, DecodesEscapesAndKeepsBrokenOnes) {
+    // Decoding keeps broken escapes as they are.
     EXPECT_EQ("AJ x", WebRequest::urldecode("%41%4a+x"));
     EXPECT_EQ("100%", WebRequest::urldecode("100%"));
     EXPECT_EQ("%zz", WebRequest::urldecode("%zz"));
@@ -27,7 +25,7 @@ TEST(WebRequestEncodingTest, DecodesEscapesAndKeepsBrokenOnes) {
     EXPECT_EQ(allBytes, WebRequest::urldecode(WebRequest::urlencode(allBytes)));
 }
 
-TEST(WebRequestTransferTest, GetReturnsBodyAndReplacesOldResponse) {
+TEST(WebRequestTransferTest, GetReturnsBodyAndReportsTimeoutAndRefusedConnection) {
     HttpTestServer server;
     server.route("/hello", HttpResponse::text(200, "hello world"));
     std::string response = "stale";
@@ -36,12 +34,8 @@ TEST(WebRequestTransferTest, GetReturnsBodyAndReplacesOldResponse) {
     ASSERT_EQ(1u, server.requests().size());
     EXPECT_EQ("GET", server.requests()[0].method);
     EXPECT_EQ("x=1", server.requests()[0].query);
-}
 
-TEST(WebRequestTransferTest, GetReportsTimeoutAndRefusedConnection) {
-    HttpTestServer server;
     server.route("/stall", HttpResponse::stalled());
-    std::string response;
     EXPECT_EQ(28, WebRequest::Get(server.url("/stall"), response, 1));
     EXPECT_EQ(
         7, WebRequest::Get("http://127.0.0.1:" + std::to_string(testsupport::closedLoopbackPort()) + "/", response, 1));

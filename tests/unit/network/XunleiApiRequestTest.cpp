@@ -2,6 +2,7 @@
 #include <json-c/json.h>
 
 #include <boost/filesystem.hpp>
+#include <tuple>
 
 #include "download/strategy/XunleiApiRequest.h"
 #include "support/HttpTestServer.h"
@@ -31,20 +32,19 @@ protected:
 
 TEST(XunleiApiRequestUrlTest, QueryHoldsParametersThenVersion) {
     XunleiApiRequest::sSetUrl("http://127.0.0.1:9000/");
-    XunleiApiRequest withParameters("task", "2");
-    withParameters.addPara("a", "1");
-    withParameters.addPara("b", "2");
-    withParameters.addParaToUrl();
-    EXPECT_EQ("http://127.0.0.1:9000/task?a=1&b=2&v=2", withParameters.url());
-
-    XunleiApiRequest versionOnly("task", "2");
-    versionOnly.addParaToUrl();
-    EXPECT_EQ("http://127.0.0.1:9000/task?v=2", versionOnly.url());
-
-    XunleiApiRequest bare("unbind", "");
-    bare.addPara("x", "a b");
-    bare.addParaToUrl();
-    EXPECT_EQ("http://127.0.0.1:9000/unbind?x=a b", bare.url());
+    const std::vector<
+        std::tuple<std::string, std::string, std::vector<std::pair<std::string, std::string>>, std::string>>
+        cases = {{"task", "2", {{"a", "1"}, {"b", "2"}}, "task?a=1&b=2&v=2"},
+                 {"task", "2", {}, "task?v=2"},
+                 {"unbind", "", {{"x", "a b"}}, "unbind?x=a b"}};
+    for (const auto& c : cases) {
+        XunleiApiRequest request(std::get<0>(c), std::get<1>(c));
+        for (const auto& parameter : std::get<2>(c)) {
+            request.addPara(parameter.first, parameter.second);
+        }
+        request.addParaToUrl();
+        EXPECT_EQ("http://127.0.0.1:9000/" + std::get<3>(c), request.url());
+    }
 }
 
 TEST(XunleiApiRequestReplyTest, RtnCodeBecomesApiErrorCode) {

@@ -137,13 +137,25 @@ const std::string kSecret = "c2VjcmV0LWtleS1vZi10aGUtY2hhbm5lbA==";  // "secret-
 
 // ---- Tests ------------------------------------------------------------------
 
+// The query for the given parameters (its diagnostics on standard output go
+// to `printed`); "failed" when the call refused them.
+std::string secretQuery(const std::vector<std::string>& names, const std::vector<std::string>& values,
+                        const std::string& secret, const std::string& resource, std::string* printed = nullptr) {
+    std::string query = "untouched";
+    testing::internal::CaptureStdout();
+    const bool made = ChannelSecret::getSecretQuery(query, names, values, "dev-01", secret, resource);
+    const std::string output = testing::internal::GetCapturedStdout();
+    if (printed) {
+        *printed = output;
+    }
+    return made ? query : (query == "untouched" ? "failed" : "failed, query changed");
+}
+
 TEST(ChannelSecretQueryTest, ServerDecryptsValuesAndAcceptsSignature) {
     const std::vector<std::string> names = {"uid", "empty", "note"};
     const std::vector<std::string> values = {"42", "", std::string("h\xc3\xa9llo & more=\0x", 16)};
-    std::string query;
-    testing::internal::CaptureStdout();
-    ASSERT_TRUE(ChannelSecret::getSecretQuery(query, names, values, "dev-01", kSecret, "/api/v1/apps"));
-    const std::string printed = testing::internal::GetCapturedStdout();
+    std::string printed;
+    const std::string query = secretQuery(names, values, kSecret, "/api/v1/apps", &printed);
 
     const VerifiedQuery verified = verifyAsServer(query, kSecret, "/api/v1/apps");
     EXPECT_TRUE(verified.signatureValid) << query;
@@ -162,13 +174,13 @@ TEST(ChannelSecretQueryTest, ServerDecryptsValuesAndAcceptsSignature) {
     EXPECT_FALSE(verifyAsServer(query, "b3RoZXItc2VjcmV0", "/api/v1/apps").signatureValid);
     // So does one that signs another resource.
     EXPECT_FALSE(verifyAsServer(query, kSecret, "/api/v1/other").signatureValid);
+    // Lists of different lengths and a secret that is no base64 are refused, the query left as it was.
+    EXPECT_EQ("failed", secretQuery({"a", "b"}, {"1"}, kSecret, "res"));
+    EXPECT_EQ("failed", secretQuery({"a"}, {"1"}, "!!!!", "res"));
 }
 
 TEST(ChannelSecretQueryTest, EmptyListsGiveOnlyTheFixedPartsWithAFreshNonce) {
-    std::string query;
-    testing::internal::CaptureStdout();
-    ASSERT_TRUE(ChannelSecret::getSecretQuery(query, {}, {}, "dev", kSecret, "res"));
-    testing::internal::GetCapturedStdout();
+    const std::string query = secretQuery({}, {}, kSecret, "res");
     EXPECT_EQ(4u, splitQuery(query).size());
     EXPECT_TRUE(verifyAsServer(query, kSecret, "res").signatureValid);
 
@@ -182,20 +194,7 @@ TEST(ChannelSecretQueryTest, EmptyListsGiveOnlyTheFixedPartsWithAFreshNonce) {
     EXPECT_EQ(std::string::npos, iv.find_first_not_of("0123456789abcdef"));
 
     // Every query has a nonce of its own (the IV may repeat within a second).
-    std::string second;
-    testing::internal::CaptureStdout();
-    ASSERT_TRUE(ChannelSecret::getSecretQuery(second, {}, {}, "dev", kSecret, "res"));
-    testing::internal::GetCapturedStdout();
-    EXPECT_NE(splitQuery(query)[1].second, splitQuery(second)[1].second);
-}
-
-TEST(ChannelSecretQueryTest, BadInputLeavesQueryUnchanged) {
-    std::string query = "untouched";
-    testing::internal::CaptureStdout();
-    EXPECT_FALSE(ChannelSecret::getSecretQuery(query, {"a", "b"}, {"1"}, "dev", kSecret, "res"));
-    EXPECT_FALSE(ChannelSecret::getSecretQuery(query, {"a"}, {"1"}, "dev", "!!!!", "res"));
-    testing::internal::GetCapturedStdout();
-    EXPECT_EQ("untouched", query);
+    EXPECT_NE(splitQuery(query)[1].second, splitQuery(secretQuery({}, {}, kSecret, "res"))[1].second);
 }
 
 TEST(ChannelSecretCipherTest, AesKeyLengthSelectsCipher) {

@@ -15,6 +15,9 @@ using testsupport::writeFile;
 using testsupport::PackageFactory;
 
 TEST(CommonUtilsFirmware, VersionComparisonAgainstTheRom) {
+    // Without a version file no requirement is met.
+    EXPECT_EQ("", CommonUtils::sGetRomVersion());
+    EXPECT_FALSE(CommonUtils::sCheckIsLowerVersionThanCurrentRom("0.0.1"));
     PackageFactory::setFirmware("2.4.10", "release");
     EXPECT_EQ("2.4.10", CommonUtils::sGetRomVersion());
     EXPECT_EQ("release", CommonUtils::sGetRomChannel());
@@ -24,11 +27,6 @@ TEST(CommonUtilsFirmware, VersionComparisonAgainstTheRom) {
     for (const char* unmet : {"2.5.0", "2.4.11", "3.0.0", "2.4", "2.4.9.1"}) {
         EXPECT_FALSE(CommonUtils::sCheckIsLowerVersionThanCurrentRom(unmet)) << unmet;
     }
-}
-
-TEST(CommonUtilsFirmware, NoVersionFileMeetsNoRequirement) {
-    EXPECT_EQ("", CommonUtils::sGetRomVersion());
-    EXPECT_FALSE(CommonUtils::sCheckIsLowerVersionThanCurrentRom("0.0.1"));
 }
 
 TEST(CommonUtilsFirmware, DeviceIdAndSerialNumber) {
