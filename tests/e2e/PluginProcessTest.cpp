@@ -16,6 +16,7 @@
 #include "common/Singleton.h"
 #include "support/TestSupport.h"
 #include "system/ConfigInfo.h"
+#include "system/Environment.h"
 
 namespace {
 
@@ -77,6 +78,18 @@ TEST(PluginProcesses, StopSendsTermThenKillToThoseThatIgnoreIt) {
     EXPECT_EQ(SIGKILL, stubborn.deathSignal());
     EXPECT_EQ("", datacenter::ConfigInfo::sGetInstance()->getConfigFromFile(PluginManager::sGetPluginPidConfig(),
                                                                             "pid_of_p"));
+}
+
+// The last second after stopping is for processes that were recorded; a
+// fresh install, with none, does not wait.
+TEST(PluginProcesses, TheClosingWaitFollowsOnlyRecordedProcesses) {
+    std::unique_ptr<AbsPlugin> plugin(Singleton<PluginManager>::instance()->createPlugin("r"));
+    const long slept = datacenter::Environment::sSleptMilliseconds();
+    plugin->killProcesses();
+    EXPECT_EQ(slept, datacenter::Environment::sSleptMilliseconds());
+    PluginManager::sSetPluginPort("r", "2147483600", datacenter::PID);  // gone already: no /proc entry to wait on
+    plugin->killProcesses();
+    EXPECT_EQ(slept + 1000, datacenter::Environment::sSleptMilliseconds());
 }
 
 TEST(PluginProcesses, AFailingStopCommandStillKillsTheProcessesAndKeepsTheStatus) {
