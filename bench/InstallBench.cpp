@@ -14,6 +14,7 @@
 #include <spawn.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <boost/filesystem.hpp>
@@ -209,11 +210,14 @@ public:
     }
 
 private:
+    // The previous run's tree removed and everything written so far on the
+    // disk, so that no run pays for the write-back of the one before.
     std::string freshRoot() {
         const std::string root = bench::underRoot("/run");
         fs::remove_all(root);
         fs::create_directories(root);
         fs::copy(template_, root, fs::copy_options::recursive);
+        ::sync();
         return root;
     }
 
