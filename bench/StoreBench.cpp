@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <ctime>
 #include <libconfig.h++>
 #include <string>
@@ -20,7 +21,11 @@
 
 namespace {
 
-const int kPlugins = 200;
+// DC_BENCH_PLUGINS sets the number of installed plugins (the scale run uses 1,000).
+const int kPlugins = [] {
+    const char* value = std::getenv("DC_BENCH_PLUGINS");
+    return value && std::atoi(value) > 0 ? std::atoi(value) : 200;
+}();
 const int kGlobalKeys = 200;
 
 std::string storeDir() {

@@ -164,13 +164,19 @@ ApiErrorCode BinaryPlugin::disableHook() const {
 void BinaryPlugin::killProcesses() const {
     const std::string pids = datacenter::ConfigInfo::sGetInstance()->getConfigFromFile(
         PluginManager::sGetPluginPidConfig(), PluginManager::getPidKeyPrefix() + id());
+    bool stopped = false;
     for (const std::string& piece : CommonUtils::splitString(pids, ";")) {
         int pid = 0;
         if (!piece.empty() && parsePid(piece, pid)) {
             stopProcess(piece, pid);
+            stopped = true;
         }
     }
-    datacenter::Environment::sSleepMilliseconds(1000);
+    // A last second for stopped processes to let go of their files and
+    // ports; with none stopped (a fresh install) there is nothing to wait for.
+    if (stopped) {
+        datacenter::Environment::sSleepMilliseconds(1000);
+    }
     Singleton<PluginManager>::instance()->resetPluginPids(id());
 }
 

@@ -69,11 +69,14 @@ void PluginManager::sSetRouterWebHost(const std::string& host) {
 
 ApiErrorCode PluginManager::getPluginList(std::vector<datacenter::PluginInfo>& out) {
     out.clear();
-    const std::map<std::string, datacenter::PluginInfo> infos =
+    // A copy of our own, so the records move into the list instead of being
+    // copied a second time (and again whenever the list grew).
+    std::map<std::string, datacenter::PluginInfo> infos =
         Singleton<PluginStorageManager>::instance()->getListablePluginInfos();
     LOG(WARNING) << "getPluginList DB count is " << infos.size();
-    for (const auto& entry : infos) {
-        out.push_back(entry.second);
+    out.reserve(infos.size());
+    for (auto& entry : infos) {
+        out.push_back(std::move(entry.second));
     }
     return API_SUCCESS;
 }

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <memory>
 #include <set>
+#include <vector>
 
 #include "Plugin/PluginManager.h"
 #include "Plugin/installAction/InstallAction.h"
@@ -150,13 +151,22 @@ int openDestination(datacenter::PluginTree& tree, const std::string& name, const
     return fd;
 }
 
+// What one extraction keeps from entry to entry: the copy buffer (large
+// writes: one or a few per file instead of one per kilobyte) and the
+// directories already made, so that the files of one directory do not each
+// walk, create and chmod their parents again. Each file is still opened
+// through the tree, component by component, without following links.
+struct Extraction {
+    std::vector<char> buffer = std::vector<char>(64 * 1024);
+    std::set<std::string> directories;
+};
+
 // Copies the entry's whole stream: the data must end exactly at the declared
 // size and pass libzip's CRC check, which only happens at the end of the stream.
-bool copyEntry(zip_file_t* in, int out, zip_uint64_t size, std::string& problem) {
-    char buffer[1024];
+bool copyEntry(zip_file_t* in, int out, zip_uint64_t size, std::vector<char>& buffer, std::string& problem) {
     zip_uint64_t done = 0;
     for (;;) {
-        const zip_int64_t got = zip_fread(in, buffer, sizeof(buffer));
+        const zip_int64_t got = zip_fread(in, buffer.data(), buffer.size());
         if (got < 0) {
             problem = zip_error_strerror(zip_file_get_error(in));
             return false;
@@ -170,7 +180,7 @@ bool copyEntry(zip_file_t* in, int out, zip_uint64_t size, std::string& problem)
             return false;
         }
         for (zip_int64_t written = 0; written < got;) {
-            const ssize_t n = ::write(out, buffer + written, static_cast<size_t>(got - written));
+            const ssize_t n = ::write(out, buffer.data() + written, static_cast<size_t>(got - written));
             if (n < 0 && errno == EINTR) {
                 continue;
             }
@@ -199,13 +209,26 @@ bool makeDirectory(datacenter::PluginTree& tree, const std::string& name, const 
     return true;
 }
 
-bool extractEntry(zip_t* archive, datacenter::PluginTree& tree, const Entry& entry, const std::string& destDir) {
+bool makeDirectoryOnce(datacenter::PluginTree& tree, const std::string& name, const std::string& destDir,
+                       Extraction& extraction) {
+    if (extraction.directories.count(name)) {
+        return true;
+    }
+    if (!makeDirectory(tree, name, destDir)) {
+        return false;
+    }
+    extraction.directories.insert(name);
+    return true;
+}
+
+bool extractEntry(zip_t* archive, datacenter::PluginTree& tree, const Entry& entry, const std::string& destDir,
+                  Extraction& extraction) {
     if (entry.directory) {
-        return makeDirectory(tree, entry.name, destDir);
+        return makeDirectoryOnce(tree, entry.name.substr(0, entry.name.size() - 1), destDir, extraction);
     }
     const std::string dest = destDir + "/" + entry.name;
     const std::string::size_type slash = entry.name.rfind('/');
-    if (slash != std::string::npos && !makeDirectory(tree, entry.name.substr(0, slash), destDir)) {
+    if (slash != std::string::npos && !makeDirectoryOnce(tree, entry.name.substr(0, slash), destDir, extraction)) {
         return false;
     }
     zip_file_t* in = zip_fopen_index(archive, entry.index, 0);
@@ -219,7 +242,7 @@ bool extractEntry(zip_t* archive, datacenter::PluginTree& tree, const Entry& ent
         return false;
     }
     std::string problem;
-    bool ok = copyEntry(in, out, entry.size, problem);
+    bool ok = copyEntry(in, out, entry.size, extraction.buffer, problem);
     ::fchmod(out, 0777);
     ok = ::close(out) == 0 && ok;
     zip_fclose(in);
@@ -344,8 +367,9 @@ bool PackageFiles::sUnzip(const std::string& zipPath, const std::string& destDir
         LOG(ERROR) << "unzip failed. cannot open " << destDir << ": " << tree.lastError();
         return false;
     }
+    Extraction extraction;
     for (const Entry& entry : entries) {
-        if (!extractEntry(archive.get(), tree, entry, destDir)) {
+        if (!extractEntry(archive.get(), tree, entry, destDir, extraction)) {
             return false;
         }
     }
