@@ -164,19 +164,13 @@ ApiErrorCode BinaryPlugin::disableHook() const {
 void BinaryPlugin::killProcesses() const {
     const std::string pids = datacenter::ConfigInfo::sGetInstance()->getConfigFromFile(
         PluginManager::sGetPluginPidConfig(), PluginManager::getPidKeyPrefix() + id());
-    bool stopped = false;
     for (const std::string& piece : CommonUtils::splitString(pids, ";")) {
         int pid = 0;
         if (!piece.empty() && parsePid(piece, pid)) {
             stopProcess(piece, pid);
-            stopped = true;
         }
     }
-    // A last second for stopped processes to let go of their files and
-    // ports; with none stopped (a fresh install) there is nothing to wait for.
-    if (stopped) {
-        datacenter::Environment::sSleepMilliseconds(1000);
-    }
+    datacenter::Environment::sSleepMilliseconds(1000);
     Singleton<PluginManager>::instance()->resetPluginPids(id());
 }
 

@@ -1,16 +1,11 @@
 #include "system/Environment.h"
 
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <thread>
 
 namespace datacenter {
-
-namespace {
-std::atomic<long> gSleptMilliseconds{0};
-}
 
 std::string Environment::sGet(const char* name) {
     const char* value = std::getenv(name);
@@ -32,12 +27,7 @@ long Environment::sGetMilliseconds(const char* name, long fallback) {
 }
 
 void Environment::sSleepMilliseconds(long milliseconds) {
-    gSleptMilliseconds += milliseconds;
     std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
-}
-
-long Environment::sSleptMilliseconds() {
-    return gSleptMilliseconds;
 }
 
 }  // namespace datacenter

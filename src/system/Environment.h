@@ -12,8 +12,6 @@ public:
     static long sGetMilliseconds(const char* name, long fallback);
     // Sleeps the calling thread.
     static void sSleepMilliseconds(long milliseconds);
-    // All the milliseconds slept through sSleepMilliseconds by this process.
-    static long sSleptMilliseconds();
 };
 
 }  // namespace datacenter
