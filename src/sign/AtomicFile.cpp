@@ -36,8 +36,9 @@ AtomicFile::~AtomicFile() {
     discard();
 }
 
-bool AtomicFile::open(const std::string& target, unsigned mode) {
+bool AtomicFile::open(const std::string& target, unsigned mode, bool scratch) {
     discard();
+    scratch_ = scratch;
     if (target.empty()) {
         return false;
     }
@@ -76,7 +77,7 @@ bool AtomicFile::commit() {
     if (fd_ < 0) {
         return false;
     }
-    const bool synced = ::fsync(fd_) == 0;
+    const bool synced = scratch_ || ::fsync(fd_) == 0;
     const bool closed = ::close(fd_) == 0;
     fd_ = -1;
     if (!synced || !closed || ::rename(tempPath_.c_str(), target_.c_str()) != 0) {
@@ -84,7 +85,9 @@ bool AtomicFile::commit() {
         return false;
     }
     tempPath_.clear();
-    syncDirectory(directoryOf(target_));
+    if (!scratch_) {
+        syncDirectory(directoryOf(target_));
+    }
     return true;
 }
 

@@ -93,8 +93,10 @@ int verify(const std::string& packagePath, const std::string* payloadPath, const
     if (code != kOk) {
         return code;
     }
+    // The payload is read back at once by the unpacking and can be verified
+    // again from the package: it is written whole, but not synced.
     AtomicFile payload;
-    if (payloadPath && !payload.open(*payloadPath, 0644)) {
+    if (payloadPath && !payload.open(*payloadPath, 0644, true)) {
         return kWriteFailed;
     }
     code = streamPayload(reader, descriptor, payloadPath ? &payload : nullptr);
