@@ -6,7 +6,7 @@
 # exits with the status in .../run.exit (0 by default). In logging mode
 # nothing is run; in sandbox mode (see sim-lib.sh) COMMAND runs chrooted in
 # DIR (sim_run_chrooted) and the script exits with its status.
-. "$(dirname "$0")/sim-lib.sh"
+case $0 in */*) . "${0%/*}/sim-lib.sh" ;; *) . ./sim-lib.sh ;; esac
 sim_log "$0" "$@"
 dir=$(sim_plugin_dir "${1:-}") || exit $?
 sim_answer chroot_run_script.sh output || true

@@ -6,7 +6,7 @@
 # mount-point folders proc, dev, cache_dir and userdata of DIR when they are
 # empty (a folder with content is a plugin's own data and stays). Exits with
 # the status in $DATACENTER_ROOT/sim/chroot_umout.sh/run.exit (0 by default).
-. "$(dirname "$0")/sim-lib.sh"
+case $0 in */*) . "${0%/*}/sim-lib.sh" ;; *) . ./sim-lib.sh ;; esac
 sim_log "$0" "$@"
 status=$(sim_exit_status chroot_umout.sh run 0)
 [ "$status" = 0 ] || exit "$status"

@@ -6,7 +6,7 @@
 # DIR/tmp/sim-root/userdisk -> ../../userdata through which a program in the
 # sandbox, whose DATACENTER_ROOT is /tmp/sim-root, reaches the user disk by
 # the core's own paths.
-. "$(dirname "$0")/sim-lib.sh"
+case $0 in */*) . "${0%/*}/sim-lib.sh" ;; *) . ./sim-lib.sh ;; esac
 sim_log "$0" "$@"
 userdisk=${2:-}
 sim_sandbox_mount() {

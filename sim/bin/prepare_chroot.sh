@@ -4,7 +4,7 @@
 # tmp in DIR (see sim_sandbox_script in sim-lib.sh). In sandbox mode it also
 # binds the host's library folder read-only at DIR/lib, so that a dynamically
 # linked program runs chrooted there.
-. "$(dirname "$0")/sim-lib.sh"
+case $0 in */*) . "${0%/*}/sim-lib.sh" ;; *) . ./sim-lib.sh ;; esac
 sim_log "$0" "$@"
 sim_sandbox_mount() {
     sim_bind_host_libraries "$1"

@@ -3,7 +3,7 @@
 # CACHE_DIR": logs its arguments and creates the mount point DIR/cache_dir
 # (see sim_sandbox_script in sim-lib.sh). In sandbox mode it binds CACHE_DIR
 # (below the simulated root, created when missing) there, writable.
-. "$(dirname "$0")/sim-lib.sh"
+case $0 in */*) . "${0%/*}/sim-lib.sh" ;; *) . ./sim-lib.sh ;; esac
 sim_log "$0" "$@"
 cache=${2:-}
 sim_sandbox_mount() {

@@ -1,5 +1,5 @@
 # Shared helpers of the platform command stand-ins. Source it with
-#   . "$(dirname "$0")/sim-lib.sh"
+#   case $0 in */*) . "${0%/*}/sim-lib.sh" ;; *) . ./sim-lib.sh ;; esac
 # Every stand-in logs its argv with sim_log "$0" "$@" and answers from files
 # that a test writes below $DATACENTER_ROOT/sim/ (see sim/README.md).
 
@@ -7,6 +7,11 @@
 # host's own root ("/", "//", "/." ...): that would let it write the host's
 # /tmp, /userdisk or, in sandbox mode, mount over the host's folders.
 sim_root() {
+    # Checked once per stand-in: command substitutions inherit the answer.
+    if [ -n "${_sim_root_checked:-}" ] && [ "$_sim_root_checked" = "${DATACENTER_ROOT:-}" ]; then
+        printf '%s\n' "$_sim_root_checked"
+        return 0
+    fi
     if [ -z "${DATACENTER_ROOT:-}" ]; then
         echo "$(basename "$0"): DATACENTER_ROOT is not set" >&2
         exit 127
@@ -18,25 +23,34 @@ sim_root() {
             exit 127
             ;;
     esac
-    if [ "$(printf '%s' "$DATACENTER_ROOT" | tr -s / | sed 's|/\.$||; s|/$||')" = "" ] ||
-        [ "$(cd "$DATACENTER_ROOT" 2>/dev/null && pwd -P)" = "/" ]; then
+    # Every spelling of "/" ("//", "/.", "/..") is made of these two
+    # characters; a link to it resolves to "/".
+    _sim_spelling=no
+    case "$DATACENTER_ROOT" in *[!/.]*) ;; *) _sim_spelling=root ;; esac
+    if [ "$_sim_spelling" = root ] || [ "$(cd "$DATACENTER_ROOT" 2>/dev/null && pwd -P)" = "/" ]; then
         echo "$(basename "$0"): refusing DATACENTER_ROOT '$DATACENTER_ROOT': it is the host's root" >&2
         exit 127
     fi
     printf '%s\n' "$DATACENTER_ROOT"
 }
 
+# Checks the root in this shell itself, so that later checks are free.
+sim_check_root() {
+    sim_root >/dev/null || exit 127
+    _sim_root_checked=$DATACENTER_ROOT
+}
+
 # Appends one line "name arg1 arg2 ..." to $DATACENTER_ROOT/tmp/sim-commands.log.
 sim_log() {
-    _sim_name=$(basename "$1")
+    _sim_name=${1##*/}
     shift
-    _sim_root=$(sim_root) || exit 127
-    mkdir -p "$_sim_root/tmp"
-    printf '%s' "$_sim_name" >>"$_sim_root/tmp/sim-commands.log"
+    sim_check_root
+    [ -d "$DATACENTER_ROOT/tmp" ] || mkdir -p "$DATACENTER_ROOT/tmp"
+    _sim_line=$_sim_name
     for _sim_arg in "$@"; do
-        printf ' %s' "$_sim_arg" >>"$_sim_root/tmp/sim-commands.log"
+        _sim_line="$_sim_line $_sim_arg"
     done
-    printf '\n' >>"$_sim_root/tmp/sim-commands.log"
+    printf '%s\n' "$_sim_line" >>"$DATACENTER_ROOT/tmp/sim-commands.log"
 }
 
 # Path of the answer file $DATACENTER_ROOT/sim/<command>/<name>; refuses
@@ -129,9 +143,10 @@ sim_sandbox_mount() {
 
 # Prints why mounts are not possible here, or nothing when they are.
 sim_sandbox_refusal() {
+    # sim/sandbox-shell sets this only where it made a namespace, which takes Linux and root.
+    [ -n "${DC_SIM_MNT_NS:-}" ] || { echo "not started by sim/sandbox-shell"; return; }
     [ "$(uname -s)" = Linux ] || { echo "not Linux"; return; }
     [ "$(id -u)" = 0 ] || { echo "not root"; return; }
-    [ -n "${DC_SIM_MNT_NS:-}" ] || { echo "not started by sim/sandbox-shell"; return; }
     _sim_ns=$(readlink /proc/self/ns/mnt 2>/dev/null)
     [ -n "$_sim_ns" ] && [ "$_sim_ns" = "$DC_SIM_MNT_NS" ] ||
         { echo "not in the mount namespace sim/sandbox-shell made"; return; }
