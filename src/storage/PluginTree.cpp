@@ -144,37 +144,46 @@ int PluginTree::openFile(const std::string& relative, int flags, mode_t mode) {
     if (parent.get() < 0) {
         return -1;
     }
+    return openFileIn(parent.get(), leaf, flags, mode);
+}
+
+int PluginTree::openFileIn(int directoryFd, const std::string& leaf, int flags, mode_t mode) {
+    error_.clear();
+    if (leaf.empty() || leaf.find('/') != std::string::npos || !sIsSafeName(leaf)) {
+        fail("unsafe name '" + leaf + "'", EINVAL);
+        return -1;
+    }
     // Truncation waits until the file is known to be ours alone.
     const int openFlags = (flags & ~O_TRUNC) | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-    UniqueFd file(::openat(parent.get(), leaf.c_str(), openFlags, mode));
+    UniqueFd file(::openat(directoryFd, leaf.c_str(), openFlags, mode));
     if (file.get() < 0) {
         const int err = errno;
-        fail(describeEntry(parent.get(), leaf, err), err);
+        fail(describeEntry(directoryFd, leaf, err), err);
         return -1;
     }
     struct stat st;
     if (::fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
-        fail("'" + relative + "' is not a regular file", EINVAL);
+        fail("'" + leaf + "' is not a regular file", EINVAL);
         return -1;
     }
     if (isWriting(flags) && st.st_nlink > 1) {
         // Another name of this file may lie outside the tree: write a new file instead.
         file.reset();
-        if (::unlinkat(parent.get(), leaf.c_str(), 0) != 0) {
-            fail("cannot replace '" + relative + "': " + std::strerror(errno), errno);
+        if (::unlinkat(directoryFd, leaf.c_str(), 0) != 0) {
+            fail("cannot replace '" + leaf + "': " + std::strerror(errno), errno);
             return -1;
         }
-        file.reset(::openat(parent.get(), leaf.c_str(), openFlags | O_CREAT | O_EXCL, mode));
+        file.reset(::openat(directoryFd, leaf.c_str(), openFlags | O_CREAT | O_EXCL, mode));
         if (file.get() < 0) {
-            fail("cannot create '" + relative + "': " + std::strerror(errno), errno);
+            fail("cannot create '" + leaf + "': " + std::strerror(errno), errno);
             return -1;
         }
-    }
-    if ((flags & O_TRUNC) && isWriting(flags) && ::ftruncate(file.get(), 0) != 0) {
-        fail("cannot truncate '" + relative + "': " + std::strerror(errno), errno);
+    } else if ((flags & O_TRUNC) && isWriting(flags) && st.st_size > 0 && ::ftruncate(file.get(), 0) != 0) {
+        fail("cannot truncate '" + leaf + "': " + std::strerror(errno), errno);
         return -1;
     }
-    ::fcntl(file.get(), F_SETFL, ::fcntl(file.get(), F_GETFL) & ~O_NONBLOCK);
+    // The status flags that F_SETFL changes are all known from the open.
+    ::fcntl(file.get(), F_SETFL, openFlags & ~O_NONBLOCK);
     return file.release();
 }
 

@@ -43,6 +43,10 @@ public:
     // more than one hard link is replaced by a new one when opened for writing,
     // so writing never reaches a file outside. Returns a descriptor or -1.
     int openFile(const std::string& relative, int flags, mode_t mode);
+    // The same for the entry `leaf` (one component) of a directory of this
+    // tree that the caller holds open (from openDirectory), so that many
+    // files of one directory need not each walk from the root again.
+    int openFileIn(int directoryFd, const std::string& leaf, int flags, mode_t mode);
     // Sets the permission bits of the file or directory `relative` through a
     // descriptor of it; false when it is missing, a link or special file.
     bool chmod(const std::string& relative, mode_t mode);

@@ -21,6 +21,7 @@
 #include "storage/Directory.h"
 #include "storage/File.h"
 #include "storage/PluginTree.h"
+#include "storage/UniqueFd.h"
 #include "system/CommonUtils.h"
 #include "system/ConfigInfo.h"
 #include "system/RootPrefix.h"
@@ -36,6 +37,37 @@ struct ZipCloser {
     void operator()(zip_t* archive) const { zip_close(archive); }
 };
 typedef std::unique_ptr<zip_t, ZipCloser> Archive;
+
+// An archive opened for unpacking through a stream with a large buffer of
+// its own: libzip reads through stdio, whose default buffer of one block
+// would cost a seek and a read for every 4 KiB of the payload. The buffer is
+// declared first so that it outlives the stream, which the archive closes.
+struct UnpackArchive {
+    std::vector<char> buffer = std::vector<char>(256 * 1024);
+    Archive archive;
+};
+
+void openForUnpacking(const std::string& zipPath, UnpackArchive& out, int& err) {
+    err = ZIP_ER_OPEN;
+    FILE* file = std::fopen(zipPath.c_str(), "rbe");
+    if (!file) {
+        return;
+    }
+    std::setvbuf(file, out.buffer.data(), _IOFBF, out.buffer.size());
+    zip_error_t error;
+    zip_error_init(&error);
+    zip_source_t* source = zip_source_filep_create(file, 0, -1, &error);
+    if (!source) {
+        std::fclose(file);
+    } else {
+        out.archive.reset(zip_open_from_source(source, ZIP_RDONLY, &error));
+        if (!out.archive) {
+            zip_source_free(source);
+        }
+    }
+    err = out.archive ? 0 : zip_error_code_zip(&error);
+    zip_error_fini(&error);
+}
 
 struct Entry {
     zip_uint64_t index;
@@ -131,9 +163,9 @@ bool refusedByTree(int err) {
     return err == ELOOP || err == ENOTDIR || err == EINVAL || err == ENXIO || err == EISDIR;
 }
 
-int openDestination(datacenter::PluginTree& tree, const std::string& name, const std::string& dest) {
+int openDestination(datacenter::PluginTree& tree, int directoryFd, const std::string& leaf, const std::string& dest) {
     const int flags = O_WRONLY | O_CREAT | O_TRUNC;
-    int fd = tree.openFile(name, flags, 0777);
+    int fd = tree.openFileIn(directoryFd, leaf, flags, 0777);
     if (fd >= 0 || refusedByTree(errno)) {
         if (fd < 0) {
             LOG(ERROR) << "unzip failed. create file error. desFile is" << dest << ": " << tree.lastError();
@@ -144,7 +176,7 @@ int openDestination(datacenter::PluginTree& tree, const std::string& name, const
     LOG(ERROR) << "file busy. desFile is" << dest;
     CommonUtils::sCallSystem("fuser -k " + datacenter::shellArgument(dest));
     usleep(100);
-    fd = tree.openFile(name, flags, 0777);
+    fd = tree.openFileIn(directoryFd, leaf, flags, 0777);
     if (fd < 0) {
         LOG(ERROR) << "unzip failed. create file error. desFile is" << dest << ": " << tree.lastError();
     }
@@ -152,13 +184,18 @@ int openDestination(datacenter::PluginTree& tree, const std::string& name, const
 }
 
 // What one extraction keeps from entry to entry: the copy buffer (large
-// writes: one or a few per file instead of one per kilobyte) and the
+// writes: one or a few per file instead of one per kilobyte), the
 // directories already made, so that the files of one directory do not each
-// walk, create and chmod their parents again. Each file is still opened
-// through the tree, component by component, without following links.
+// create and chmod their parents again, and the directory of the last file,
+// held open: archives list the files of a directory together, so most files
+// are opened relative to it instead of walking from the root again. Every
+// directory is still opened through the tree, component by component,
+// without following links.
 struct Extraction {
     std::vector<char> buffer = std::vector<char>(64 * 1024);
     std::set<std::string> directories;
+    std::string heldName;
+    datacenter::UniqueFd held;
 };
 
 // Copies the entry's whole stream: the data must end exactly at the declared
@@ -198,37 +235,37 @@ bool copyEntry(zip_file_t* in, int out, zip_uint64_t size, std::vector<char>& bu
     return true;
 }
 
-bool makeDirectory(datacenter::PluginTree& tree, const std::string& name, const std::string& destDir) {
+// A descriptor of the directory `name` ("" for the destination itself),
+// made with mode 0777 the first time; the extraction holds it.
+int directoryFor(datacenter::PluginTree& tree, const std::string& name, const std::string& destDir,
+                 Extraction& extraction) {
+    if (extraction.held.valid() && extraction.heldName == name) {
+        return extraction.held.get();
+    }
+    extraction.held.reset();
     const int fd = tree.openDirectory(name, true, 0777);
     if (fd < 0) {
         LOG(ERROR) << "unzip failed. cannot create directory " << destDir << "/" << name << ": " << tree.lastError();
-        return false;
+        return -1;
     }
-    ::fchmod(fd, 0777);
-    ::close(fd);
-    return true;
-}
-
-bool makeDirectoryOnce(datacenter::PluginTree& tree, const std::string& name, const std::string& destDir,
-                       Extraction& extraction) {
-    if (extraction.directories.count(name)) {
-        return true;
+    if (!name.empty() && extraction.directories.insert(name).second) {
+        ::fchmod(fd, 0777);
     }
-    if (!makeDirectory(tree, name, destDir)) {
-        return false;
-    }
-    extraction.directories.insert(name);
-    return true;
+    extraction.held.reset(fd);
+    extraction.heldName = name;
+    return fd;
 }
 
 bool extractEntry(zip_t* archive, datacenter::PluginTree& tree, const Entry& entry, const std::string& destDir,
                   Extraction& extraction) {
     if (entry.directory) {
-        return makeDirectoryOnce(tree, entry.name.substr(0, entry.name.size() - 1), destDir, extraction);
+        return directoryFor(tree, entry.name.substr(0, entry.name.size() - 1), destDir, extraction) >= 0;
     }
     const std::string dest = destDir + "/" + entry.name;
     const std::string::size_type slash = entry.name.rfind('/');
-    if (slash != std::string::npos && !makeDirectoryOnce(tree, entry.name.substr(0, slash), destDir, extraction)) {
+    const std::string parent = slash == std::string::npos ? std::string() : entry.name.substr(0, slash);
+    const int directory = directoryFor(tree, parent, destDir, extraction);
+    if (directory < 0) {
         return false;
     }
     zip_file_t* in = zip_fopen_index(archive, entry.index, 0);
@@ -236,7 +273,8 @@ bool extractEntry(zip_t* archive, datacenter::PluginTree& tree, const Entry& ent
         LOG(ERROR) << "unzip failed. cannot read entry " << entry.name << ": " << zip_strerror(archive);
         return false;
     }
-    const int out = openDestination(tree, entry.name, dest);
+    const int out =
+        openDestination(tree, directory, slash == std::string::npos ? entry.name : entry.name.substr(slash + 1), dest);
     if (out < 0) {
         zip_fclose(in);
         return false;
@@ -352,14 +390,16 @@ bool PackageFiles::sUnzip(const std::string& zipPath, const std::string& destDir
     }
     datacenter::Directory::sCreateDirectory(destDir);
     int err = 0;
-    Archive archive(zip_open(zipPath.c_str(), 0, &err));
+    UnpackArchive unpack;
+    openForUnpacking(zipPath, unpack, err);
+    zip_t* const archive = unpack.archive.get();
     if (err != 0 || !archive) {
         LOG(ERROR) << "unzip Function failed. zip open error. error is " << err;
         LOG(ERROR) << "path is " << zipPath;
         return false;
     }
     std::vector<Entry> entries;
-    if (!collectEntries(archive.get(), destDir, entries)) {
+    if (!collectEntries(archive, destDir, entries)) {
         return false;
     }
     datacenter::PluginTree tree(destDir);
@@ -369,7 +409,7 @@ bool PackageFiles::sUnzip(const std::string& zipPath, const std::string& destDir
     }
     Extraction extraction;
     for (const Entry& entry : entries) {
-        if (!extractEntry(archive.get(), tree, entry, destDir, extraction)) {
+        if (!extractEntry(archive, tree, entry, destDir, extraction)) {
             return false;
         }
     }

@@ -38,15 +38,27 @@ void writeManifest(const std::string& id, const std::string& text) {
 }  // namespace
 
 TEST(PackageUnzip, UnpacksNestedFilesAndKeepsTheCopyReserve) {
-    const std::string zip = makeZip("ok.zip", {{"manifest", "plugin_id = \"9\";\n"}, {"bin/app", "app"}});
+    // Files of one folder need not come together in the archive.
+    const std::string zip = makeZip("ok.zip", {{"manifest", "plugin_id = \"9\";\n"},
+                                               {"bin/app", "app"},
+                                               {"www/a/index.html", "a"},
+                                               {"bin/helper", "helper"},
+                                               {"www/b.css", "b"},
+                                               {"www/a/c.js", "c"}});
     const std::string dest = testsupport::makeScratchDir("unzip");
     ASSERT_TRUE(PackageFiles::sUnzip(zip, dest));
-    EXPECT_EQ("app", testsupport::readFile(dest + "/bin/app"));
+    for (const auto& file : std::vector<std::pair<std::string, std::string>>{{"bin/app", "app"},
+                                                                             {"bin/helper", "helper"},
+                                                                             {"www/a/index.html", "a"},
+                                                                             {"www/b.css", "b"},
+                                                                             {"www/a/c.js", "c"}}) {
+        EXPECT_EQ(file.second, testsupport::readFile(dest + "/" + file.first)) << file.first;
+    }
     EXPECT_EQ("9", PackageFiles::sGetIdFromPackage(zip));
 
     const std::string full = testsupport::makeScratchDir("full");
-    // 17 bytes of manifest and 3 of app must fit beside the reserve.
-    const uint64_t needed = datacenter::File::sCopyReserveBytes + 17 + 3;
+    // 17 bytes of manifest and 12 of the other files must fit beside the reserve.
+    const uint64_t needed = datacenter::File::sCopyReserveBytes + 17 + 12;
     datacenter::File::sSetDiskSpaceQuery([needed](const std::string&) {
         datacenter::DiskSpaceInfo info;
         info.available = needed - 1;

@@ -72,6 +72,13 @@ TEST(PluginTreeLinks, ALinkAtAnyComponentIsRefusedAndNothingOutsideChanges) {
     EXPECT_EQ(-1, tree.openFile("a/config", O_WRONLY | O_CREAT | O_TRUNC, 0777));
     EXPECT_EQ(-1, tree.openFile("a/config", O_RDONLY, 0));
     EXPECT_FALSE(tree.chmod("a/config", 0777));
+    // Opening relative to a directory held open takes one plain component only.
+    const int a = tree.openDirectory("a", false, 0);
+    ASSERT_GE(a, 0);
+    for (const char* leaf : {"config", "../a/config", "b/c/secret", "..", ""}) {
+        EXPECT_EQ(-1, tree.openFileIn(a, leaf, O_WRONLY | O_CREAT | O_TRUNC, 0777)) << leaf;
+    }
+    close(a);
     EXPECT_FALSE(tree.chmod("www/secret", 0777));
     EXPECT_FALSE(tree.chmod("www", 0777));
     EXPECT_TRUE(tree.isLink("www"));
