@@ -14,7 +14,9 @@ std::string gRoot;
 }
 
 void makeRoot(const char* programName) {
-    std::string pattern = "/tmp/dc-bench-XXXXXX";
+    // DC_BENCH_DIR chooses the file system the benchmark works on.
+    const char* dir = std::getenv("DC_BENCH_DIR");
+    std::string pattern = std::string(dir && *dir ? dir : "/tmp") + "/dc-bench-XXXXXX";
     if (!mkdtemp(&pattern[0])) {
         perror("mkdtemp");
         exit(1);

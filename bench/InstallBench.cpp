@@ -107,9 +107,11 @@ void writeNoise(const std::string& path, long size, unsigned long long seed) {
     std::ofstream(path, std::ios::binary | std::ios::trunc).write(bytes.data(), size);
 }
 
+// Streams, not boost's copy_file: that fails across file systems here (EXDEV).
 void copyProgram(const std::string& to) {
     fs::create_directories(fs::path(to).parent_path());
-    fs::copy_file("/proc/self/exe", to, fs::copy_options::overwrite_existing);
+    std::ifstream in("/proc/self/exe", std::ios::binary);
+    std::ofstream(to, std::ios::binary | std::ios::trunc) << in.rdbuf();
 }
 
 struct Package {

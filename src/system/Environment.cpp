@@ -30,4 +30,10 @@ void Environment::sSleepMilliseconds(long milliseconds) {
     std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
 }
 
+void Environment::sPinTimeZone() {
+    if (std::getenv("TZ") == nullptr) {
+        setenv("TZ", ":/etc/localtime", 0);
+    }
+}
+
 }  // namespace datacenter

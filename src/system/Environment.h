@@ -12,6 +12,12 @@ public:
     static long sGetMilliseconds(const char* name, long fallback);
     // Sleeps the calling thread.
     static void sSleepMilliseconds(long milliseconds);
+    // For the command-line programs, before any thread starts: names the
+    // system's time zone file in TZ when TZ is unset. The zone stays the
+    // same, but the C library no longer looks at the file again on every
+    // time conversion, and libzip converts the time of every entry of an
+    // archive it opens (two opens of a 3,000-file package: 6,000 looks).
+    static void sPinTimeZone();
 };
 
 }  // namespace datacenter

@@ -291,6 +291,35 @@ bool extractEntry(zip_t* archive, datacenter::PluginTree& tree, const Entry& ent
     return ok;
 }
 
+// Records `path` and, for a directory, what lies below it. `followed` is its
+// status through links, `own` its status as an entry; the listing of a
+// directory gives both for entries that are not links without another look.
+bool collectFiles(const std::string& path, const fs::file_status& followed, const fs::file_status& own,
+                  std::vector<std::string>& files, const std::map<std::string, bool>& ignore) {
+    if (followed.type() == fs::file_not_found || followed.type() == fs::status_error) {
+        LOG(INFO) << "File path Do Not exist\n";
+        return false;
+    }
+    files.push_back(path);
+    // Links are recorded but never walked: they could lead out of the plugin or in a circle.
+    if (!fs::is_directory(own)) {
+        return true;
+    }
+    boost::system::error_code ec;
+    for (fs::directory_iterator it(path, ec), end; !ec && it != end; it.increment(ec)) {
+        const std::string entry = it->path().string();
+        if (ignore.count(entry) != 0) {
+            continue;
+        }
+        boost::system::error_code statusError;
+        const fs::file_status entryOwn = it->symlink_status(statusError);
+        if (!collectFiles(entry, it->status(statusError), entryOwn, files, ignore)) {
+            return false;
+        }
+    }
+    return !ec;
+}
+
 }  // namespace
 
 std::string PackageFiles::sStagingDir() {
@@ -427,23 +456,7 @@ std::map<std::string, bool> PackageFiles::sGetIgnoreFiles(const std::string& dat
 bool PackageFiles::sGetFilesPath(const std::string& path, std::vector<std::string>& files,
                                  const std::map<std::string, bool>& ignore) {
     boost::system::error_code ec;
-    const fs::file_status status = fs::status(path, ec);
-    if (status.type() == fs::file_not_found || status.type() == fs::status_error) {
-        LOG(INFO) << "File path Do Not exist\n";
-        return false;
-    }
-    files.push_back(path);
-    // Links are recorded but never walked: they could lead out of the plugin or in a circle.
-    if (!fs::is_directory(fs::symlink_status(path, ec))) {
-        return true;
-    }
-    for (fs::directory_iterator it(path, ec), end; !ec && it != end; it.increment(ec)) {
-        const std::string entry = it->path().string();
-        if (ignore.count(entry) == 0 && !sGetFilesPath(entry, files, ignore)) {
-            return false;
-        }
-    }
-    return !ec;
+    return collectFiles(path, fs::status(path, ec), fs::symlink_status(path, ec), files, ignore);
 }
 
 std::string PackageFiles::sPackageArchiveDir() {

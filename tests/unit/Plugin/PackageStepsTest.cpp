@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <boost/filesystem.hpp>
 
 #include "Plugin/PluginManager.h"
@@ -102,6 +103,25 @@ TEST(PackageChecks, SdkLevelFirmwareTypeVersionAndIdInThatOrder) {
     }
     writeFile(PluginManager::sGetPluginManifestPath("31"), "plugin_id = \"32\";\nsupported_rom = \"netvale_rom\";\n");
     EXPECT_EQ(API_PLUGIN_ID_MISMATCH, action.checkPackage());
+}
+
+TEST(PackageRecord, ListsFilesAndLinksWithoutWalkingLinksOrIgnoredFoldersAndFailsOnADanglingLink) {
+    namespace fs = boost::filesystem;
+    const std::string dir = testsupport::makeScratchDir("record") + "/";
+    const std::string outside = testsupport::makeScratchDir("record-outside");
+    writeFile(dir + "www/a/index.html", "a");
+    writeFile(dir + "proc/self", "x");
+    writeFile(outside + "/secret", "s");
+    fs::create_symlink(outside, dir + "www/out");
+    std::vector<std::string> files;
+    ASSERT_TRUE(PackageFiles::sGetFilesPath(dir, files, PackageFiles::sGetIgnoreFiles(dir)));
+    std::sort(files.begin(), files.end());
+    EXPECT_EQ((std::vector<std::string>{dir, dir + "www", dir + "www/a", dir + "www/a/index.html", dir + "www/out"}),
+              files);
+
+    fs::create_symlink(outside + "/missing", dir + "www/a/dangling");
+    files.clear();
+    EXPECT_FALSE(PackageFiles::sGetFilesPath(dir, files, PackageFiles::sGetIgnoreFiles(dir)));
 }
 
 TEST(PackageArchive, KeepsACopyOfThePackageForReinstallation) {
