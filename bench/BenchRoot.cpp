@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <fstream>
 
+#include "system/Environment.h"
+
 namespace bench {
 
 namespace {
@@ -25,6 +27,8 @@ void makeRoot(const char* programName) {
     setenv("DATACENTER_ROOT", gRoot.c_str(), 1);
     boost::filesystem::create_directories(gRoot + "/log");
     FLAGS_log_dir = gRoot + "/log";
+    // As every program of the core does when it starts its logging.
+    datacenter::Environment::sPinTimeZone();
     google::InitGoogleLogging(programName);
 }
 

@@ -6,7 +6,7 @@
 // when the mark file "hasUpdated" exists (how a process that changed the
 // store behind this object's back tells the others), each manifest is
 // stat()ed and only those whose own stamp changed are parsed again. A stamp
-// taken within kRacyWindow of the clock is not trusted, because a second
+// taken within FileStamp::kRacyWindow of the clock is not trusted, because a second
 // change inside the same file-system time tick would leave it unchanged: such
 // entries are looked at again on the next lookup.
 // Reached through Singleton<PluginStorageManager>::instance().
@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "common/PluginInfo.h"
+#include "storage/FileStamp.h"
 
 class PluginStorageManager {
 public:
@@ -81,21 +82,8 @@ public:
     // (for diagnostics and benchmarks of the reload cost).
     uint64_t manifestParseCount() const { return parseCount_.load(); }
 
-    // Stamps younger than this (seconds) are re-checked on the next lookup:
-    // it covers the coarsest time stamps of the file systems a user disk may
-    // carry (two seconds on FAT).
-    static const int kRacyWindow = 2;
-
 private:
-    // What identifies one version of a file without reading it.
-    struct Stamp {
-        dev_t device = 0;
-        ino_t inode = 0;
-        off_t size = 0;
-        timespec modified{0, 0};
-        timespec changed{0, 0};
-        bool operator==(const Stamp& other) const;
-    };
+    typedef datacenter::FileStamp Stamp;
     // What the last scan saw of one directory entry.
     struct Entry {
         Stamp stamp;
@@ -116,8 +104,6 @@ private:
     bool unchangedLocked(const std::string& path, const Entry& entry) const;
     // Parses `path` and caches its record; the mutex is held.
     bool addLocked(const std::string& path, datacenter::PluginInfo& info);
-    static bool sStampOf(const std::string& path, Stamp& stamp);
-    static bool sIsRacy(const Stamp& stamp, const timespec& scanStart);
     bool writeKeyToStorage(const std::string& id, const std::string& key, const std::string& value, const char* caller);
 
     std::string manifestRootPath;

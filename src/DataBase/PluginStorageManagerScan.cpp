@@ -31,10 +31,6 @@ namespace {
 // The built-in welcome page keeps its status outside its manifest.
 const char* const kWelcomePluginId = "5017400000000000005";
 
-bool sameTime(const timespec& a, const timespec& b) {
-    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
-}
-
 // The settings of a manifest's root group, gathered in one pass: looking
 // each key up through the library walks the whole group every time.
 class Members {
@@ -184,31 +180,6 @@ std::vector<std::string> listStore(const std::string& directory) {
 
 }  // namespace
 
-bool PluginStorageManager::Stamp::operator==(const Stamp& other) const {
-    return device == other.device && inode == other.inode && size == other.size && sameTime(modified, other.modified) &&
-           sameTime(changed, other.changed);
-}
-
-bool PluginStorageManager::sStampOf(const std::string& path, Stamp& stamp) {
-    struct stat status;
-    if (stat(path.c_str(), &status) != 0) {
-        return false;
-    }
-    stamp.device = status.st_dev;
-    stamp.inode = status.st_ino;
-    stamp.size = status.st_size;
-    stamp.modified = status.st_mtim;
-    stamp.changed = status.st_ctim;
-    return true;
-}
-
-bool PluginStorageManager::sIsRacy(const Stamp& stamp, const timespec& scanStart) {
-    // The modification time is what a write inside the same tick would leave
-    // unchanged; the change time moves with it, and a file whose times were
-    // set back by hand is not what a writer of the store does.
-    return stamp.modified.tv_sec + kRacyWindow >= scanStart.tv_sec;
-}
-
 PluginStorageManager::ReadResult PluginStorageManager::readManifest(const std::string& path, PluginInfo& info,
                                                                     Stamp& stamp) {
     // The name is checked here and the kind of file once it is open (a
@@ -230,10 +201,10 @@ PluginStorageManager::ReadResult PluginStorageManager::readManifest(const std::s
             fclose(stream);
         }
         LOG(INFO) << path << " is not valid manifest";
-        sStampOf(path, stamp);
+        Stamp::sOf(path, stamp);
         return ReadResult::NotManifest;
     }
-    stamp = Stamp{status.st_dev, status.st_ino, status.st_size, status.st_mtim, status.st_ctim};
+    stamp = Stamp::sFrom(status);
     libconfig::Config document;
     std::string error;
     datacenter::ConfigInfo::sGetInstance()->withFileLock([&] {
@@ -257,7 +228,7 @@ PluginStorageManager::ReadResult PluginStorageManager::readManifest(const std::s
         // Only the version that was read goes: a manifest renamed into its
         // place meanwhile is another plugin's record.
         Stamp now;
-        if (sStampOf(path, now) && now == stamp) {
+        if (Stamp::sOf(path, now) && now == stamp) {
             datacenter::File::sDelete(path);
         }
         return ReadResult::NoId;
@@ -272,7 +243,7 @@ PluginStorageManager::ReadResult PluginStorageManager::readManifest(const std::s
 
 bool PluginStorageManager::unchangedLocked(const std::string& path, const Entry& entry) const {
     Stamp now;
-    if (entry.racy || !sStampOf(path, now) || !(now == entry.stamp)) {
+    if (entry.racy || !Stamp::sOf(path, now) || !(now == entry.stamp)) {
         return false;
     }
     if (entry.id.empty()) {
@@ -322,7 +293,7 @@ void PluginStorageManager::rescanLocked(const timespec& scanStart) {
             owners[info.id] = path;
             infos[info.id] = std::move(info);
         }
-        entry.racy = sIsRacy(entry.stamp, scanStart);
+        entry.racy = entry.stamp.isRacy(scanStart.tv_sec);
         racy = racy || entry.racy;
         entries[path] = entry;
     }
@@ -338,7 +309,7 @@ void PluginStorageManager::rescanLocked(const timespec& scanStart) {
 void PluginStorageManager::refreshLocked() {
     manifestRootPath = sGetManifestRootPath();
     Stamp directory;
-    if (!datacenter::Directory::sIsDirectory(manifestRootPath) || !sStampOf(manifestRootPath, directory)) {
+    if (!datacenter::Directory::sIsDirectory(manifestRootPath) || !Stamp::sOf(manifestRootPath, directory)) {
         pluginInfos_.clear();
         entries_.clear();
         ownerOf_.clear();
@@ -352,14 +323,14 @@ void PluginStorageManager::refreshLocked() {
     }
     if (marked) {
         datacenter::File::sDelete(markFile);
-        sStampOf(manifestRootPath, directory);
+        Stamp::sOf(manifestRootPath, directory);
     }
     timespec scanStart;
     clock_gettime(CLOCK_REALTIME, &scanStart);
     directoryStamp_ = directory;
     lastModified = directory.modified.tv_sec;
     scanned_ = true;
-    racyLeft_ = sIsRacy(directory, scanStart);
+    racyLeft_ = directory.isRacy(scanStart.tv_sec);
     rescanLocked(scanStart);
 }
 
@@ -371,7 +342,7 @@ bool PluginStorageManager::addLocked(const std::string& path, PluginInfo& info) 
     timespec now;
     clock_gettime(CLOCK_REALTIME, &now);
     entry.id = info.id;
-    entry.racy = sIsRacy(entry.stamp, now);
+    entry.racy = entry.stamp.isRacy(now.tv_sec);
     racyLeft_ = racyLeft_ || entry.racy;
     entries_[path] = entry;
     keepWelcomeStatus(pluginInfos_, info);

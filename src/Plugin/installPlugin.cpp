@@ -67,7 +67,6 @@ bool parseInstallCommand(int argc, char** argv, InstallCommand& command) {
 }
 
 int installPluginMain(int argc, char** argv) {
-    datacenter::Environment::sPinTimeZone();
     // Give the services that start with us time to come up. Tests shorten this.
     datacenter::Environment::sSleepMilliseconds(
         datacenter::Environment::sGetMilliseconds("DATACENTER_INSTALLPLUGIN_DELAY_MS", 2000));

@@ -19,7 +19,6 @@
 #include "Plugin/installAction/InstallAction.h"
 #include "common/Singleton.h"
 #include "system/CurlDownloader.h"
-#include "system/Environment.h"
 #include "system/Logging.h"
 
 namespace {
@@ -376,7 +375,6 @@ const std::map<std::string, Command>& commands() {
 }  // namespace
 
 int pluginCenterMain(int argc, char** argv) {
-    datacenter::Environment::sPinTimeZone();
     datacenter::Logging::sInit("plugincenter", true);
     if (argc == 2 && std::string(argv[1]) == "--help") {
         std::cout << kUsage;

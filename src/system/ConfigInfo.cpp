@@ -2,8 +2,11 @@
 
 #include <glog/logging.h>
 
+#include <ctime>
+
 #include "storage/Directory.h"
 #include "storage/File.h"
+#include "storage/FileStamp.h"
 #include "system/LibconfigFile.h"
 #include "system/RootPrefix.h"
 
@@ -19,12 +22,7 @@ ConfigInfo::~ConfigInfo() = default;
 std::string ConfigInfo::getConfig(const std::string& key) {
     LOG(INFO) << "getConfig begin,key:" << key << " globalConfigPath:" << globalConfigPath;
     boost::mutex::scoped_lock lock(configMutex_);
-    if (File::sExists(globalConfigPath)) {
-        std::string error;
-        if (!LibconfigFile::sRead(config_, globalConfigPath, error)) {
-            LOG(ERROR) << "parse config file error :" << error << "\npath is " << globalConfigPath;
-        }
-    }
+    refreshGlobalLocked();
     try {
         LOG(INFO) << "config_.getRoot()!";
         std::string value;
@@ -39,9 +37,29 @@ std::string ConfigInfo::getConfig(const std::string& key) {
     return std::string();
 }
 
+void ConfigInfo::refreshGlobalLocked() {
+    FileStamp stamp;
+    if (!FileStamp::sOf(globalConfigPath, stamp)) {
+        globalLoaded_ = false;
+        return;
+    }
+    if (globalLoaded_ && stamp == globalStamp_ && !stamp.isRacy(time(nullptr))) {
+        return;
+    }
+    std::string error;
+    ++globalReads_;
+    globalLoaded_ = LibconfigFile::sRead(config_, globalConfigPath, error);
+    if (!globalLoaded_) {
+        LOG(ERROR) << "parse config file error :" << error << "\npath is " << globalConfigPath;
+    }
+    globalStamp_ = stamp;
+}
+
 void ConfigInfo::setConfig(const std::string& key, const std::string& value) {
     LOG(INFO) << "setConfig begin,key:" << key << " value:" << value;
     boost::mutex::scoped_lock lock(configMutex_);
+    // What is in memory now is not what the file held, whether the write works or not.
+    globalLoaded_ = false;
     try {
         LibconfigFile::sSetString(config_, key, value);
         LOG(INFO) << "write file:" << globalConfigPath;
@@ -148,6 +166,7 @@ void ConfigInfo::init() {
 }
 
 void ConfigInfo::loadGlobalFileLocked() {
+    globalLoaded_ = false;
     try {
         LibconfigFile::sReadPlain(config_, globalConfigPath);
     } catch (const libconfig::ParseException& e) {

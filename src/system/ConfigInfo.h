@@ -2,10 +2,14 @@
 // The process-wide configuration object: where everything lives on the
 // router, and the only access to libconfig files. Every read-modify-write of
 // any libconfig file in this process runs under one lock held here.
+#include <atomic>
 #include <boost/thread/mutex.hpp>
+#include <cstdint>
 #include <libconfig.h++>
 #include <string>
 #include <vector>
+
+#include "storage/FileStamp.h"
 
 namespace datacenter {
 
@@ -50,6 +54,8 @@ public:
     // make the directory (with its parents, mode 0777) when it is missing.
 
     const std::string& getGlobalConfigPath() const { return globalConfigPath; }
+    // How often the global file was parsed (diagnostics; the cache's tests).
+    uint64_t globalReadCount() const { return globalReads_.load(); }
     std::string getConfigRoot();  // created
     std::string getUserdiskRootPath() const;
     std::string getUserdiskDataPath() const;
@@ -183,6 +189,10 @@ public:
 private:
     ConfigInfo();
     void loadGlobalFileLocked();
+    // Reads the global file into config_ unless config_ already holds the
+    // version on disk (same stamp, old enough to be trusted): the port of a
+    // plugin and other settings are looked up on every call.
+    void refreshGlobalLocked();
     void localization();
     void readPrimaryDiskDevice();
     void buildIndexIgnoredFolders();
@@ -191,6 +201,9 @@ private:
     std::string globalConfigPath;
     std::string configRoot;
     libconfig::Config config_;
+    FileStamp globalStamp_;
+    bool globalLoaded_ = false;
+    std::atomic<uint64_t> globalReads_{0};
     boost::mutex configMutex_;
 
     std::string localizationFolder_;

@@ -12,7 +12,7 @@ public:
     static long sGetMilliseconds(const char* name, long fallback);
     // Sleeps the calling thread.
     static void sSleepMilliseconds(long milliseconds);
-    // For the command-line programs, before any thread starts: names the
+    // For the start of a program, before any thread starts: names the
     // system's time zone file in TZ when TZ is unset. The zone stays the
     // same, but the C library no longer looks at the file again on every
     // time conversion, and libzip converts the time of every entry of an

@@ -3,6 +3,8 @@
 #include <glog/logging.h>
 #include <syslog.h>
 
+#include "system/Environment.h"
+
 namespace datacenter {
 namespace {
 
@@ -37,6 +39,9 @@ void Logging::sInit(const char* programName, bool toStderr) {
         return;
     }
     initialised = true;
+    // Every line's time stamp converts the time: without this, each one
+    // would also look at the zone file again.
+    Environment::sPinTimeZone();
     google::InitGoogleLogging(programName);
     FLAGS_logtostderr = toStderr;
     openlog(programName, LOG_PID, LOG_USER);

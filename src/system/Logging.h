@@ -6,7 +6,9 @@ namespace datacenter {
 class Logging {
 public:
     // Initialises glog under `programName`; with `toStderr` glog writes to
-    // standard error instead of log files. Safe to call once per process.
+    // standard error instead of log files. Safe to call once per process;
+    // call it first thing, before any thread starts (it pins TZ, see
+    // Environment::sPinTimeZone).
     static void sInit(const char* programName, bool toStderr);
 };
 

@@ -1,9 +1,13 @@
 // The configuration files: the global one, per-plugin ones, repair of a
 // damaged file, and writers on several threads. Writers in several processes
 // are PluginProcessTest's (through the plugin's configuration data).
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <boost/thread/thread.hpp>
+#include <cstdio>
+#include <ctime>
 
 #include "support/TestSupport.h"
 #include "system/ConfigInfo.h"
@@ -44,6 +48,37 @@ TEST(ConfigGlobal, RoundTripsKeysAndAnEmptyValueDeletesTheKey) {
     // A key that is not a valid setting name is refused without touching the file.
     config->setConfig("9bad key", "x");
     EXPECT_EQ("2", config->getConfig("b"));
+}
+
+TEST(ConfigGlobal, ASettledFileIsParsedOnceAndEveryOtherWriteIsSeen) {
+    ConfigInfo* config = ConfigInfo::sGetInstance();
+    const struct timespec past[2] = {{time(nullptr) - 600, 0}, {time(nullptr) - 600, 0}};
+    const auto writeSettled = [&](const std::string& text) {
+        writeFile(globalFile(), text);
+        ASSERT_EQ(0, utimensat(AT_FDCWD, globalFile().c_str(), past, 0));
+    };
+    writeSettled("port_of_7 = \"1111\";\n");
+    EXPECT_EQ("1111", config->getConfig("port_of_7"));
+    const uint64_t reads = config->globalReadCount();
+    EXPECT_EQ("1111", config->getConfig("port_of_7"));
+    EXPECT_EQ(reads, config->globalReadCount());
+
+    // Another writer's version of the same size, in place or renamed into place.
+    writeFile(globalFile(), "port_of_7 = \"2222\";\n");
+    EXPECT_EQ("2222", config->getConfig("port_of_7"));
+    writeSettled("port_of_7 = \"2222\";\n");
+    config->getConfig("port_of_7");
+    const std::string other = globalFile() + ".new";
+    writeFile(other, "port_of_7 = \"3333\";\n");
+    ASSERT_EQ(0, rename(other.c_str(), globalFile().c_str()));
+    EXPECT_EQ("3333", config->getConfig("port_of_7"));
+
+    // A file written just now is read again on every call.
+    writeFile(globalFile(), "port_of_7 = \"4444\";\n");
+    EXPECT_EQ("4444", config->getConfig("port_of_7"));
+    const uint64_t fresh = config->globalReadCount();
+    config->getConfig("port_of_7");
+    EXPECT_EQ(fresh + 1, config->globalReadCount());
 }
 
 TEST(ConfigFiles, SetToFileCreatesMergesAndDeletes) {
