@@ -18,6 +18,7 @@
 #include <ctime>
 #include <map>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "common/PluginInfo.h"
@@ -112,8 +113,8 @@ private:
     time_t lastModified;
     // Directory entries of the last scan, by path, and which path's record
     // each cached id holds (the last one in directory order).
-    std::map<std::string, Entry> entries_;
-    std::map<std::string, std::string> ownerOf_;
+    std::unordered_map<std::string, Entry> entries_;
+    std::unordered_map<std::string, std::string> ownerOf_;
     Stamp directoryStamp_;
     bool scanned_ = false;
     bool racyLeft_ = false;

@@ -255,9 +255,9 @@ bool PluginStorageManager::unchangedLocked(const std::string& path, const Entry&
 }
 
 void PluginStorageManager::rescanLocked(const timespec& scanStart) {
-    std::map<std::string, Entry> entries;
+    std::unordered_map<std::string, Entry> entries;
     std::map<std::string, PluginInfo> infos;
-    std::map<std::string, std::string> owners;
+    std::unordered_map<std::string, std::string> owners;
     std::exception_ptr conversionError;
     bool racy = false;
     for (const std::string& path : listStore(manifestRootPath)) {
