@@ -39,12 +39,6 @@ std::string install(const std::string& args) {
     return testsupport::installOutcome(testsupport::runApp("installplugin", args).output);
 }
 
-// The command line of one installer run, for running two at once.
-std::string installCommand(const std::string& args) {
-    return "DATACENTER_INSTALLPLUGIN_DELAY_MS=0 DATACENTER_ROOT=" + testsupport::root() + " " +
-           testsupport::buildDir() + "/apps/installplugin " + args + " 2>/dev/null";
-}
-
 void failTheStartCommand(bool fail) {
     const std::string path = underRoot("/sim/pluginControllor/b.exit");
     if (fail) {
@@ -171,24 +165,4 @@ TEST(InstallLocal, AnInstallerInAnotherProcessGetsTheBusyCodeAtOnce) {
     EXPECT_TRUE(exists(package));
     ::close(fd);
     EXPECT_EQ(0u, install("-k -f " + package).find("installplugin succeed!"));
-}
-
-TEST(InstallLocal, TwoInstallersStartedTogetherNeverWriteOverEachOther) {
-    PackageFactory factory;
-    const std::string package = factory.build(PackageSpec(), "together");
-    for (int round = 0; round < 3; ++round) {
-        const std::string first = underRoot("/first.out");
-        const std::string second = underRoot("/second.out");
-        testsupport::runCommand("(" + installCommand("-k -f " + package) + " >" + first + " & " +
-                                installCommand("-k -f " + package) + " >" + second + "; wait)");
-        const std::string a = testsupport::installOutcome(readFile(first));
-        const std::string b = testsupport::installOutcome(readFile(second));
-        // Each one either installs or is refused with 2506 before it writes.
-        for (const std::string& result : {a, b}) {
-            EXPECT_TRUE(result.find("installplugin succeed!") == 0 || result == "installplugin failed. code is 2506\n")
-                << result;
-        }
-        EXPECT_TRUE(a.find("succeed") != std::string::npos || b.find("succeed") != std::string::npos);
-        EXPECT_NE(std::string::npos, readFile(storeDir() + kId + ".manifest").find("status = \"5\";"));
-    }
 }

@@ -119,19 +119,6 @@ TEST(UpgradeFromServer, AFailedUpgradeLeavesTheOldFilesAndTheOldVersionDisabled)
     EXPECT_EQ(datacenter::DISABLED, storedStatus(kId));
 }
 
-TEST(InstallFromUrl, LearnsTheIdFromThePackage) {
-    PackageFactory factory;
-    HttpTestServer server;
-    server.route("/hello.qpk", HttpResponse::text(200, testsupport::readFile(factory.build(PackageSpec(), "url"))));
-    PluginManager* manager = Singleton<PluginManager>::instance();
-    ASSERT_EQ(API_SUCCESS, manager->installFromUrl(server.url("/hello.qpk")));
-    const datacenter::PluginInfo info = finished(manager);
-    EXPECT_EQ(API_SUCCESS, info.errorCode);
-    EXPECT_EQ(kId, info.id);
-    EXPECT_EQ(datacenter::ENABLED, storedStatus(kId));
-    EXPECT_EQ("app", testsupport::readFile(dataDir() + "bin/app"));
-}
-
 TEST(InstallStart, AUrlInstallationIsRunningAsSoonAsTheCallReturns) {
     HttpTestServer server;
     server.route("/stall.qpk", HttpResponse::stalled());

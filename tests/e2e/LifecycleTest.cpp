@@ -170,22 +170,3 @@ TEST(CleanPlugin, RemovesWhatWasAddedAndKeepsEveryRecordedFile) {
     EXPECT_EQ(API_INIT_FILES_RECORD_FAILED, manager->cleanPlugin(kId));
     EXPECT_TRUE(exists(dir + "cache/y"));
 }
-
-TEST(Chroot, PrepareRunsTheSandboxScriptAndOneMountPerMountingCapability) {
-    PackageFactory factory;
-    PackageSpec spec = richSpec();
-    spec.files["manifest"] =
-        PackageFactory::manifestText(spec) + "capability_list = [\"access_proc\", \"support_download\"];\n";
-    install(factory, spec, "capabilities");
-    const size_t before = logSize();
-    std::string output;
-    ASSERT_EQ(API_SUCCESS, datacenter::BinaryPluginManger::prepareChroot(kId, output));
-    EXPECT_EQ("prepare_chroot.sh " + dataDir() + " " + PluginManager::sGetPluginRootPath() +
-                  "\nprepare_mount_proc.sh " + dataDir() + "\n",
-              platformCommands(before, {"prepare_", "mount_"}));
-    EXPECT_TRUE(fs::is_directory(dataDir() + "proc"));
-
-    // The unmount script takes the empty mount point away again.
-    ASSERT_EQ(API_SUCCESS, Singleton<PluginManager>::instance()->umountRemoveChrootFolder(kId, output));
-    EXPECT_FALSE(exists(dataDir() + "proc"));
-}

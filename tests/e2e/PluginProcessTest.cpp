@@ -1,7 +1,7 @@
 // Plugin processes and files shared between processes, with real processes,
 // real sockets, the real top/pidstat and the stand-in plugin controller on
 // PATH: which pids are signalled and how, resource metrics of live children,
-// control calls that time out, and configuration writers in two processes.
+// control calls that time out, and configuration writers in four processes.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -108,13 +108,15 @@ TEST(PluginControl, AServerThatNeverAnswersTimesOut) {
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(4));
 }
 
-TEST(PluginConfigData, TwoProcessesWritingDifferentKeysLoseNone) {
-    PluginManager* manager = Singleton<PluginManager>::instance();
-    const int rounds = 500;
+TEST(PluginConfigData, FourProcessesWritingDifferentKeysLoseNone) {
+    // The writers are forked before this process makes any singleton, so
+    // each one builds its own state as a separate program would.
+    const int rounds = 250;
     std::vector<pid_t> writers;
-    for (const char* prefix : {"a", "b"}) {
+    for (const char* prefix : {"a", "b", "c", "d"}) {
         const pid_t pid = fork();
         if (pid == 0) {
+            PluginManager* manager = Singleton<PluginManager>::instance();
             for (int i = 0; i < rounds; ++i) {
                 if (manager->setPluginConfigData("shared", prefix + std::to_string(i), "v") != API_SUCCESS) {
                     _exit(1);
@@ -129,9 +131,10 @@ TEST(PluginConfigData, TwoProcessesWritingDifferentKeysLoseNone) {
         waitpid(pid, &status, 0);
         ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     }
+    PluginManager* manager = Singleton<PluginManager>::instance();
     int missing = 0;
     for (int i = 0; i < rounds; ++i) {
-        for (const char* prefix : {"a", "b"}) {
+        for (const char* prefix : {"a", "b", "c", "d"}) {
             std::string value;
             manager->getPluginConfigData("shared", prefix + std::to_string(i), value);
             missing += value != "v";

@@ -163,10 +163,13 @@ TEST(Threads, DownloadsStoppedFromOtherThreadsEndOnceAndAreWaitedOn) {
         stopper.join();
     }
 
-    for (auto& download : downloads) {
-        const DownloadInfo info = download->getInfo();
+    for (int i = 0; i < kDownloads; ++i) {
+        const DownloadInfo info = downloads[i]->getInfo();
         EXPECT_EQ(DownloadInfo::sStateStopRequested, info.state);
         EXPECT_EQ(2007, info.errorCode);
+        EXPECT_LT(info.downloadedBytes, info.totalBytes);
+        // What arrived stays on disk.
+        EXPECT_FALSE(testsupport::readFile(dir + "/d" + std::to_string(i)).empty());
     }
     std::lock_guard<std::mutex> lock(observer.mutex_);
     EXPECT_EQ(std::vector<ApiErrorCode>(kDownloads, 2007), observer.codes);

@@ -275,17 +275,6 @@ TEST(PluginStorageInsert, CopiesTheStampedManifestIntoTheStoreThroughATemporaryO
     EXPECT_FALSE(datacenter::File::sExists(storeDir() + "p8.manifest"));
 }
 
-TEST(PluginStorageDelete, RemovesFileAndCacheEntry) {
-    writeManifest("a.manifest", simpleManifest("a", "A"));
-    writeManifest("b.manifest", simpleManifest("b", "B"));
-    ASSERT_EQ(2u, store()->getPluginInfos().size());
-    EXPECT_TRUE(store()->deleteInStorage("a"));
-    EXPECT_FALSE(datacenter::File::sExists(storeDir() + "a.manifest"));
-    EXPECT_EQ(0u, store()->getPluginInfos().count("a"));
-    EXPECT_FALSE(store()->deleteInStorage("a"));
-    EXPECT_EQ(1u, store()->getPluginInfos().count("b"));
-}
-
 TEST(PluginStorageCost, ASettledStoreIsNotParsedAgainAndAChangeCostsOneFile) {
     writeSettledStore(20);
     ASSERT_EQ(20u, store()->getPluginInfos().size());

@@ -105,26 +105,6 @@ TEST_F(CurlDownloaderTest, LocalFilesAreNeverReadDirectlyOrThroughARedirect) {
     }
 }
 
-TEST_F(CurlDownloaderTest, StopRequestAbortsRunningTransfer) {
-    server_.route("/slow", HttpResponse::slow(patternBody(2 * 1024 * 1024), 16 * 1024, 20));
-    CurlDownloader downloader(server_.url("/slow"), target_, &observer_, 0);
-    downloader.beginDownloadAsync();
-    while (downloader.getInfo().downloadedBytes == 0) {
-        sleepMs(5);
-    }
-    downloader.setState(DownloadInfo::sStateStopRequested);
-    downloader.join();
-
-    const DownloadInfo info = downloader.getInfo();
-    EXPECT_EQ(DownloadInfo::sStateStopRequested, info.state);
-    EXPECT_EQ(2007, info.errorCode);
-    EXPECT_LT(info.downloadedBytes, info.totalBytes);
-    ASSERT_EQ(1u, observer_.heard().size());
-    EXPECT_EQ(2007, observer_.heard()[0].errorCode);
-    // What arrived stays on disk.
-    EXPECT_TRUE(testsupport::readFile(target_).size() > 0);
-}
-
 TEST_F(CurlDownloaderTest, PercentAndRateFollowSlowStream) {
     const size_t size = 256 * 1024;
     server_.route("/slow", HttpResponse::slow(patternBody(size), 8 * 1024, 100));

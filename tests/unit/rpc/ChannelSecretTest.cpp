@@ -238,18 +238,4 @@ TEST(ChannelSecretCipherTest, EncodingsAppendToWhatIsThere) {
     // The digests and their hex form are checked by the server's side of the query tests.
 }
 
-TEST(ChannelSecretCipherTest, RandomStringIsHexAndRepeatsWithinOneSecond) {
-    std::string first = "old";
-    std::string second;
-    const std::time_t before = std::time(nullptr);
-    ASSERT_TRUE(ChannelSecret::getRandomString(first, 16));
-    ASSERT_TRUE(ChannelSecret::getRandomString(second, 16));
-    const std::time_t after = std::time(nullptr);
-    EXPECT_EQ(16u, first.size());
-    EXPECT_EQ(std::string::npos, first.find_first_not_of("0123456789abcdef"));
-    if (before == after) {
-        EXPECT_EQ(first, second);
-    }
-}
-
 }  // namespace

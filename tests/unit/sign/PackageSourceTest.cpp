@@ -1,7 +1,5 @@
 // What the installer relies on beyond the two classic calls: the sign type
-// of the bytes that were verified, and packages that are not regular files.
-#include <sys/stat.h>
-
+// of the bytes that were verified, and words for every result.
 #include <set>
 
 #include "unit/sign/SignFixture.h"
@@ -25,16 +23,6 @@ TEST_F(PackageSource, TheTypeComesFromTheVerifiedDescriptor) {
               packagesign::verifyPackageAndType(untrusted, work("p2.zip"), "", pki("developer.pem"), verified));
     EXPECT_EQ(-1, verified);
     EXPECT_FALSE(signtest::exists(work("p2.zip")));
-}
-
-TEST_F(PackageSource, FifosAndFoldersAreUnreadableWithoutBlocking) {
-    const std::string fifo = work("pipe.qpk");
-    ASSERT_EQ(0, mkfifo(fifo.c_str(), 0666));
-    // Opening a FIFO for reading blocks until a writer comes, unless done without blocking.
-    EXPECT_EQ(packagesign::kUnreadableFile, getSignType(fifo));
-    EXPECT_EQ(packagesign::kUnreadableFile, verifyPackage(fifo, work("out.zip"), "", ca()));
-    EXPECT_EQ(packagesign::kUnreadableFile, verifyPackage(work(""), work("out.zip"), "", ca()));
-    EXPECT_FALSE(signtest::exists(work("out.zip")));
 }
 
 TEST_F(PackageSource, EveryResultCodeHasItsOwnWords) {

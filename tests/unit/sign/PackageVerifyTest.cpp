@@ -120,28 +120,20 @@ TEST_F(PackageVerify, FilesThatAreNotSignedPackagesAreRefused) {
     EXPECT_FALSE(exists(work("cert")));
 }
 
-TEST_F(PackageVerify, FlippedBytesAreRefusedAndLeaveNoFileBehind) {
-    // Every byte of signature and trailer, with more masks, is the end-to-end
-    // SignTamper test; here a spread of positions over all three parts.
+TEST_F(PackageVerify, FlippedPayloadBytesAreRefusedAndLeaveNoFileBehind) {
+    // Every byte of signature and trailer is the end-to-end SignTamper test;
+    // here a spread of payload positions across several stream chunks.
     const size_t payloadSize = 70000;
     const std::string good = readFile(makePackage(samplePayload(payloadSize)));
     std::set<size_t> positions{payloadSize - 1};
     for (size_t i = 0; i < payloadSize; i += 4999) {
         positions.insert(i);
     }
-    for (size_t i = payloadSize; i < good.size(); i += 5) {
-        positions.insert(i);
-    }
-    for (size_t i = good.size() - kTrailerSize; i < good.size(); ++i) {
-        positions.insert(i);
-    }
     expectEveryFlipRefused(good, positions, {0x01, 0xff});
     // Only the inputs remain: no temporary payload files either.
-    std::set<std::string> left;
-    for (const auto& name : directoryEntries(work(""))) {
-        left.insert(name);
-    }
-    EXPECT_EQ((std::set<std::string>{"payload-1.zip", "package-1.qpk", "flipped.qpk"}), left);
+    const std::vector<std::string> entries = directoryEntries(work(""));
+    EXPECT_EQ((std::set<std::string>{"payload-1.zip", "package-1.qpk", "flipped.qpk"}),
+              std::set<std::string>(entries.begin(), entries.end()));
 }
 
 TEST_F(PackageVerify, PayloadAndSignatureOfDifferentPackagesDoNotCombine) {

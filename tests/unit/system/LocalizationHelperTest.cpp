@@ -1,7 +1,6 @@
 // Localisation files: line syntax, the country to language mapping and its fallbacks.
 #include <gtest/gtest.h>
 
-#include "support/RecordingRunner.h"
 #include "support/TestSupport.h"
 #include "system/LocalizationHelper.h"
 
@@ -25,19 +24,11 @@ void setCountry(const std::string& code) {
 
 }  // namespace
 
-TEST(LocalizationLines, RunsOfNumberSignsSeparateAndBlanksAreStripped) {
-    std::map<std::string, std::string> entries;
-    LocalizationHelper::parseLine(entries, "backup_photo_dir_name ### Photos\r");
-    LocalizationHelper::parseLine(entries, "no separator here");
-    LocalizationHelper::parseLine(entries, "a#b#c");
-    LocalizationHelper::parseLine(entries, "\r\n");
-    EXPECT_EQ((std::map<std::string, std::string>{{"backup_photo_dir_name", "Photos"}, {"a", "b"}}), entries);
-}
-
 TEST(LocalizationFiles, CountryChoosesTheLanguageFile) {
     setCountry("US");
     const LocalizationHelper helper(folderWith("CN###zh.txt\nUS ### en.txt\r\n"));
     EXPECT_EQ("Photos", helper.getValue("backup_photo_dir_name"));
+    // Runs of number signs separate, blanks and line ends are stripped.
     EXPECT_EQ("b", helper.getValue("a"));
     EXPECT_EQ("later", helper.getValue("key"));
     EXPECT_EQ("", helper.getValue("plain line"));
