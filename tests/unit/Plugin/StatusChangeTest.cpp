@@ -3,6 +3,8 @@
 #include <atomic>
 #include <boost/thread/thread.hpp>
 #include <chrono>
+#include <condition_variable>
+#include <future>
 #include <mutex>
 #include <thread>
 
@@ -17,13 +19,16 @@ using testsupport::storedStatus;
 
 namespace {
 
-// A runner whose commands take a while and note when they begin and end.
-class SlowRunner : public datacenter::CommandRunner {
+// A runner whose commands wait until the test opens the gate, and that
+// notes when each begins and ends.
+class GatedRunner : public datacenter::CommandRunner {
 public:
     int runShell(const std::string& command) override {
-        note("begin " + command);
-        std::this_thread::sleep_for(std::chrono::milliseconds(150));
-        note("end " + command);
+        std::unique_lock<std::mutex> lock(mutex_);
+        events_.push_back("begin " + command);
+        changed_.notify_all();
+        changed_.wait(lock, [this] { return open_; });
+        events_.push_back("end " + command);
         return 0;
     }
     bool runPipe(const std::string& command, std::string&, int& status) override {
@@ -34,14 +39,22 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         return events_;
     }
+    // Waits (with a generous bound) until `count` events were noted.
+    bool waitForEvents(size_t count) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, std::chrono::seconds(10), [&] { return events_.size() >= count; });
+    }
+    void open() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        open_ = true;
+        changed_.notify_all();
+    }
 
 private:
-    void note(const std::string& event) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        events_.push_back(event);
-    }
     std::mutex mutex_;
+    std::condition_variable changed_;
     std::vector<std::string> events_;
+    bool open_ = false;
 };
 
 }  // namespace
@@ -70,7 +83,7 @@ TEST(StatusChange, NoChangeInvalidStatusAndMissingManifestRunNothing) {
 }
 
 TEST(StatusChange, ChangesNeverInterleaveAndAMissingManifestDoesNotWait) {
-    auto runner = std::make_shared<SlowRunner>();
+    auto runner = std::make_shared<GatedRunner>();
     PluginManager* manager = Singleton<PluginManager>::instance();
     datacenter::CommandRunner::sInstall(runner);
     putPlugin("601", datacenter::DISABLED);
@@ -78,11 +91,17 @@ TEST(StatusChange, ChangesNeverInterleaveAndAMissingManifestDoesNotWait) {
 
     boost::thread first([manager] { manager->changePluginStatus("601", datacenter::ENABLED); });
     boost::thread second([manager] { manager->changePluginStatus("602", datacenter::ENABLED); });
+    // One change is inside its command now, holding the lock.
+    ASSERT_TRUE(runner->waitForEvents(1));
+    // The manifest test comes before the lock: this answers while that change runs.
+    auto absent = std::async(std::launch::async,
+                             [manager] { return manager->changePluginStatus("absent", datacenter::ENABLED); });
+    const bool answered = absent.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
+    // A moment for the other change to run into the lock (or, were there none, into its command).
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    // The manifest test comes before the lock: this answers while a change runs.
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(API_NO_MANIFEST, manager->changePluginStatus("absent", datacenter::ENABLED));
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(100));
+    runner->open();
+    ASSERT_TRUE(answered) << "a change for a plugin without a manifest waited for the lock";
+    EXPECT_EQ(API_NO_MANIFEST, absent.get());
     first.join();
     second.join();
     datacenter::CommandRunner::sInstall(nullptr);
