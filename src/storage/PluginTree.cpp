@@ -144,7 +144,7 @@ int PluginTree::openFile(const std::string& relative, int flags, mode_t mode) {
     if (parent.get() < 0) {
         return -1;
     }
-    return openFileIn(parent.get(), leaf, flags, mode);
+    return openLeaf(parent.get(), leaf, relative, flags, mode);
 }
 
 int PluginTree::openFileIn(int directoryFd, const std::string& leaf, int flags, mode_t mode) {
@@ -153,6 +153,10 @@ int PluginTree::openFileIn(int directoryFd, const std::string& leaf, int flags, 
         fail("unsafe name '" + leaf + "'", EINVAL);
         return -1;
     }
+    return openLeaf(directoryFd, leaf, leaf, flags, mode);
+}
+
+int PluginTree::openLeaf(int directoryFd, const std::string& leaf, const std::string& shown, int flags, mode_t mode) {
     // Truncation waits until the file is known to be ours alone.
     const int openFlags = (flags & ~O_TRUNC) | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
     UniqueFd file(::openat(directoryFd, leaf.c_str(), openFlags, mode));
@@ -163,23 +167,23 @@ int PluginTree::openFileIn(int directoryFd, const std::string& leaf, int flags, 
     }
     struct stat st;
     if (::fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
-        fail("'" + leaf + "' is not a regular file", EINVAL);
+        fail("'" + shown + "' is not a regular file", EINVAL);
         return -1;
     }
     if (isWriting(flags) && st.st_nlink > 1) {
         // Another name of this file may lie outside the tree: write a new file instead.
         file.reset();
         if (::unlinkat(directoryFd, leaf.c_str(), 0) != 0) {
-            fail("cannot replace '" + leaf + "': " + std::strerror(errno), errno);
+            fail("cannot replace '" + shown + "': " + std::strerror(errno), errno);
             return -1;
         }
         file.reset(::openat(directoryFd, leaf.c_str(), openFlags | O_CREAT | O_EXCL, mode));
         if (file.get() < 0) {
-            fail("cannot create '" + leaf + "': " + std::strerror(errno), errno);
+            fail("cannot create '" + shown + "': " + std::strerror(errno), errno);
             return -1;
         }
     } else if ((flags & O_TRUNC) && isWriting(flags) && st.st_size > 0 && ::ftruncate(file.get(), 0) != 0) {
-        fail("cannot truncate '" + leaf + "': " + std::strerror(errno), errno);
+        fail("cannot truncate '" + shown + "': " + std::strerror(errno), errno);
         return -1;
     }
     // The status flags that F_SETFL changes are all known from the open.

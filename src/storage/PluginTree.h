@@ -62,6 +62,8 @@ public:
 private:
     // The directory holding the last component of `relative`, and that component.
     int openParent(const std::string& relative, bool create, mode_t mode, std::string& leaf);
+    // Opens `leaf` of the directory `directoryFd`; messages call it `shown`.
+    int openLeaf(int directoryFd, const std::string& leaf, const std::string& shown, int flags, mode_t mode);
     bool fail(const std::string& what, int err);
 
     std::string root_;
