@@ -149,7 +149,7 @@ int PluginTree::openFile(const std::string& relative, int flags, mode_t mode) {
 
 int PluginTree::openFileIn(int directoryFd, const std::string& leaf, int flags, mode_t mode) {
     error_.clear();
-    if (leaf.empty() || leaf.find('/') != std::string::npos || !sIsSafeName(leaf)) {
+    if (leaf.find('/') != std::string::npos || !sIsSafeName(leaf)) {
         fail("unsafe name '" + leaf + "'", EINVAL);
         return -1;
     }

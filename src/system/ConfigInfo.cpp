@@ -168,7 +168,13 @@ void ConfigInfo::init() {
 void ConfigInfo::loadGlobalFileLocked() {
     globalLoaded_ = false;
     try {
+        // Stamped before the read: a change while reading makes the next lookup read again.
+        FileStamp stamp;
+        const bool stamped = FileStamp::sOf(globalConfigPath, stamp);
         LibconfigFile::sReadPlain(config_, globalConfigPath);
+        ++globalReads_;
+        globalStamp_ = stamp;
+        globalLoaded_ = stamped;
     } catch (const libconfig::ParseException& e) {
         LOG(ERROR) << "parse config file error at :" << e.getLine() << " - " << e.getError() << "\npath is "
                    << globalConfigPath;

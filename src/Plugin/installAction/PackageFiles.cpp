@@ -263,8 +263,9 @@ bool extractEntry(zip_t* archive, datacenter::PluginTree& tree, const Entry& ent
     }
     const std::string dest = destDir + "/" + entry.name;
     const std::string::size_type slash = entry.name.rfind('/');
-    const std::string parent = slash == std::string::npos ? std::string() : entry.name.substr(0, slash);
-    const int directory = directoryFor(tree, parent, destDir, extraction);
+    const bool nested = slash != std::string::npos;
+    const std::string leaf = nested ? entry.name.substr(slash + 1) : entry.name;
+    const int directory = directoryFor(tree, nested ? entry.name.substr(0, slash) : std::string(), destDir, extraction);
     if (directory < 0) {
         return false;
     }
@@ -273,8 +274,7 @@ bool extractEntry(zip_t* archive, datacenter::PluginTree& tree, const Entry& ent
         LOG(ERROR) << "unzip failed. cannot read entry " << entry.name << ": " << zip_strerror(archive);
         return false;
     }
-    const int out =
-        openDestination(tree, directory, slash == std::string::npos ? entry.name : entry.name.substr(slash + 1), dest);
+    const int out = openDestination(tree, directory, leaf, dest);
     if (out < 0) {
         zip_fclose(in);
         return false;
