@@ -26,7 +26,8 @@ namespace {
 typedef std::vector<std::string> Args;
 
 const char* const kUsage =
-    "usage: plugincenter list [--json]\n"
+    "usage: plugincenter [-v|--verbose] VERB ...   (-v: informational log lines on standard error too)\n"
+    "       plugincenter list [--json]\n"
     "       plugincenter info ID [--json]\n"
     "       plugincenter install FILE [-k]\n"
     "       plugincenter install-url URL\n"
@@ -375,7 +376,14 @@ const std::map<std::string, Command>& commands() {
 }  // namespace
 
 int pluginCenterMain(int argc, char** argv) {
-    datacenter::Logging::sInit("plugincenter", true);
+    // The operator sees the tool's own output and its warnings and errors;
+    // the informational lines go to the system log only, unless asked for.
+    const bool verbose = argc > 1 && (std::string(argv[1]) == "-v" || std::string(argv[1]) == "--verbose");
+    datacenter::Logging::sInitQuiet("plugincenter", verbose);
+    if (verbose) {
+        --argc;
+        ++argv;
+    }
     if (argc == 2 && std::string(argv[1]) == "--help") {
         std::cout << kUsage;
         return 0;

@@ -30,22 +30,44 @@ public:
     }
 };
 
-}  // namespace
-
-void Logging::sInit(const char* programName, bool toStderr) {
+void start(const char* programName) {
     static SyslogSink sink;
-    static bool initialised = false;
-    if (initialised) {
-        return;
-    }
-    initialised = true;
     // Every line's time stamp converts the time: without this, each one
     // would also look at the zone file again.
     Environment::sPinTimeZone();
     google::InitGoogleLogging(programName);
-    FLAGS_logtostderr = toStderr;
     openlog(programName, LOG_PID, LOG_USER);
     google::AddLogSink(&sink);
+}
+
+bool firstCall() {
+    static bool initialised = false;
+    const bool first = !initialised;
+    initialised = true;
+    return first;
+}
+
+}  // namespace
+
+void Logging::sInit(const char* programName, bool toStderr) {
+    if (!firstCall()) {
+        return;
+    }
+    start(programName);
+    FLAGS_logtostderr = toStderr;
+}
+
+void Logging::sInitQuiet(const char* programName, bool verbose) {
+    if (!firstCall()) {
+        return;
+    }
+    start(programName);
+    FLAGS_logtostderr = false;
+    FLAGS_stderrthreshold = verbose ? google::GLOG_INFO : google::GLOG_WARNING;
+    // An empty destination turns glog's log files off for that severity.
+    for (int severity = google::GLOG_INFO; severity < google::NUM_SEVERITIES; ++severity) {
+        google::SetLogDestination(severity, "");
+    }
 }
 
 }  // namespace datacenter

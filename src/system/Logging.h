@@ -10,6 +10,10 @@ public:
     // call it first thing, before any thread starts (it pins TZ, see
     // Environment::sPinTimeZone).
     static void sInit(const char* programName, bool toStderr);
+    // The operator tool's form: no log files, standard error gets WARNING
+    // and above (INFO too when `verbose`), and every line still goes to the
+    // system log.
+    static void sInitQuiet(const char* programName, bool verbose);
 };
 
 }  // namespace datacenter

@@ -6,6 +6,7 @@
 
 #include <boost/filesystem.hpp>
 #include <chrono>
+#include <regex>
 #include <thread>
 
 #include "Plugin/PluginManager.h"
@@ -36,6 +37,19 @@ bool waitForFile(const std::string& path) {
 TEST(PluginCenterCli, LifecycleVerbsAndTheirExitStatuses) {
     PackageFactory factory;
     ASSERT_EQ(0, runApp("installplugin", "-f " + factory.build(PackageSpec(), "cli")).exitStatus);
+    // Standard error carries warnings and errors only, informational lines with -v.
+    // glog's prefix (time, thread, source line) is cut to its severity letter.
+    const auto errorsOf = [](const std::string& args) {
+        const std::string text =
+            testsupport::runCommand("DATACENTER_ROOT=" + testsupport::root() + " " + testsupport::buildDir() +
+                                    "/apps/plugincenter " + args + " 2>&1 >/dev/null")
+                .output;
+        return std::regex_replace(text, std::regex("(^|\n)([IWEF])[0-9]{8} [0-9:.]+ +[0-9]+ [^\\]]+\\] "), "$1$2 ");
+    };
+    EXPECT_GOLDEN("lifecycle/plugincenter-list-stderr", errorsOf("list"));
+    const std::string verbose = errorsOf("-v list");
+    EXPECT_NE(std::string::npos, verbose.find("\nI")) << verbose;
+    EXPECT_EQ(runApp("plugincenter", "list").output, runApp("plugincenter", "--verbose list").output);
     EXPECT_GOLDEN("lifecycle/plugincenter-capabilities", runApp("plugincenter", "capabilities").output);
     EXPECT_GOLDEN("lifecycle/plugincenter-capabilities-all", runApp("plugincenter", "capabilities --all").output);
 
