@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 
 #include "DataBase/PluginStorageManager.h"
+#include "Plugin/ManifestCapabilities.h"
 #include "Plugin/PluginManager.h"
 #include "common/ShellArgument.h"
 #include "common/Singleton.h"
@@ -107,6 +108,12 @@ ApiErrorCode AbsPlugin::disablePluginStatus() const {
 BinaryPlugin::BinaryPlugin(PluginManager* manager, const std::string& id) : AbsPlugin(manager, id) {}
 
 ApiErrorCode BinaryPlugin::enableHook() const {
+    // The controller builds the sandbox from the plugin's own manifest:
+    // its capabilities must be the recorded ones first.
+    const ApiErrorCode capabilities = ManifestCapabilities::sMatchStore(id());
+    if (capabilities != API_SUCCESS) {
+        return capabilities;
+    }
     LOG(INFO) << "BinaryPlugin enableHook pluginControllor";
     const ApiErrorCode result =
         callSystem(datacenter::planformGetPluginControllorPath() + " -b " + datacenter::shellArgument(id()) + " ",
