@@ -3,24 +3,34 @@
 // edited capabilities, an "@include" or links in the manifest store, a linked
 // migration folder, an RPC server that trickles. Each case checks what the
 // core did and that nothing outside the plugin changed.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <boost/filesystem.hpp>
 #include <fstream>
 #include <functional>
 #include <memory>
 
 #include "Plugin/PluginManager.h"
+#include "Plugin/installAction/InstallJournal.h"
 #include "common/Singleton.h"
 #include "support/LogCapture.h"
+#include "support/PackageFactory.h"
 #include "support/SleepingChild.h"
 #include "support/TestSupport.h"
 #include "system/ConfigInfo.h"
 #include "system/ProcessOwnership.h"
 #include "unit/Plugin/PluginTestSupport.h"
 
+using testsupport::PackageFactory;
+using testsupport::PackageSpec;
+using testsupport::readFile;
 using testsupport::SleepingChild;
+using testsupport::writeFile;
 
 namespace {
 
@@ -192,5 +202,199 @@ TEST(PlantedPids, OnlyThePluginsOwnProcessesAreStopped) {
         EXPECT_EQ("", datacenter::ConfigInfo::sGetInstance()->getConfigFromFile(PluginManager::sGetPluginPidConfig(),
                                                                                 "pid_of_p"))
             << c.name;
+    }
+}
+
+namespace {
+
+const std::string kPlugin = "5017400000000000100";
+const std::string kNeighbour = "5017400000000000111";
+
+std::string appdata() {
+    return PluginManager::sGetPluginRootPath();
+}
+std::string store() {
+    return appdata() + "app_infos/";
+}
+std::string outside() {
+    return testsupport::underRoot("/outside");
+}
+
+// What no case may change: the files outside the plugin root, the
+// neighbour's tree and its record.
+std::string outsideSnapshot() {
+    return testsupport::treeText(outside()) + "--\n" +
+           testsupport::treeText(PluginManager::sGetPluginDataPath(kNeighbour)) + "--\n" +
+           testsupport::readFile(store() + kNeighbour + ".manifest");
+}
+
+std::string tool(const std::string& name, const std::string& args) {
+    const testsupport::CommandResult result = testsupport::runApp(name, args, true);
+    return std::to_string(result.exitStatus) + " " + result.output;
+}
+
+// Holds an flock on `path` in a child process until release() or the end.
+class LockHolder {
+public:
+    explicit LockHolder(const std::string& path) {
+        int ready[2];
+        if (pipe(ready) != 0 || pipe(done_) != 0) {
+            return;
+        }
+        pid_ = fork();
+        if (pid_ == 0) {
+            close(ready[0]);
+            close(done_[1]);
+            const int fd = ::open(path.c_str(), O_RDWR | O_CREAT, 0666);
+            const char ok = fd >= 0 && flock(fd, LOCK_EX) == 0 ? '1' : '0';
+            (void)!write(ready[1], &ok, 1);
+            char byte;
+            (void)!read(done_[0], &byte, 1);
+            _exit(0);
+        }
+        close(ready[1]);
+        close(done_[0]);
+        char ok = '0';
+        (void)!read(ready[0], &ok, 1);
+        close(ready[0]);
+        held_ = ok == '1';
+    }
+    ~LockHolder() {
+        close(done_[1]);
+        waitpid(pid_, nullptr, 0);
+    }
+    bool held() const { return held_; }
+
+private:
+    int done_[2] = {-1, -1};
+    pid_t pid_ = -1;
+    bool held_ = false;
+};
+
+}  // namespace
+
+// Files planted where the core looks next, each refused or contained.
+TEST(PlantedState, AttacksAreRefusedAndNothingOutsideChanges) {
+    PackageFactory factory;
+    PackageSpec neighbour;
+    neighbour.id = kNeighbour;
+    ASSERT_EQ(0u, tool("installplugin", "-k -f " + factory.build(neighbour, "n")).find("0 "));
+    const std::string package = factory.build(PackageSpec(), "p");
+    ASSERT_NE(std::string::npos, tool("installplugin", "-k -f " + package).find("installplugin succeed!"));
+    writeFile(outside() + "/secret", "plugin_id = \"leak\";\nname = \"TOPSECRET\";\n");
+    writeFile(outside() + "/store/idless.manifest", "name = \"no id\";\n");
+    writeFile(outside() + "/store/hasUpdated", "t");
+    boost::filesystem::create_directories(testsupport::underRoot("/fifo"));
+    ASSERT_EQ(0, mkfifo(testsupport::underRoot("/fifo/pipe").c_str(), 0600));
+    const std::string manifest = PluginManager::sGetPluginManifestPath(kPlugin);
+
+    struct Case {
+        const char* name;
+        std::function<void()> plant;
+        std::function<std::string()> act;
+        std::function<void(const std::string& outcome)> check;
+        std::function<void()> undo;
+    };
+    const auto list = [] { return tool("plugincenter", "list --json"); };
+    const auto listsBoth = [](const std::string& outcome) {
+        EXPECT_EQ(0u, outcome.find("0 ")) << outcome;
+        EXPECT_NE(std::string::npos, outcome.find(kNeighbour)) << outcome;
+        EXPECT_NE(std::string::npos, outcome.find(kPlugin)) << outcome;
+        EXPECT_EQ(std::string::npos, outcome.find("TOPSECRET")) << outcome;
+    };
+    const auto nothing = [] {};
+    std::unique_ptr<LockHolder> holder;
+    const std::vector<Case> cases{
+        {"a journal planted on the user disk names the neighbour as a fresh install",
+         [] {
+             writeFile(appdata() + ".install.journal",
+                       "id " + kNeighbour + "\nupgrade 0\nfresh_tree 1\nstaged " + store() + "\n");
+         },
+         list, listsBoth, [] { boost::filesystem::remove(appdata() + ".install.journal"); }},
+        {"the core's own journal names a listed plugin as a fresh install",
+         [] {
+             ASSERT_TRUE(InstallJournal::sEnsurePrivateDir());
+             writeFile(InstallJournal::sJournalPath(), "id " + kNeighbour + "\nupgrade 0\nfresh_tree 1\n");
+         },
+         list,
+         [&](const std::string& outcome) {
+             listsBoth(outcome);
+             EXPECT_FALSE(testsupport::exists(InstallJournal::sJournalPath()));
+         },
+         nothing},
+        {"a plugin holds the old lock file",
+         [&] {
+             holder.reset(new LockHolder(appdata() + ".install.lock"));
+             ASSERT_TRUE(holder->held());
+         },
+         [&] { return tool("installplugin", "-k -f " + package); },
+         [](const std::string& outcome) {
+             EXPECT_NE(std::string::npos, outcome.find("installplugin succeed!")) << outcome;
+         },
+         [&] { holder.reset(); }},
+        {"a plugin writes a capability into its own manifest",
+         [&] {
+             const std::string text = readFile(manifest);
+             writeFile(manifest,
+                       text.substr(0, text.find("capability_list")) + "capability_list = [\"access_userdata\"];\n");
+         },
+         [] {
+             const std::string disabled = tool("plugincenter", "disable " + kPlugin);
+             return disabled + tool("plugincenter", "enable " + kPlugin);
+         },
+         [&](const std::string& outcome) {
+             EXPECT_EQ(0u, outcome.find("0 ")) << outcome;
+             EXPECT_EQ(std::string::npos, readFile(manifest).find("access_userdata")) << outcome;
+             EXPECT_NE(std::string::npos, readFile(manifest).find("plugin_id")) << readFile(manifest);
+         },
+         nothing},
+        {"a store manifest includes a root-only file",
+         [] { writeFile(store() + "evil.manifest", "@include \"" + outside() + "/secret\"\n"); }, list,
+         [&](const std::string& outcome) {
+             listsBoth(outcome);
+             EXPECT_TRUE(testsupport::exists(store() + "evil.manifest"));
+         },
+         [] { boost::filesystem::remove(store() + "evil.manifest"); }},
+        {"a store manifest includes a FIFO",
+         [] { writeFile(store() + "evil.manifest", "@include \"" + testsupport::underRoot("/fifo/pipe") + "\"\n"); },
+         list, listsBoth, [] { boost::filesystem::remove(store() + "evil.manifest"); }},
+        {"a link in place of a manifest and of the mark file",
+         [] {
+             boost::filesystem::create_symlink(outside() + "/secret", store() + "leak.manifest");
+             boost::filesystem::remove(store() + "hasUpdated");
+             boost::filesystem::create_symlink(outside() + "/secret", store() + "hasUpdated");
+         },
+         list,
+         [&](const std::string& outcome) {
+             listsBoth(outcome);
+             EXPECT_TRUE(boost::filesystem::is_symlink(store() + "leak.manifest"));
+             EXPECT_TRUE(boost::filesystem::is_symlink(store() + "hasUpdated"));
+         },
+         [] {
+             boost::filesystem::remove(store() + "leak.manifest");
+             boost::filesystem::remove(store() + "hasUpdated");
+         }},
+        {"a link in place of the store",
+         [] {
+             boost::filesystem::rename(store(), appdata() + "store.real");
+             boost::filesystem::create_directory_symlink(outside() + "/store", appdata() + "app_infos");
+         },
+         list,
+         [](const std::string& outcome) {
+             EXPECT_EQ(0u, outcome.find("0 ")) << outcome;
+             EXPECT_EQ(std::string::npos, outcome.find("no id")) << outcome;
+         },
+         [] {
+             boost::filesystem::remove(appdata() + "app_infos");
+             boost::filesystem::rename(appdata() + "store.real", appdata() + "app_infos");
+         }},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::string before = outsideSnapshot();
+        c.plant();
+        c.check(c.act());
+        c.undo();
+        EXPECT_EQ(before, outsideSnapshot());
     }
 }
