@@ -3,17 +3,24 @@
 // edited capabilities, an "@include" or links in the manifest store, a linked
 // migration folder, an RPC server that trickles. Each case checks what the
 // core did and that nothing outside the plugin changed.
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
 #include <sys/file.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <boost/filesystem.hpp>
+#include <chrono>
 #include <fstream>
 #include <functional>
 #include <memory>
+#include <thread>
 
 #include "Plugin/PluginManager.h"
 #include "Plugin/installAction/InstallJournal.h"
@@ -271,6 +278,56 @@ private:
     bool held_ = false;
 };
 
+// A plugin RPC server that answers one byte at a time, each just inside
+// the per-phase time-out, for as long as the client listens.
+class TricklingServer {
+public:
+    TricklingServer() : listener_(::socket(AF_INET, SOCK_STREAM, 0)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof(address);
+        if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
+            ::listen(listener_, 4) != 0 ||
+            ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+            return;
+        }
+        port_ = ntohs(address.sin_port);
+        thread_ = std::thread([this] { serve(); });
+    }
+    ~TricklingServer() {
+        stop_ = true;
+        if (thread_.joinable()) {
+            thread_.join();
+        }
+        ::close(listener_);
+    }
+    int port() const { return port_; }
+
+private:
+    void serve() {
+        pollfd wait{listener_, POLLIN, 0};
+        while (!stop_ && ::poll(&wait, 1, 100) <= 0) {
+        }
+        if (stop_) {
+            return;
+        }
+        const int peer = ::accept(listener_, nullptr, nullptr);
+        const unsigned char header[4] = {0, 0x10, 0, 0};  // a frame of 1 MiB
+        bool open = ::send(peer, header, sizeof(header), MSG_NOSIGNAL) == 4;
+        while (!stop_ && open) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            open = ::send(peer, "x", 1, MSG_NOSIGNAL) == 1;
+        }
+        ::close(peer);
+    }
+
+    int listener_;
+    int port_ = 0;
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
+
 }  // namespace
 
 // Files planted where the core looks next, each refused or contained.
@@ -304,6 +361,7 @@ TEST(PlantedState, AttacksAreRefusedAndNothingOutsideChanges) {
     };
     const auto nothing = [] {};
     std::unique_ptr<LockHolder> holder;
+    std::unique_ptr<TricklingServer> trickler;
     const std::vector<Case> cases{
         {"a journal planted on the user disk names the neighbour as a fresh install",
          [] {
@@ -388,6 +446,30 @@ TEST(PlantedState, AttacksAreRefusedAndNothingOutsideChanges) {
              boost::filesystem::remove(appdata() + "app_infos");
              boost::filesystem::rename(appdata() + "store.real", appdata() + "app_infos");
          }},
+        {"the plugin's RPC server trickles its answer",
+         [&] {
+             trickler.reset(new TricklingServer);
+             ASSERT_GT(trickler->port(), 0);
+             PluginManager::sSetPluginPort(kPlugin, std::to_string(trickler->port()), datacenter::PORT);
+         },
+         [] { return tool("plugincenter", "control " + kPlugin + " ping"); },
+         [](const std::string& outcome) {
+             EXPECT_EQ(0u, outcome.find("1 ")) << outcome;
+             EXPECT_NE(std::string::npos, outcome.find("1055")) << outcome;
+         },
+         [&] { trickler.reset(); }},
+        {"the plugin's RPC server trickles its answer",
+         [&] {
+             trickler.reset(new TricklingServer);
+             ASSERT_GT(trickler->port(), 0);
+             PluginManager::sSetPluginPort(kPlugin, std::to_string(trickler->port()), datacenter::PORT);
+         },
+         [] { return tool("plugincenter", "control " + kPlugin + " ping"); },
+         [](const std::string& outcome) {
+             EXPECT_EQ(0u, outcome.find("1 ")) << outcome;
+             EXPECT_NE(std::string::npos, outcome.find("1055")) << outcome;
+         },
+         [&] { trickler.reset(); }},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
