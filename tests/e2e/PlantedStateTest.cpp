@@ -23,6 +23,7 @@
 #include <thread>
 
 #include "Plugin/PluginManager.h"
+#include "Plugin/TimeMachineMigration.h"
 #include "Plugin/installAction/InstallJournal.h"
 #include "common/Singleton.h"
 #include "support/LogCapture.h"
@@ -240,6 +241,25 @@ std::string tool(const std::string& name, const std::string& args) {
     return std::to_string(result.exitStatus) + " " + result.output;
 }
 
+std::string noSlash(const std::string& path) {
+    return path.substr(0, path.find_last_not_of('/') + 1);
+}
+
+// The time machine recorded at a version whose installation migrates its data.
+void prepareTimeMachine() {
+    const std::string id = TimeMachineInfo::getPluginId();
+    testsupport::putPlugin(id, datacenter::ENABLED);
+    datacenter::ConfigInfo::sGetInstance()->setConfigToFile(testsupport::storeManifest(id), "version", "1.3.0");
+    testsupport::putPlugin(id, datacenter::ENABLED);
+    boost::filesystem::create_directories(PluginManager::sGetPluginDataPath(id) + "userdisk");
+    boost::filesystem::create_directories(testsupport::underRoot("/userdisk/data"));
+}
+
+void undoTimeMachine() {
+    boost::filesystem::remove_all(PluginManager::sGetPluginDataPath(TimeMachineInfo::getPluginId()) + "userdisk");
+    boost::filesystem::remove_all(noSlash(timecapsuleNewdir()));
+}
+
 // Holds an flock on `path` in a child process until release() or the end.
 class LockHolder {
 public:
@@ -362,6 +382,12 @@ TEST(PlantedState, AttacksAreRefusedAndNothingOutsideChanges) {
     const auto nothing = [] {};
     std::unique_ptr<LockHolder> holder;
     std::unique_ptr<TricklingServer> trickler;
+    writeFile(outside() + "/tc/backup", "someone's file");
+    writeFile(outside() + "/afp/share/file", "someone's share");
+    const auto migrate = [] {
+        Singleton<PluginManager>::instance()->moveTimeMachineData(TimeMachineInfo::getPluginId());
+        return std::string();
+    };
     const std::vector<Case> cases{
         {"a journal planted on the user disk names the neighbour as a fresh install",
          [] {
@@ -470,6 +496,32 @@ TEST(PlantedState, AttacksAreRefusedAndNothingOutsideChanges) {
              EXPECT_NE(std::string::npos, outcome.find("1055")) << outcome;
          },
          [&] { trickler.reset(); }},
+        {"the old time machine planted links in its tree",
+         [] {
+             prepareTimeMachine();
+             boost::filesystem::create_directory_symlink(outside() + "/tc", noSlash(timecapsuleOlddir()));
+             boost::filesystem::create_directory_symlink(outside() + "/afp", noSlash(afpOlddir()));
+         },
+         migrate,
+         [](const std::string&) {
+             EXPECT_FALSE(testsupport::exists(timecapsuleNewdir() + "backup"));
+             EXPECT_FALSE(testsupport::exists(afpNewdir() + "share"));
+             EXPECT_TRUE(boost::filesystem::is_symlink(noSlash(afpOlddir())));
+         },
+         undoTimeMachine},
+        {"the backup folder on the user disk is a link",
+         [] {
+             prepareTimeMachine();
+             writeFile(timecapsuleOlddir() + "backup", "old backup");
+             writeFile(afpOlddir() + "share/file", "old afp");
+             boost::filesystem::create_directory_symlink(outside() + "/tc", noSlash(timecapsuleNewdir()));
+         },
+         migrate,
+         [](const std::string&) {
+             EXPECT_EQ("old backup", readFile(timecapsuleOlddir() + "backup"));
+             EXPECT_EQ("old afp", readFile(afpOlddir() + "share/file"));
+         },
+         undoTimeMachine},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
