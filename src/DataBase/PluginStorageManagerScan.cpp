@@ -150,32 +150,82 @@ void keepWelcomeStatus(const std::map<std::string, PluginInfo>& cached, PluginIn
     }
 }
 
+// `path` without trailing slashes: a trailing slash makes the system follow
+// a link in the last component even with O_NOFOLLOW or lstat().
+std::string withoutTrailingSlash(std::string path) {
+    while (path.size() > 1 && path.back() == '/') {
+        path.pop_back();
+    }
+    return path;
+}
+
 // The entries of the store directory in directory order: regular files and
-// directories (links followed) whose names do not begin with ".". The type
-// comes from the directory itself where the file system gives it, which
-// spares a stat() per manifest.
+// directories whose names do not begin with ".". A link is never followed:
+// it is left out with a log line. The type comes from the directory itself
+// where the file system gives it, which spares a stat() per manifest.
 std::vector<std::string> listStore(const std::string& directory) {
     std::vector<std::string> entries;
-    DIR* stream = opendir(directory.c_str());
+    const int fd =
+        ::open(withoutTrailingSlash(directory).c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    DIR* stream = fd >= 0 ? fdopendir(fd) : nullptr;
     if (!stream) {
+        if (fd >= 0) {
+            ::close(fd);
+        }
         return entries;
     }
     while (const struct dirent* entry = readdir(stream)) {
         if (entry->d_name[0] == '.') {
             continue;
         }
-        const std::string path = directory + entry->d_name;
-        bool wanted = entry->d_type == DT_REG || entry->d_type == DT_DIR;
-        if (entry->d_type == DT_UNKNOWN || entry->d_type == DT_LNK) {
-            struct stat status;
-            wanted = stat(path.c_str(), &status) == 0 && (S_ISREG(status.st_mode) || S_ISDIR(status.st_mode));
+        unsigned char type = entry->d_type;
+        struct stat status;
+        if (type == DT_UNKNOWN && fstatat(fd, entry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0) {
+            type = S_ISLNK(status.st_mode) ? DT_LNK : (S_ISREG(status.st_mode) ? DT_REG : DT_DIR);
         }
-        if (wanted) {
-            entries.push_back(path);
+        if (type == DT_LNK) {
+            LOG(ERROR) << "the manifest store refuses " << directory << entry->d_name << ": a link is never followed";
+        } else if (type == DT_REG || type == DT_DIR) {
+            entries.push_back(directory + entry->d_name);
         }
     }
     closedir(stream);
     return entries;
+}
+
+// Closes a descriptor when it goes out of scope.
+struct ScopedFd {
+    int fd;
+    explicit ScopedFd(int value) : fd(value) {}
+    ~ScopedFd() {
+        if (fd >= 0) {
+            ::close(fd);
+        }
+    }
+    ScopedFd(const ScopedFd&) = delete;
+    ScopedFd& operator=(const ScopedFd&) = delete;
+};
+
+// A manifest is never larger than this; anything bigger is not read.
+const size_t kMaxManifestBytes = 1024 * 1024;
+
+// Reads the whole of `fd`; false on a read error or beyond kMaxManifestBytes.
+bool readText(int fd, std::string& text) {
+    char buffer[8192];
+    for (;;) {
+        const ssize_t got = ::read(fd, buffer, sizeof(buffer));
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got <= 0) {
+            return got == 0;
+        }
+        text.append(buffer, static_cast<size_t>(got));
+        if (text.size() > kMaxManifestBytes) {
+            errno = EFBIG;
+            return false;
+        }
+    }
 }
 
 }  // namespace
@@ -183,43 +233,55 @@ std::vector<std::string> listStore(const std::string& directory) {
 PluginStorageManager::ReadResult PluginStorageManager::readManifest(const std::string& path, PluginInfo& info,
                                                                     Stamp& stamp) {
     // The name is checked here and the kind of file once it is open (a
-    // directory opens too), which spares a stat() per manifest.
+    // directory opens too), which spares a stat() per manifest. The store
+    // folder and the manifest are opened without following a link and
+    // without blocking on a FIFO; "@include" is refused like in packages.
     const std::string::size_type slash = path.rfind('/');
     const std::string::size_type dot = path.rfind('.');
-    const bool named = dot != std::string::npos && (slash == std::string::npos || dot > slash) &&
+    const bool named = dot != std::string::npos && slash != std::string::npos && dot > slash &&
                        path.compare(dot, std::string::npos, sManifestFileExten) == 0;
-    FILE* stream = named ? fopen(path.c_str(), "re") : nullptr;
-    if (named && !stream && errno != ENOENT && errno != ENOTDIR) {
+    const std::string leaf = named ? path.substr(slash + 1) : std::string();
+    ScopedFd folder(
+        named ? ::open(path.substr(0, slash + 1).c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)
+              : -1);
+    ScopedFd file(folder.fd >= 0 ? ::openat(folder.fd, leaf.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)
+                                 : -1);
+    if (named && file.fd < 0 && errno == ELOOP) {
+        LOG(ERROR) << "the manifest store refuses " << path << ": a link is never followed";
+        return ReadResult::NotManifest;
+    }
+    if (named && file.fd < 0 && errno != ENOENT && errno != ENOTDIR) {
         // Out of descriptors, an I/O error or no permission pass; the
         // manifest stays and is read again at the next lookup.
         LOG(ERROR) << "cannot read manifest " << path << ": " << strerror(errno);
         return ReadResult::Unreadable;
     }
     struct stat status;
-    if (!stream || fstat(fileno(stream), &status) != 0 || S_ISDIR(status.st_mode)) {
-        if (stream) {
-            fclose(stream);
-        }
+    if (file.fd < 0 || fstat(file.fd, &status) != 0 || !S_ISREG(status.st_mode)) {
         LOG(INFO) << path << " is not valid manifest";
         Stamp::sOf(path, stamp);
         return ReadResult::NotManifest;
     }
     stamp = Stamp::sFrom(status);
+    std::string content;
+    const bool readFailed = !readText(file.fd, content);
+    const int readError = errno;
     libconfig::Config document;
     std::string error;
-    datacenter::ConfigInfo::sGetInstance()->withFileLock([&] {
-        try {
-            document.read(stream);
-        } catch (const std::exception& e) {
-            error = datacenter::LibconfigFile::sDescribe(e);
-        }
-    });
-    const bool readFailed = ferror(stream) != 0;
-    fclose(stream);
+    if (!readFailed) {
+        datacenter::ConfigInfo::sGetInstance()->withFileLock([&] {
+            try {
+                datacenter::LibconfigFile::sReadPlainString(document, content, path.c_str());
+            } catch (const std::exception& e) {
+                error = datacenter::LibconfigFile::sDescribe(e);
+            }
+        });
+    }
     ++parseCount_;
     if (readFailed || !error.empty()) {
-        LOG(ERROR) << "cannot read manifest " << path << ": " << (readFailed ? "read error" : error);
-        return readFailed ? ReadResult::Unreadable : ReadResult::NotManifest;
+        LOG(ERROR) << "cannot read manifest " << path << ": "
+                   << (readFailed ? std::string("read error: ") + strerror(readError) : error);
+        return readFailed && readError != EFBIG ? ReadResult::Unreadable : ReadResult::NotManifest;
     }
     const Members root(document.getRoot());
     info.id = text(root, "plugin_id");
@@ -227,9 +289,10 @@ PluginStorageManager::ReadResult PluginStorageManager::readManifest(const std::s
         LOG(INFO) << path << " manifest dose not have Plugin ID!!!!!!";
         // Only the version that was read goes: a manifest renamed into its
         // place meanwhile is another plugin's record.
-        Stamp now;
-        if (Stamp::sOf(path, now) && now == stamp) {
-            datacenter::File::sDelete(path);
+        struct stat current;
+        if (fstatat(folder.fd, leaf.c_str(), &current, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(current.st_mode) &&
+            Stamp::sFrom(current) == stamp) {
+            unlinkat(folder.fd, leaf.c_str(), 0);
         }
         return ReadResult::NoId;
     }
@@ -309,15 +372,27 @@ void PluginStorageManager::rescanLocked(const timespec& scanStart) {
 void PluginStorageManager::refreshLocked() {
     manifestRootPath = sGetManifestRootPath();
     Stamp directory;
-    if (!datacenter::Directory::sIsDirectory(manifestRootPath) || !Stamp::sOf(manifestRootPath, directory)) {
+    struct stat folder;
+    const bool linked = lstat(withoutTrailingSlash(manifestRootPath).c_str(), &folder) == 0 && S_ISLNK(folder.st_mode);
+    if (linked) {
+        LOG(ERROR) << "the manifest store " << manifestRootPath << " is a link; it is not read";
+    }
+    if (linked || !datacenter::Directory::sIsDirectory(manifestRootPath) || !Stamp::sOf(manifestRootPath, directory)) {
         pluginInfos_.clear();
         entries_.clear();
         ownerOf_.clear();
         scanned_ = false;
         return;
     }
+    // The mark counts only as a plain file; a link in its place is neither
+    // followed nor removed.
     const std::string markFile = manifestRootPath + sUpdatedFile;
-    const bool marked = access(markFile.c_str(), F_OK) == 0;
+    struct stat mark;
+    const bool present = lstat(markFile.c_str(), &mark) == 0;
+    const bool marked = present && !S_ISLNK(mark.st_mode);
+    if (present && !marked && !(scanned_ && directory == directoryStamp_)) {
+        LOG(ERROR) << "the manifest store refuses " << markFile << ": a link is never followed";
+    }
     if (scanned_ && !marked && !racyLeft_ && directory == directoryStamp_) {
         return;
     }

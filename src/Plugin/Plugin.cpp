@@ -3,12 +3,8 @@
 #include <glog/logging.h>
 #include <sys/wait.h>
 
-#include <cerrno>
-#include <climits>
-#include <csignal>
-#include <cstdlib>
-
 #include "DataBase/PluginStorageManager.h"
+#include "Plugin/ManifestCapabilities.h"
 #include "Plugin/PluginManager.h"
 #include "common/ShellArgument.h"
 #include "common/Singleton.h"
@@ -17,43 +13,7 @@
 #include "system/CommonUtils.h"
 #include "system/ConfigInfo.h"
 #include "system/Environment.h"
-
-namespace {
-
-// A process id that may be signalled: a plain decimal above 1. Signs,
-// blanks and 0, 1 or -1 are refused: as root, kill(0) hits our own process
-// group, kill(-1) every process and kill(1) init.
-bool parsePid(const std::string& text, int& pid) {
-    if (text.empty() || text.size() > 10 || text.find_first_not_of("0123456789") != std::string::npos) {
-        return false;
-    }
-    char* end = nullptr;
-    errno = 0;
-    const long value = std::strtol(text.c_str(), &end, 10);
-    if (*end != '\0' || errno != 0 || value <= 1 || value > INT_MAX) {
-        return false;
-    }
-    pid = static_cast<int>(value);
-    return true;
-}
-
-// SIGTERM, up to five one-second waits for the process to go, then SIGKILL.
-void stopProcess(const std::string& piece, int pid) {
-    const int result = ::kill(pid, SIGTERM);
-    LOG(INFO) << "kill result is " << result;
-    if (result == -1) {
-        LOG(ERROR) << "kill failed, pid is" << pid;
-    }
-    for (int wait = 0; wait < 5; ++wait) {
-        if (!datacenter::Directory::sExists("/proc/" + piece)) {
-            return;
-        }
-        datacenter::Environment::sSleepMilliseconds(1000);
-    }
-    ::kill(pid, SIGKILL);
-}
-
-}  // namespace
+#include "system/ProcessOwnership.h"
 
 ApiErrorCode exitcode2Apicode(int exitCode) {
     return exitCode == 0 ? API_SUCCESS : API_GENERAL_FAILURE;
@@ -148,6 +108,12 @@ ApiErrorCode AbsPlugin::disablePluginStatus() const {
 BinaryPlugin::BinaryPlugin(PluginManager* manager, const std::string& id) : AbsPlugin(manager, id) {}
 
 ApiErrorCode BinaryPlugin::enableHook() const {
+    // The controller builds the sandbox from the plugin's own manifest:
+    // its capabilities must be the recorded ones first.
+    const ApiErrorCode capabilities = ManifestCapabilities::sMatchStore(id());
+    if (capabilities != API_SUCCESS) {
+        return capabilities;
+    }
     LOG(INFO) << "BinaryPlugin enableHook pluginControllor";
     const ApiErrorCode result =
         callSystem(datacenter::planformGetPluginControllorPath() + " -b " + datacenter::shellArgument(id()) + " ",
@@ -164,13 +130,14 @@ ApiErrorCode BinaryPlugin::disableHook() const {
 void BinaryPlugin::killProcesses() const {
     const std::string pids = datacenter::ConfigInfo::sGetInstance()->getConfigFromFile(
         PluginManager::sGetPluginPidConfig(), PluginManager::getPidKeyPrefix() + id());
-    for (const std::string& piece : CommonUtils::splitString(pids, ";")) {
-        int pid = 0;
-        if (!piece.empty() && parsePid(piece, pid)) {
-            stopProcess(piece, pid);
-        }
+    // The pid file is world-writable: only the plugin's own processes, as
+    // /proc shows them, are signalled.
+    const std::string dataDir = PluginManager::sGetPluginDataPath(id());
+    const std::vector<int> owned =
+        datacenter::ProcessOwnership::sOwnedPids(CommonUtils::splitString(pids, ";"), id(), dataDir);
+    if (datacenter::ProcessOwnership::sStop(owned, dataDir) > 0) {
+        datacenter::Environment::sSleepMilliseconds(1000);
     }
-    datacenter::Environment::sSleepMilliseconds(1000);
     Singleton<PluginManager>::instance()->resetPluginPids(id());
 }
 

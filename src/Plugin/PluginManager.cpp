@@ -1,10 +1,14 @@
 #include "Plugin/PluginManager.h"
 
+#include <fcntl.h>
 #include <glog/logging.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <uuid/uuid.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <libconfig.h++>
 
 #include "DataBase/PluginStorageManager.h"
@@ -45,11 +49,20 @@ void registerKind(PluginManager::PluginFactory& factory, const char* logText) {
     factory.registerCreator(Kind::Id(), &zkfactory::create<AbsPlugin, Kind, PluginManager*, const std::string&>);
 }
 
+// Creates the shared file `path` (mode 0777, as the contract makes it)
+// through its own descriptor: a link planted in its place is not followed,
+// and a file with another name elsewhere (a hard link) is not chmodded.
 void createEmptyFile(const std::string& path) {
-    if (FILE* file = fopen(path.c_str(), "a")) {
-        fclose(file);
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0777);
+    if (fd < 0) {
+        LOG(ERROR) << "cannot create " << path << ": " << strerror(errno);
+        return;
     }
-    chmod(path.c_str(), 0777);
+    struct stat st;
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_nlink != 1 || ::fchmod(fd, 0777) != 0) {
+        LOG(ERROR) << "cannot create " << path << ": not a plain file of its own";
+    }
+    ::close(fd);
 }
 
 }  // namespace

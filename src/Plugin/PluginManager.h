@@ -91,8 +91,10 @@ public:
     // Publishes the installed ids through "matool"; nothing when none is installed.
     void updatePluginListToServer();
     // Appends one record per recorded pid of the plugin ("top" and a one-second
-    // "pidstat" sample each). False for an unsafe id or at the first pid entry
-    // that is not a plain decimal of at most 10 digits (records so far stay).
+    // "pidstat" sample each) that /proc shows to be the plugin's own process
+    // (others are skipped with a log line), at most 16 processes from the
+    // first 64 entries. False for an unsafe id or at the first pid entry that
+    // is not a plain decimal of at most 10 digits (records so far stay).
     bool getPluginMetrics(const std::string& id, std::vector<PidMetrics>& out) const;
     // Gathers the plugin's metrics and appends one JSON object per PidMetrics
     // ("pid", "cpuPercent", "memPercent", "readKBPerSec", "writeKBPerSec") to

@@ -20,11 +20,14 @@
 #include "system/AppAccountManager.h"
 #include "system/CommonUtils.h"
 #include "system/ConfigInfo.h"
+#include "system/ProcessOwnership.h"
 #include "system/WebRequest.h"
 
 namespace {
 
 const int kWebTimeoutSeconds = 5;
+// A metrics call samples at most this many processes (about a second each).
+const size_t kMaxSampledProcesses = 16;
 
 std::mutex gWebHostMutex;
 std::string gWebHost = "localhost";
@@ -153,7 +156,9 @@ bool PluginManager::getPluginMetrics(const std::string& id, std::vector<PidMetri
         datacenter::ConfigInfo::sGetInstance()->getConfigFromFile(sGetPluginPidConfig(), getPidKeyPrefix() + id);
     LOG(ERROR) << "PluginManager::getPluginMetrics, pids: " << pids;
     const std::vector<std::string> entries = CommonUtils::splitStringTokenCompress(pids, ";");
-    out.reserve(out.size() + entries.size());
+    const std::string dataDir = sGetPluginDataPath(id);
+    size_t looked = 0;
+    size_t sampled = 0;
     for (const std::string& entry : entries) {
         if (entry.empty()) {
             continue;
@@ -174,11 +179,25 @@ bool PluginManager::getPluginMetrics(const std::string& id, std::vector<PidMetri
             LOG(ERROR) << "PluginManager::getPluginMetrics, get pid value fail, pid's size not valid";
             return false;
         }
+        // Each sample takes a second: the pid file is world-writable, so
+        // both what is read and what is sampled are bounded, and only the
+        // plugin's own processes are shown.
+        if (++looked > datacenter::ProcessOwnership::kMaxEntries || sampled == kMaxSampledProcesses) {
+            LOG(ERROR) << "PluginManager::getPluginMetrics, too many pids for plugin " << id
+                       << "; the rest are skipped";
+            break;
+        }
+        std::string reason;
+        if (!datacenter::ProcessOwnership::sBelongsTo(metrics.pid, dataDir, reason)) {
+            LOG(ERROR) << "skip pid '" << entry << "' of plugin " << id << ": " << reason;
+            continue;
+        }
         sample("top -p %s -b -n 1 |sed -n 8p|grep %s| awk '{print  $9, $10}'", entry, metrics.cpuPercent,
                metrics.memPercent);
         sample("pidstat -p %s -d 1 1 |tail -n 1|grep %s|awk '{print  $3, $4}'", entry, metrics.readKBPerSec,
                metrics.writeKBPerSec);
         out.push_back(metrics);
+        ++sampled;
     }
     return true;
 }

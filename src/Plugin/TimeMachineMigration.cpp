@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <boost/lexical_cast.hpp>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <vector>
@@ -16,6 +17,7 @@
 #include "common/ShellArgument.h"
 #include "common/Singleton.h"
 #include "storage/Directory.h"
+#include "storage/PluginTree.h"
 #include "system/CommonUtils.h"
 #include "system/ConfigInfo.h"
 #include "system/RootPrefix.h"
@@ -40,8 +42,38 @@ std::vector<int> versionNumbers(const std::string& version) {
     return numbers;
 }
 
+// True when `relative` below the folder `base` is a folder reached without
+// passing a link, or (when `mayBeMissing`) is not there at all. The old
+// version wrote its own tree and, with the user disk bound into its sandbox,
+// the backup folder: a link in either would move, copy or delete elsewhere.
+bool plainFolder(const std::string& base, const std::string& relative, bool mayBeMissing) {
+    datacenter::PluginTree tree(base);
+    if (!tree.isOpen()) {
+        LOG(ERROR) << "timemachine: " << base << " is not a folder; its data is not migrated";
+        return false;
+    }
+    const int fd = tree.openDirectory(relative, false, 0);
+    if (fd >= 0) {
+        close(fd);
+        return true;
+    }
+    if (mayBeMissing && errno == ENOENT && !tree.isLink(relative)) {
+        return true;
+    }
+    LOG(ERROR) << "timemachine: " << base << "/" << relative << " is a link or not a folder; its data is not migrated ("
+               << tree.lastError() << ")";
+    return false;
+}
+
+std::string backupRoot() {
+    return datacenter::RootPrefix::sPath("/userdisk/data");
+}
+
 void moveAfpData() {
     if (!datacenter::Directory::sExists(afpOlddir())) {
+        return;
+    }
+    if (!plainFolder(oldPrefix(), "userdisk/afp", false) || !plainFolder(backupRoot(), "timecapsule/afp", true)) {
         return;
     }
     const datacenter::ErrorCode copied = datacenter::Directory::sCopyDirectory(afpOlddir(), afpNewdir());
@@ -89,7 +121,9 @@ void PluginManager::moveTimeMachineData(const std::string& id) {
     if (!std::lexicographical_compare(kThreshold.begin(), kThreshold.end(), numbers.begin(), numbers.end())) {
         return;
     }
-    mvTimemachinePluginData(timecapsuleOlddir(), timecapsuleNewdir());
+    if (plainFolder(oldPrefix(), "userdisk/timecapsule", true) && plainFolder(backupRoot(), "timecapsule", true)) {
+        mvTimemachinePluginData(timecapsuleOlddir(), timecapsuleNewdir());
+    }
     moveAfpData();
 }
 

@@ -30,7 +30,8 @@ public:
     // Connects to `host`:`port`, sends one `request` call with `request` and
     // closes the connection. On RPC_OK `response` holds the plugin's answer;
     // on any failure it is left unchanged. `timeoutMs` applies to each of
-    // connect, send and receive.
+    // connect, send and receive, and the whole call ends within three times
+    // `timeoutMs` (RPC_TIMEOUT) however slowly the peer sends.
     static RpcResult sRequest(const std::string& host, int port, const std::string& request, std::string& response,
                               int timeoutMs);
 

@@ -141,6 +141,31 @@ ErrorCode File::sDelete(const std::string& path) {
     }
 }
 
+namespace {
+
+// `path` opened for writing from its start without following a link or
+// blocking; refused (errno set) unless it is a regular file with one name.
+FILE* openForCopy(const std::string& path) {
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666);
+    struct stat st;
+    if (fd < 0) {
+        return nullptr;
+    }
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_nlink != 1 || ::ftruncate(fd, 0) != 0) {
+        ::close(fd);
+        errno = EINVAL;
+        return nullptr;
+    }
+    ::fcntl(fd, F_SETFL, 0);
+    FILE* stream = fdopen(fd, "wb");
+    if (!stream) {
+        ::close(fd);
+    }
+    return stream;
+}
+
+}  // namespace
+
 int File::sRawCopyFile(const std::string& source, const std::string& destination) {
     const uint64_t available = sGetDiskSpaceInfo(parentDirectory(destination)).available;
     if (available < sGetFileSize(source) + sCopyReserveBytes) {
@@ -154,7 +179,10 @@ int File::sRawCopyFile(const std::string& source, const std::string& destination
         LOG(INFO) << strerror(errno);
         return sCopyFailed;
     }
-    StreamCloser out{fopen(destination.c_str(), "wb")};
+    // The copy is created and later chmodded through its own descriptor: a
+    // link in its place is not followed, and a file with another name (a
+    // hard link) is neither truncated nor made world-writable.
+    StreamCloser out{openForCopy(destination)};
     if (!out.stream) {
         LOG(INFO) << "open file " << destination << " failed";
         LOG(INFO) << strerror(errno);
@@ -166,7 +194,8 @@ int File::sRawCopyFile(const std::string& source, const std::string& destination
     }
     // On disk before anyone relies on it: a move deletes its source next.
     bool flushed = result != 0 || (fflush(out.stream) == 0 && fsync(fileno(out.stream)) == 0);
-    flushed = fclose(out.stream) == 0 && flushed;
+    const bool opened = result != 0 || ::fchmod(fileno(out.stream), 0777) == 0;
+    flushed = fclose(out.stream) == 0 && flushed && opened;
     out.stream = nullptr;
     if (result == 1) {
         LOG(INFO) << "copy thread interrupted";
@@ -178,7 +207,6 @@ int File::sRawCopyFile(const std::string& source, const std::string& destination
         LOG(INFO) << strerror(errno);
         return sCopyFailed;
     }
-    ::chmod(destination.c_str(), 0777);
     return sCopyOk;
 }
 

@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <vector>
 
+#include "Plugin/installAction/InstallJournal.h"
 #include "crash/CrashSupport.h"
 #include "support/PackageFactory.h"
 #include "support/TestSupport.h"
@@ -83,7 +84,7 @@ std::string debris(bool wasInstalled) {
     if (exists(tree + "/verified_korvia.qpk")) {
         return "the verified payload is left";
     }
-    if (exists(appdata() + ".install.journal")) {
+    if (exists(InstallJournal::sJournalPath())) {
         return "the installation record is left";
     }
     if (exists(tree) && !recorded) {

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <boost/filesystem.hpp>
 
+#include "Plugin/installAction/InstallJournal.h"
 #include "common/ApiErrorCode.h"
 #include "support/PackageFactory.h"
 #include "support/TestSupport.h"
@@ -132,7 +133,7 @@ TEST(InstallLocal, AFreshInstallFailingAtTheStartLeavesNothing) {
     EXPECT_FALSE(exists(dataDir()));
     EXPECT_FALSE(exists(storeDir() + kId + ".manifest"));
     EXPECT_FALSE(exists(underRoot("/userdisk/appdata/local_install_tmp")));
-    EXPECT_FALSE(exists(underRoot("/userdisk/appdata/.install.journal")));
+    EXPECT_FALSE(exists(InstallJournal::sJournalPath()));
     // The sandbox was unmounted before the tree went.
     EXPECT_NE(std::string::npos, simLog().find("chroot_umout.sh " + dataDir() + "\n")) << simLog();
 
@@ -150,14 +151,14 @@ TEST(InstallLocal, AFailedUpgradeLeavesTheOldVersionRecordedAndDisabled) {
 
     EXPECT_NE(std::string::npos, readFile(storeDir() + kId + ".manifest").find("status = \"6\";"));
     EXPECT_EQ("app", readFile(dataDir() + "bin/app"));
-    EXPECT_FALSE(exists(underRoot("/userdisk/appdata/.install.journal")));
+    EXPECT_FALSE(exists(InstallJournal::sJournalPath()));
 }
 
 TEST(InstallLocal, AnInstallerInAnotherProcessGetsTheBusyCodeAtOnce) {
     PackageFactory factory;
     const std::string package = factory.build(PackageSpec(), "busy");
-    boost::filesystem::create_directories(underRoot("/userdisk/appdata"));
-    const int fd = ::open(underRoot("/userdisk/appdata/.install.lock").c_str(), O_RDWR | O_CREAT, 0600);
+    ASSERT_TRUE(InstallJournal::sEnsurePrivateDir());
+    const int fd = ::open(InstallJournal::sLockPath().c_str(), O_RDWR | O_CREAT, 0600);
     ASSERT_GE(fd, 0);
     ASSERT_EQ(0, flock(fd, LOCK_EX));
     EXPECT_EQ("installplugin failed. code is 2506\n", install("-k -f " + package));

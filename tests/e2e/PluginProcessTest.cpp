@@ -21,27 +21,10 @@
 using testsupport::runApp;
 using testsupport::SleepingChild;
 
-TEST(PluginProcesses, StopSendsTermThenKillToThoseThatIgnoreIt) {
-    SleepingChild polite;
-    SleepingChild stubborn(true);
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    PluginManager* manager = Singleton<PluginManager>::instance();
-    for (const std::string& entry :
-         {std::to_string(polite.pid()), std::string(), std::string("abc"), std::to_string(stubborn.pid())}) {
-        PluginManager::sSetPluginPort("p", entry, datacenter::PID);
-    }
-    std::unique_ptr<AbsPlugin> plugin(manager->createPlugin("p"));
-    plugin->killProcesses();
-    EXPECT_EQ(SIGTERM, polite.deathSignal());
-    EXPECT_EQ(SIGKILL, stubborn.deathSignal());
-    EXPECT_EQ("", datacenter::ConfigInfo::sGetInstance()->getConfigFromFile(PluginManager::sGetPluginPidConfig(),
-                                                                            "pid_of_p"));
-}
-
 TEST(PluginProcesses, AFailingStopCommandStillKillsTheProcessesAndKeepsTheStatus) {
     testsupport::putPlugin("q", datacenter::ENABLED);
     testsupport::writeFile(testsupport::underRoot("/sim/pluginControllor/k.exit"), "3\n");
-    SleepingChild process;
+    SleepingChild process(false, PluginManager::sGetPluginDataPath("q"));
     PluginManager* manager = Singleton<PluginManager>::instance();
     PluginManager::sSetPluginPort("q", std::to_string(process.pid()), datacenter::PID);
     EXPECT_EQ(API_GENERAL_FAILURE, manager->changePluginStatus("q", datacenter::DISABLED));
@@ -53,22 +36,10 @@ TEST(PluginProcesses, AFailingStopCommandStillKillsTheProcessesAndKeepsTheStatus
     EXPECT_NE(std::string::npos, log.find("pluginControllor -k q\n"));
 }
 
-TEST(PluginProcesses, OnlyPlainDecimalPidsAboveOneAreSignalled) {
-    SleepingChild victim;
-    const std::string pid = std::to_string(victim.pid());
-    PluginManager* manager = Singleton<PluginManager>::instance();
-    datacenter::ConfigInfo::sGetInstance()->setConfigToFile(PluginManager::sGetPluginPidConfig(), "pid_of_k",
-                                                            "+" + pid + ";-" + pid + "; " + pid + ";" + pid + " ;1");
-    std::unique_ptr<AbsPlugin> plugin(manager->createPlugin("k"));
-    plugin->killProcesses();
-    int status = 0;
-    EXPECT_EQ(0, waitpid(victim.pid(), &status, WNOHANG));
-    EXPECT_EQ(0, kill(victim.pid(), 0));
-}
-
 TEST(PluginMetrics, OneRecordPerLiveChildFromTheRealTools) {
-    SleepingChild first;
-    SleepingChild second;
+    testsupport::putPlugin("m", datacenter::ENABLED);
+    SleepingChild first(false, PluginManager::sGetPluginDataPath("m"));
+    SleepingChild second(false, PluginManager::sGetPluginDataPath("m"));
     PluginManager* manager = Singleton<PluginManager>::instance();
     datacenter::ConfigInfo::sGetInstance()->setConfigToFile(
         PluginManager::sGetPluginPidConfig(), "pid_of_m",

@@ -2,6 +2,7 @@
 // directory, it reports what it can reach from there into /tmp/probe-report
 // (written whole, then renamed) and runs until it is stopped. It keeps a file
 // of the USB disk open, if it sees one, so that the disk's mount is busy.
+// Its last line is its own process id.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -36,6 +37,8 @@ int main() {
     report += std::string("proc ") + (canRead("/proc/self/status") ? "sees" : "none") + "\n";
     report += std::string("usb ") + (usbFile >= 0 ? "sees" : "none") + "\n";
     report += "lib " + writeAttempt("/lib") + "\n";
+    report += std::string("appdata ") + (canRead("/userdata/appdata/app_infos") ? "sees" : "hidden") + "\n";
+    report += "pid " + std::to_string(getpid()) + "\n";
     FILE* out = std::fopen("/tmp/probe-report.part", "w");
     if (!out) {
         return 1;

@@ -9,13 +9,16 @@
 #include <chrono>
 #include <cstdlib>
 #include <map>
+#include <memory>
 #include <sstream>
 #include <thread>
 
 #include "Plugin/BinaryPluginManger.h"
 #include "Plugin/PluginManager.h"
+#include "common/Singleton.h"
 #include "support/PackageFactory.h"
 #include "support/TestSupport.h"
+#include "system/ConfigInfo.h"
 
 namespace fs = boost::filesystem;
 using testsupport::PackageFactory;
@@ -84,6 +87,25 @@ std::map<std::string, std::string> filesBelow(const std::string& dir) {
     return files;
 }
 
+// The probe's report without its pid line.
+std::string report(const std::string& dir) {
+    const std::string text = readFile(dir + "tmp/probe-report");
+    return text.substr(0, text.find("pid "));
+}
+
+std::string probePid(const std::string& dir) {
+    const std::string text = readFile(dir + "tmp/probe-report");
+    const size_t at = text.find("pid ");
+    return at == std::string::npos ? std::string("0") : text.substr(at + 4, text.find('\n', at) - at - 4);
+}
+
+bool waitForGone(const std::string& path) {
+    for (int i = 0; i < 600 && fs::exists(path); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return !fs::exists(path);
+}
+
 std::string tool(const std::string& name, const std::string& args) {
     const testsupport::CommandResult result = runCommand(
         "DATACENTER_INSTALLPLUGIN_DELAY_MS=0 " + testsupport::buildDir() + "/apps/" + name + " " + args + " 2>&1");
@@ -123,8 +145,33 @@ TEST(Sandbox, CapabilitiesDecideWhatAChrootedPluginSeesAndUninstallKeepsTheDisks
     const std::string blind = PluginManager::sGetPluginDataPath(kBlind);
     ASSERT_TRUE(waitForFile(seeing + "tmp/probe-report")) << readFile(underRoot("/tmp/sim-plugin-" + kSeeing + ".log"));
     ASSERT_TRUE(waitForFile(blind + "tmp/probe-report")) << readFile(underRoot("/tmp/sim-plugin-" + kBlind + ".log"));
-    EXPECT_EQ("userdata sees\nproc sees\nusb sees\nlib refused\n", readFile(seeing + "tmp/probe-report"));
-    EXPECT_EQ("userdata none\nproc none\nusb none\nlib refused\n", readFile(blind + "tmp/probe-report"));
+    // The user's files are seen, the core's own state on the disk is not.
+    EXPECT_EQ("userdata sees\nproc sees\nusb sees\nlib refused\nappdata hidden\n", report(seeing));
+    EXPECT_EQ("userdata none\nproc none\nusb none\nlib refused\nappdata hidden\n", report(blind));
+
+    // A plugin that writes a capability into its own manifest does not get
+    // it at its next start: the store record decides, and the copy is restored.
+    const std::string manifest = readFile(blind + "etc/manifest");
+    writeFile(blind + "etc/manifest",
+              manifest.substr(0, manifest.find("capability_list")) + "capability_list = [\"access_userdata\"];\n");
+    fs::remove(blind + "tmp/probe-report");
+    EXPECT_EQ('0', tool("plugincenter", "disable " + kBlind)[0]);
+    EXPECT_EQ('0', tool("plugincenter", "enable " + kBlind)[0]);
+    ASSERT_TRUE(waitForFile(blind + "tmp/probe-report"));
+    EXPECT_EQ("userdata none\nproc none\nusb none\nlib refused\nappdata hidden\n", report(blind));
+    const std::string restored = readFile(blind + "etc/manifest");
+    EXPECT_EQ(std::string::npos, restored.find("access_userdata")) << restored;
+    EXPECT_NE(std::string::npos, restored.find("support_download")) << restored;
+
+    // Pids in the pid file: a sandboxed process is its plugin's (its root is
+    // the plugin's directory); the other plugin's process listed for it is not.
+    const std::string blindPid = probePid(blind);
+    const std::string seeingPid = probePid(seeing);
+    datacenter::ConfigInfo::sGetInstance()->setConfigToFile(PluginManager::sGetPluginPidConfig(), "pid_of_" + kBlind,
+                                                            seeingPid + ";" + blindPid);
+    std::unique_ptr<AbsPlugin>(Singleton<PluginManager>::instance()->createPlugin(kBlind))->killProcesses();
+    EXPECT_TRUE(fs::exists("/proc/" + seeingPid + "/root"));
+    EXPECT_TRUE(waitForGone("/proc/" + blindPid + "/root"));
     EXPECT_EQ("sandbox", readFile(underRoot("/tmp/sim-mode")).substr(0, 7));
     // The plugin was already running when its files were recorded: nothing mounted is among them.
     const std::string record = readFile(seeing + "init_files.record");

@@ -157,16 +157,6 @@ void InstallAction::setJournal(const std::shared_ptr<InstallJournal>& journal) {
     journal_ = journal;
 }
 
-std::vector<std::string> InstallAction::stagedPaths() const {
-    std::vector<std::string> paths = {PluginManager::sGetPluginRootPath() + sLocalInstallTmpDir};
-    const std::string dataDir = PluginManager::sGetPluginDataPath(pluginId_);
-    if (!dataDir.empty()) {
-        paths.push_back(dataDir + sVerifiedQpkLocalName);
-        paths.push_back(PluginManager::sGetQpkLocalPath(pluginId_));
-    }
-    return paths;
-}
-
 bool InstallAction::journalStep() {
     InstallJournal::Entry entry;
     entry.id = pluginId_;
@@ -180,7 +170,6 @@ bool InstallAction::journalStep() {
     }
     entry.upgrade = journalUpgrade_;
     entry.freshTree = journalFreshTree_;
-    entry.staged = stagedPaths();
     return journal_ && journal_->record(entry);
 }
 

@@ -115,9 +115,6 @@ protected:
     // Verifies packagePath_ and checks that the sign type inside the verified
     // bytes is one of `accepted`: 0, 2509 (type refused) or 2508.
     ApiErrorCode verifySignChecked(std::initializer_list<int> accepted, bool keepOriginal);
-    // The files and folders this installation stages outside the plugin's
-    // own tree, or inside it only until it ends.
-    virtual std::vector<std::string> stagedPaths() const;
     // Records durably what the installation is about to do; false when that failed.
     bool journalStep();
     // Ends a run that could not record itself: 4, with nothing written.

@@ -31,9 +31,3 @@ std::string InstallFromUrl::statOnceString() {
 }
 
 void InstallFromUrl::cleanPackage() {}
-
-std::vector<std::string> InstallFromUrl::stagedPaths() const {
-    std::vector<std::string> paths = InstallAction::stagedPaths();
-    paths.push_back(downloadPath_);
-    return paths;
-}

@@ -13,10 +13,6 @@ public:
     // The downloaded and verified files stay for the developer to inspect.
     void cleanPackage() override;
 
-protected:
-    // The download too: a crash leaves it half written.
-    std::vector<std::string> stagedPaths() const override;
-
 private:
     std::string downloadPath_;
     std::string tmpDir_;

@@ -14,16 +14,19 @@
 
 #include "DataBase/PluginStorageManager.h"
 #include "Plugin/PluginManager.h"
+#include "Plugin/installAction/InstallAction.h"
 #include "common/PluginId.h"
 #include "common/Singleton.h"
 #include "storage/File.h"
 #include "system/CommonUtils.h"
 #include "system/ConfigInfo.h"
+#include "system/RootPrefix.h"
 
 namespace {
 
-const char* const kLockName = ".install.lock";
-const char* const kJournalName = ".install.journal";
+const char* const kPrivateDir = "/data/etc/datacenter/";
+const char* const kLockName = "install.lock";
+const char* const kJournalName = "install.journal";
 
 // Closes a descriptor when it goes out of scope.
 struct Fd {
@@ -42,9 +45,6 @@ std::string serialise(const InstallJournal::Entry& entry) {
     std::string text = "id " + entry.id + "\n";
     text += std::string("upgrade ") + (entry.upgrade ? "1" : "0") + "\n";
     text += std::string("fresh_tree ") + (entry.freshTree ? "1" : "0") + "\n";
-    for (const std::string& path : entry.staged) {
-        text += "staged " + path + "\n";
-    }
     return text;
 }
 
@@ -187,9 +187,46 @@ void removeTemporaryFiles(const std::string& id) {
     }
 }
 
+// Whether the data directory of `id` would be one of the core's own folders
+// under the plugin root (the manifest store, the staging folder).
+bool namesTheCoresOwnFolder(const std::string& id) {
+    const auto plain = [](std::string path) {
+        for (std::string::size_type twice; (twice = path.find("//")) != std::string::npos;) {
+            path.erase(twice, 1);
+        }
+        return path;
+    };
+    const std::string dataDir = plain(PluginManager::sGetPluginDataPath(id));
+    return dataDir == plain(PluginStorageManager::sGetManifestRootPath()) ||
+           dataDir == plain(PluginManager::sGetPluginRootPath() + InstallAction::sLocalInstallTmpDir);
+}
+
+// Whether the store lists `id` as an installed plugin (enabled or disabled).
+bool listedAsInstalled(const std::string& id) {
+    const datacenter::PluginInfo info = Singleton<PluginStorageManager>::instance()->getPluginInfoById(id);
+    return !info.id.empty() && (info.status == datacenter::ENABLED || info.status == datacenter::DISABLED);
+}
+
+// The payloads an installation of `id` stages: the installer's own folder and
+// the two package files the contract names in the plugin's folder.
+void removeStagedFiles(const std::string& id) {
+    InstallJournal::sRemoveBelowRoot(PluginManager::sGetPluginRootPath() + InstallAction::sLocalInstallTmpDir);
+    InstallJournal::sRemoveBelowRoot(PluginManager::sGetPluginDataPath(id) + InstallAction::sVerifiedQpkLocalName);
+    InstallJournal::sRemoveBelowRoot(PluginManager::sGetQpkLocalPath(id));
+}
+
 void recoverPlugin(const InstallJournal::Entry& entry) {
     const std::string& id = entry.id;
     const std::string dataDir = PluginManager::sGetPluginDataPath(id);
+    if (!entry.upgrade && listedAsInstalled(id)) {
+        // A fresh installation does not end with a listed plugin unless it
+        // completed: whatever the record says, that plugin's files stay.
+        InstallJournal::sRemoveBelowRoot(PluginManager::sGetPluginRootPath() + InstallAction::sLocalInstallTmpDir);
+        LOG(WARNING) << "install recovery: plugin " << id
+                     << " is listed as installed; its files and record are left as they are";
+        return;
+    }
+    removeStagedFiles(id);
     // Whatever the dead installer may have started runs no more.
     CommonUtils::sCallSystem(datacenter::planformGetPluginControllorPath() + " -k " + id);
     PluginStorageManager* store = Singleton<PluginStorageManager>::instance();
@@ -215,6 +252,16 @@ void recoverPlugin(const InstallJournal::Entry& entry) {
     }
 }
 
+// Opens (creating when missing, mode `mode`) the folder `name` in `parent`
+// without following a link. -1 when it cannot be opened as a folder.
+int openOrMakeFolder(int parent, const std::string& name, mode_t mode) {
+    int fd = openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0 && errno == ENOENT && mkdirat(parent, name.c_str(), mode) == 0) {
+        fd = openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    }
+    return fd;
+}
+
 }  // namespace
 
 void InstallJournal::sRemoveBelowRoot(const std::string& path) {
@@ -225,17 +272,48 @@ InstallJournal::~InstallJournal() {
     unlock();
 }
 
+std::string InstallJournal::sPrivateDir() {
+    return datacenter::RootPrefix::sPath(kPrivateDir);
+}
+
 std::string InstallJournal::sLockPath() {
-    return PluginManager::sGetPluginRootPath() + kLockName;
+    return sPrivateDir() + kLockName;
 }
 
 std::string InstallJournal::sJournalPath() {
-    return PluginManager::sGetPluginRootPath() + kJournalName;
+    return sPrivateDir() + kJournalName;
+}
+
+bool InstallJournal::sEnsurePrivateDir() {
+    const std::string root = datacenter::RootPrefix::sRoot();
+    Fd dir(::open(root.empty() ? "/" : root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const std::string parts = std::string(kPrivateDir).substr(1);
+    std::string::size_type start = 0;
+    while (dir.fd >= 0 && start < parts.size()) {
+        const std::string::size_type slash = parts.find('/', start);
+        const std::string name = parts.substr(start, slash - start);
+        start = slash + 1;
+        const bool last = start >= parts.size();
+        const int next = openOrMakeFolder(dir.fd, name, last ? 0700 : 0755);
+        ::close(dir.fd);
+        dir.fd = next;
+    }
+    struct stat st;
+    if (dir.fd < 0 || fstat(dir.fd, &st) != 0 || st.st_uid != geteuid() ||
+        ((st.st_mode & 07777) != 0700 && fchmod(dir.fd, 0700) != 0)) {
+        LOG(ERROR) << "the core's private folder " << sPrivateDir()
+                   << " cannot be made: a link, a file or a folder of another owner is in its way";
+        return false;
+    }
+    return true;
 }
 
 bool InstallJournal::tryLock() {
     if (fd_ >= 0) {
         return true;
+    }
+    if (!sEnsurePrivateDir()) {
+        return false;
     }
     // Close-on-exec: a plugin started during the installation must not
     // inherit, and so keep, the lock.
@@ -264,17 +342,17 @@ void InstallJournal::unlock() {
 }
 
 bool InstallJournal::record(const Entry& entry) {
-    if (!datacenter::File::sWriteAtomically(sJournalPath(), serialise(entry), 0600)) {
+    if (!sEnsurePrivateDir() || !datacenter::File::sWriteAtomically(sJournalPath(), serialise(entry), 0600)) {
         LOG(ERROR) << "cannot record the installation in " << sJournalPath();
         return false;
     }
-    fsyncDirectory(PluginManager::sGetPluginRootPath());
+    fsyncDirectory(sPrivateDir());
     return true;
 }
 
 void InstallJournal::clear() {
     if (::unlink(sJournalPath().c_str()) == 0) {
-        fsyncDirectory(PluginManager::sGetPluginRootPath());
+        fsyncDirectory(sPrivateDir());
     }
 }
 
@@ -299,8 +377,6 @@ bool InstallJournal::sRead(const std::string& path, Entry& entry) {
             entry.upgrade = value == "1";
         } else if (key == "fresh_tree") {
             entry.freshTree = value == "1";
-        } else if (key == "staged" && !value.empty()) {
-            entry.staged.push_back(value);
         }
     }
     return true;
@@ -313,12 +389,15 @@ bool InstallJournal::sRecover() {
         return false;  // an installer is at work, or none left anything behind
     }
     LOG(WARNING) << "install recovery: an installer stopped while installing '" << entry.id << "'";
-    for (const std::string& path : entry.staged) {
-        InstallJournal::sRemoveBelowRoot(path);
-    }
-    // An id that is not a plain token was never used to write anything.
-    if (datacenter::isSafePluginId(entry.id)) {
+    // An id that is not a plain token was never used to write anything; with
+    // no id yet, only the installer's own folder may hold something.
+    if (datacenter::isSafePluginId(entry.id) && !namesTheCoresOwnFolder(entry.id)) {
         recoverPlugin(entry);
+    } else {
+        if (!entry.id.empty()) {
+            LOG(ERROR) << "install recovery ignores the unsafe plugin id '" << entry.id << "'";
+        }
+        InstallJournal::sRemoveBelowRoot(PluginManager::sGetPluginRootPath() + InstallAction::sLocalInstallTmpDir);
     }
     lock.clear();
     return true;

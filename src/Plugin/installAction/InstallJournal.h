@@ -1,26 +1,28 @@
 #pragma once
 // One installer at a time across processes, and a record of what it is doing.
 //
-// The installer holds an exclusive flock on a lock file under the plugin root
-// for the whole installation; the kernel drops it when the holder dies, so a
-// killed installer never blocks the next one. Before the installer writes
-// anything it records, durably, which plugin it works on, whether that plugin
-// was installed before, and the staged files it will create. A process that
-// starts the core and can take the lock finds such a record only when an
-// installer died part-way, and finishes its job: staged payloads go, the tree
-// of an interrupted fresh install goes, and an interrupted upgrade stays
-// recorded but disabled until it is reinstalled.
+// Both the lock and the record live in the core's private folder
+// "/data/etc/datacenter/" (0700, never on the user disk that plugins can
+// reach). The installer holds an exclusive flock on the lock file for the
+// whole installation; the kernel drops it when the holder dies, so a killed
+// installer never blocks the next one. Before the installer writes anything it
+// records, durably, which plugin it works on and two flags: whether that
+// plugin was installed before and whether its data directory existed. Every
+// path recovery touches is derived from that id. A process that starts the
+// core and can take the lock finds such a record only when an installer died
+// part-way, and finishes its job: staged payloads go, the tree of an
+// interrupted fresh install goes, and an interrupted upgrade stays recorded
+// but disabled until it is reinstalled. A plugin the store lists as installed
+// keeps its tree and record unless the record names its own upgrade.
 #include <string>
-#include <vector>
 
 class InstallJournal {
 public:
     // What an installer recorded before it started writing.
     struct Entry {
-        std::string id;                   // empty until the package named it
-        bool upgrade = false;             // the plugin was recorded in the store before
-        bool freshTree = false;           // its data directory did not exist before
-        std::vector<std::string> staged;  // payloads and working folders to remove afterwards
+        std::string id;          // empty until the package named it
+        bool upgrade = false;    // the plugin was recorded in the store before
+        bool freshTree = false;  // its data directory did not exist before
     };
 
     InstallJournal() = default;
@@ -29,9 +31,15 @@ public:
     InstallJournal(const InstallJournal&) = delete;
     InstallJournal& operator=(const InstallJournal&) = delete;
 
-    // The lock file and the record, both directly under the plugin root.
+    // The core's private folder "/data/etc/datacenter/" (root prefixed), and
+    // the lock file and the record in it.
+    static std::string sPrivateDir();
     static std::string sLockPath();
     static std::string sJournalPath();
+    // Creates the private folder when missing, without following a link on
+    // the way, and makes it 0700. False (logged) when a link, a folder of
+    // another owner or anything else stands in its place.
+    static bool sEnsurePrivateDir();
 
     // Takes the installation lock without waiting: true when this object holds
     // it now, false when another installer (in any process) does or the lock

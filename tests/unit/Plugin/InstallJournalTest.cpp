@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -30,24 +31,22 @@ std::string dataDir() {
     return PluginManager::sGetPluginDataPath(kId);
 }
 
-void leaveJournal(bool upgrade, bool freshTree, const std::vector<std::string>& staged, const std::string& id = kId) {
+void leaveJournal(bool upgrade, bool freshTree, const std::string& id = kId) {
     InstallJournal::Entry entry;
     entry.id = id;
     entry.upgrade = upgrade;
     entry.freshTree = freshTree;
-    entry.staged = staged;
     InstallJournal journal;
     ASSERT_TRUE(journal.tryLock());
     ASSERT_TRUE(journal.record(entry));
 }
 
 // A half-unpacked tree, a staged payload and a working folder.
-std::vector<std::string> leaveDebris() {
+void leaveDebris() {
     writeFile(dataDir() + "bin/app", "half");
     writeFile(dataDir() + "etc/manifest", "plugin_id = \"" + kId + "\";\n");
     writeFile(dataDir() + "verified_korvia.qpk", "payload");
     writeFile(PluginManager::sGetPluginRootPath() + "local_install_tmp/korvia.zip", "zip");
-    return {PluginManager::sGetPluginRootPath() + "local_install_tmp/", dataDir() + "verified_korvia.qpk"};
 }
 
 // Holds the install lock in a child process until the returned pipe is closed.
@@ -86,12 +85,12 @@ void releaseChild(pid_t child, int release) {
 }  // namespace
 
 TEST(InstallRecovery, RemovesTheTreeAndPayloadsOfAnInterruptedFreshInstall) {
-    const std::vector<std::string> staged = leaveDebris();
+    leaveDebris();
     writeFile(testsupport::storeManifest(kId), "plugin_id = \"" + kId + "\";\nname = \"x\";\n");
     // A link planted in the tree must be removed, not followed.
     writeFile(underRoot("/outside/keep"), "user data");
     boost::filesystem::create_directory_symlink(underRoot("/outside"), dataDir() + "link");
-    leaveJournal(false, true, staged);
+    leaveJournal(false, true);
     testsupport::LogCapture log;
 
     Singleton<PluginManager>::instance();
@@ -109,9 +108,9 @@ TEST(InstallRecovery, RemovesTheTreeAndPayloadsOfAnInterruptedFreshInstall) {
 
 TEST(InstallRecovery, LeavesAnInterruptedUpgradeRecordedButDisabled) {
     testsupport::putPlugin(kId, datacenter::ENABLED);
-    const std::vector<std::string> staged = leaveDebris();
+    leaveDebris();
     writeFile(dataDir() + "etc/manifest.tmp.AbC123", "half written");
-    leaveJournal(true, false, staged);
+    leaveJournal(true, false);
     testsupport::LogCapture log;
 
     Singleton<PluginManager>::instance();
@@ -127,9 +126,9 @@ TEST(InstallRecovery, LeavesAnInterruptedUpgradeRecordedButDisabled) {
 }
 
 TEST(InstallRecovery, KeepsAFolderThatExistedBeforeButDropsItsManifest) {
-    const std::vector<std::string> staged = leaveDebris();
+    leaveDebris();
     writeFile(dataDir() + "userdata/photo", "mine");
-    leaveJournal(false, false, staged);
+    leaveJournal(false, false);
 
     Singleton<PluginManager>::instance();
 
@@ -139,8 +138,8 @@ TEST(InstallRecovery, KeepsAFolderThatExistedBeforeButDropsItsManifest) {
 }
 
 TEST(InstallRecovery, NeverTouchesWhatALiveInstallerWorksOn) {
-    const std::vector<std::string> staged = leaveDebris();
-    leaveJournal(false, true, staged);
+    leaveDebris();
+    leaveJournal(false, true);
     int release = -1;
     const pid_t child = holdLockInChild(release);
     ASSERT_GT(child, 0);
@@ -166,26 +165,46 @@ TEST(InstallRecovery, NeverTouchesWhatALiveInstallerWorksOn) {
     EXPECT_FALSE(InstallJournal::sRecover());
 }
 
-TEST(InstallRecovery, StagedPathsOutsideThePluginRootAreIgnored) {
+// Removal in recovery stays strictly below the plugin root, whatever path
+// it is handed.
+TEST(InstallRecovery, PathsOutsideThePluginRootAreNeverRemoved) {
+    const std::string root = PluginManager::sGetPluginRootPath();
     writeFile(underRoot("/userdisk/precious"), "keep");
-    writeFile(PluginManager::sGetPluginRootPath() + "x/file", "keep too");
-    leaveJournal(false, false,
-                 {underRoot("/userdisk/precious"), PluginManager::sGetPluginRootPath(),
-                  PluginManager::sGetPluginRootPath() + "x/../../precious", PluginManager::sGetPluginRootPath() + ".."},
-                 "");
-    EXPECT_TRUE(InstallJournal::sRecover());
-    EXPECT_EQ("keep", readFile(underRoot("/userdisk/precious")));
-    EXPECT_EQ("keep too", readFile(PluginManager::sGetPluginRootPath() + "x/file"));
+    writeFile(root + "x/file", "keep too");
+    for (const std::string& path : {underRoot("/userdisk/precious"), root, root + "x/../../precious", root + "..",
+                                    root + "x/../x", root + "./x", underRoot("/userdisk/appdata2/x"), std::string()}) {
+        InstallJournal::sRemoveBelowRoot(path);
+        EXPECT_EQ("keep", readFile(underRoot("/userdisk/precious"))) << path;
+        EXPECT_EQ("keep too", readFile(root + "x/file")) << path;
+    }
+    InstallJournal::sRemoveBelowRoot(root + "x/file");
+    EXPECT_FALSE(exists(root + "x/file"));
+    EXPECT_TRUE(exists(root + "x"));
 }
 
-TEST(InstallRecovery, ARecordWithAnUnsafeIdRemovesOnlyStagedFiles) {
-    writeFile(PluginManager::sGetPluginRootPath() + "keep/file", "keep");
-    writeFile(PluginManager::sGetPluginRootPath() + "local_install_tmp/korvia.zip", "zip");
-    writeFile(InstallJournal::sJournalPath(), "id ../keep\nupgrade 0\nfresh_tree 1\nstaged " +
-                                                  PluginManager::sGetPluginRootPath() + "local_install_tmp/\n");
-    EXPECT_TRUE(InstallJournal::sRecover());
-    EXPECT_EQ("keep", readFile(PluginManager::sGetPluginRootPath() + "keep/file"));
-    EXPECT_FALSE(exists(PluginManager::sGetPluginRootPath() + "local_install_tmp"));
+// The record holds an id and flags: an unsafe id, or an id the store lists as
+// installed with the flags of a fresh installation, leaves every plugin file
+// and record as it is; only the installer's own folder goes.
+TEST(InstallRecovery, TheRecordNeverReachesBeyondItsOwnPlugin) {
+    const std::string root = PluginManager::sGetPluginRootPath();
+    testsupport::putPlugin(kId, datacenter::ENABLED);
+    writeFile(dataDir() + "bin/app", "installed");
+    writeFile(root + "keep/file", "keep");
+    for (const std::string& text : std::vector<std::string>{
+             "id ../keep\nupgrade 0\nfresh_tree 1\nstaged " + root + "keep\n",
+             "id " + kId + "\nupgrade 0\nfresh_tree 1\n", "id app_infos\nupgrade 0\nfresh_tree 1\n",
+             "id " + kId + "\nupgrade 0\nfresh_tree 0\n"}) {
+        writeFile(root + "local_install_tmp/korvia.zip", "zip");
+        const std::string before = testsupport::treeText(underRoot("/userdisk"));
+        ASSERT_TRUE(InstallJournal::sEnsurePrivateDir());
+        writeFile(InstallJournal::sJournalPath(), text);
+        EXPECT_TRUE(InstallJournal::sRecover()) << text;
+        EXPECT_FALSE(exists(root + "local_install_tmp")) << text;
+        writeFile(root + "local_install_tmp/korvia.zip", "zip");
+        EXPECT_EQ(before, testsupport::treeText(underRoot("/userdisk"))) << text;
+        EXPECT_EQ(datacenter::ENABLED, testsupport::storedStatus(kId)) << text;
+        EXPECT_FALSE(exists(InstallJournal::sJournalPath())) << text;
+    }
 }
 
 TEST(InstallLock, OneHolderAtATimeAndFreedWithItsHolder) {
@@ -197,10 +216,22 @@ TEST(InstallLock, OneHolderAtATimeAndFreedWithItsHolder) {
     first.unlock();
     EXPECT_TRUE(second.tryLock());
     second.unlock();
-    // A planted link in place of the lock file is not followed.
+    // The lock lives in the core's private folder, 0700; a link planted in
+    // place of the lock file or of the folder is not followed.
+    struct stat st;
+    ASSERT_EQ(0, lstat(InstallJournal::sPrivateDir().c_str(), &st));
+    EXPECT_EQ(040700u, st.st_mode);
     boost::filesystem::remove(InstallJournal::sLockPath());
     writeFile(underRoot("/target"), "untouched");
     boost::filesystem::create_symlink(underRoot("/target"), InstallJournal::sLockPath());
     EXPECT_FALSE(first.tryLock());
     EXPECT_EQ("untouched", readFile(underRoot("/target")));
+    boost::filesystem::remove_all(InstallJournal::sPrivateDir());
+    boost::filesystem::create_directory(underRoot("/elsewhere"));
+    boost::filesystem::create_directory_symlink(underRoot("/elsewhere"), underRoot("/data/etc/datacenter"));
+    EXPECT_FALSE(first.tryLock());
+    InstallJournal::Entry entry;
+    entry.id = kId;
+    EXPECT_FALSE(first.record(entry));
+    EXPECT_EQ("", testsupport::treeText(underRoot("/elsewhere")));
 }

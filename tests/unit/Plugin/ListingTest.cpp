@@ -10,6 +10,7 @@
 #include "support/HttpTestServer.h"
 #include "support/LogCapture.h"
 #include "support/RecordingRunner.h"
+#include "support/SleepingChild.h"
 #include "support/TestSupport.h"
 #include "system/AppAccountManager.h"
 #include "system/ConfigInfo.h"
@@ -18,6 +19,7 @@
 using testsupport::HttpResponse;
 using testsupport::HttpTestServer;
 using testsupport::RecordingRunner;
+using testsupport::SleepingChild;
 
 namespace {
 
@@ -75,28 +77,45 @@ TEST(Listing, ThePluginListIsPublishedInIdOrder) {
               runner->commands());
 }
 
-TEST(Metrics, ParsesTopAndPidstatPerPidAndStopsAtABadEntry) {
+TEST(Metrics, ParsesTopAndPidstatPerOwnPidAndStopsAtABadEntry) {
     const auto runner = RecordingRunner::sInstall();
     PluginManager* manager = Singleton<PluginManager>::instance();
-    runner->answer("top -p 123 ", 0, "1.5 2.5");
-    runner->answer("pidstat -p 123 ", 0, "3.25 4.75");
-    runner->answer("top -p 456 ", 0, "garbage");
-    setPids("p", "123;;456");
+    testsupport::putPlugin("p", datacenter::ENABLED);
+    SleepingChild first(false, PluginManager::sGetPluginDataPath("p"));
+    SleepingChild second(false, PluginManager::sGetPluginDataPath("p"));
+    SleepingChild foreign;
+    const std::string a = std::to_string(first.pid());
+    const std::string b = std::to_string(second.pid());
+    runner->answer("top -p " + a + " ", 0, "1.5 2.5");
+    runner->answer("pidstat -p " + a + " ", 0, "3.25 4.75");
+    runner->answer("top -p " + b + " ", 0, "garbage");
+    // A process of someone else and pid 1 are skipped, not sampled.
+    setPids("p", a + ";;" + std::to_string(foreign.pid()) + ";1;" + b);
     std::vector<PidMetrics> metrics;
     ASSERT_TRUE(manager->getPluginMetrics("p", metrics));
-    EXPECT_EQ("123 1.5 2.5 3.25 4.75\n456 0 0 0 0\n", metricsText(metrics));
-    EXPECT_EQ("top -p 123 -b -n 1 |sed -n 8p|grep 123| awk '{print  $9, $10}'", runner->commands()[0]);
-    EXPECT_EQ("pidstat -p 123 -d 1 1 |tail -n 1|grep 123|awk '{print  $3, $4}'", runner->commands()[1]);
+    EXPECT_EQ(a + " 1.5 2.5 3.25 4.75\n" + b + " 0 0 0 0\n", metricsText(metrics));
+    ASSERT_EQ(4u, runner->commands().size());
+    EXPECT_EQ("top -p " + a + " -b -n 1 |sed -n 8p|grep " + a + "| awk '{print  $9, $10}'", runner->commands()[0]);
+    EXPECT_EQ("pidstat -p " + a + " -d 1 1 |tail -n 1|grep " + a + "|awk '{print  $3, $4}'", runner->commands()[1]);
 
     // The pid text reaches a command line: only plain decimals of at most ten digits do.
     for (const char* bad : {"12345678901", "12 $(reboot)", "-1", "+5", "abc"}) {
-        setPids("q", std::string("77;") + bad + ";88");
+        setPids("p", a + ";" + bad + ";" + b);
         const size_t before = runner->commands().size();
         metrics.clear();
-        EXPECT_FALSE(manager->getPluginMetrics("q", metrics)) << bad;
+        EXPECT_FALSE(manager->getPluginMetrics("p", metrics)) << bad;
         EXPECT_EQ(1u, metrics.size()) << bad;
         EXPECT_EQ(before + 2, runner->commands().size()) << bad;
     }
+    // A flooded pid file costs at most 16 samples.
+    std::string flood;
+    for (int i = 0; i < 40; ++i) {
+        flood += a + ";";
+    }
+    setPids("p", flood);
+    metrics.clear();
+    EXPECT_TRUE(manager->getPluginMetrics("p", metrics));
+    EXPECT_EQ(16u, metrics.size());
     metrics.clear();
     EXPECT_TRUE(manager->getPluginMetrics("nothing_recorded", metrics));
     EXPECT_TRUE(metrics.empty());
@@ -106,8 +125,10 @@ TEST(Metrics, ParsesTopAndPidstatPerPidAndStopsAtABadEntry) {
 TEST(Metrics, MonitorPutsOneObjectPerProcessIntoTheArray) {
     const auto runner = RecordingRunner::sInstall();
     PluginManager* manager = Singleton<PluginManager>::instance();
-    runner->answer("top -p 321 ", 0, "7 8");
-    setPids("m", "321");
+    testsupport::putPlugin("m", datacenter::ENABLED);
+    SleepingChild child(false, PluginManager::sGetPluginDataPath("m"));
+    runner->answer("top -p " + std::to_string(child.pid()) + " ", 0, "7 8");
+    setPids("m", std::to_string(child.pid()));
     EXPECT_EQ(API_INVALID_STATUS, manager->monitorPlugin("m", nullptr));
     json_object* array = json_object_new_array();
     EXPECT_EQ(API_SUCCESS, manager->monitorPlugin("m", array));
@@ -115,7 +136,7 @@ TEST(Metrics, MonitorPutsOneObjectPerProcessIntoTheArray) {
     json_object* item = json_object_array_get_idx(array, 0);
     json_object* value = nullptr;
     ASSERT_TRUE(json_object_object_get_ex(item, "pid", &value));
-    EXPECT_EQ(321, json_object_get_int(value));
+    EXPECT_EQ(child.pid(), json_object_get_int(value));
     ASSERT_TRUE(json_object_object_get_ex(item, "cpuPercent", &value));
     EXPECT_DOUBLE_EQ(7, json_object_get_double(value));
     ASSERT_TRUE(json_object_object_get_ex(item, "writeKBPerSec", &value));

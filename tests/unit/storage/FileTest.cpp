@@ -66,6 +66,19 @@ TEST(FileCopy, CopiesContentAcrossManyBlocksAndReportsOpenAndReadFailures) {
     EXPECT_EQ(File::sCopyFailed, File::sRawCopyFile(dir, dir + ".copy"));
     ASSERT_EQ(0, mkdir((dir + "/isdir").c_str(), 0755));
     EXPECT_EQ(File::sCopyFailed, File::sRawCopyFile(dir + "/src", dir + "/isdir"));
+    // A link or a second name of a file elsewhere in place of the copy: the
+    // file is neither written, truncated nor made world-writable.
+    writeFile(dir + "/secret", "root only");
+    ASSERT_EQ(0, chmod((dir + "/secret").c_str(), 0600));
+    ASSERT_EQ(0, symlink((dir + "/secret").c_str(), (dir + "/linked").c_str()));
+    ASSERT_EQ(0, link((dir + "/secret").c_str(), (dir + "/hardlinked").c_str()));
+    for (const char* planted : {"/linked", "/hardlinked"}) {
+        EXPECT_EQ(File::sCopyFailed, File::sRawCopyFile(dir + "/src", dir + planted)) << planted;
+        EXPECT_EQ("root only", readFile(dir + "/secret")) << planted;
+        struct stat st;
+        ASSERT_EQ(0, stat((dir + "/secret").c_str(), &st));
+        EXPECT_EQ(0600u, st.st_mode & 0777) << planted;
+    }
 }
 
 TEST(FileCopy, InterruptedCopyLeavesNoDestination) {

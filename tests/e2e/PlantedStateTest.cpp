@@ -1,0 +1,534 @@
+// What a plugin or a local user can write, planted where the root-run core
+// looks next: pids in the world-writable pid file, a journal and a held lock,
+// edited capabilities, an "@include" or links in the manifest store, a linked
+// migration folder, an RPC server that trickles. Each case checks what the
+// core did and that nothing outside the plugin changed.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <boost/filesystem.hpp>
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <thread>
+
+#include "Plugin/PluginManager.h"
+#include "Plugin/TimeMachineMigration.h"
+#include "Plugin/installAction/InstallJournal.h"
+#include "common/Singleton.h"
+#include "support/LogCapture.h"
+#include "support/PackageFactory.h"
+#include "support/SleepingChild.h"
+#include "support/TestSupport.h"
+#include "system/ConfigInfo.h"
+#include "system/ProcessOwnership.h"
+#include "unit/Plugin/PluginTestSupport.h"
+
+using testsupport::PackageFactory;
+using testsupport::PackageSpec;
+using testsupport::readFile;
+using testsupport::SleepingChild;
+using testsupport::writeFile;
+
+namespace {
+
+// A child that has ended and is not reaped until the object goes: a zombie.
+class Zombie {
+public:
+    Zombie() {
+        pid_ = fork();
+        if (pid_ == 0) {
+            _exit(0);
+        }
+        for (int tries = 0; tries < 10000 && !isZombie(); ++tries) {
+            usleep(1000);
+        }
+    }
+    ~Zombie() { waitpid(pid_, nullptr, 0); }
+    pid_t pid() const { return pid_; }
+    bool isZombie() const {
+        std::ifstream stat("/proc/" + std::to_string(pid_) + "/stat");
+        std::string text;
+        std::getline(stat, text);
+        const size_t close = text.rfind(')');
+        return close != std::string::npos && text.compare(close, 3, ") Z") == 0;
+    }
+
+private:
+    pid_t pid_ = -1;
+};
+
+int pidMax() {
+    std::ifstream in("/proc/sys/kernel/pid_max");
+    int value = 4194304;
+    in >> value;
+    return value;
+}
+
+std::string logText(const testsupport::LogCapture& log) {
+    std::string text;
+    for (const auto& line : log.records()) {
+        text += line.text + "\n";
+    }
+    return text;
+}
+
+size_t count(const std::string& text, const std::string& what) {
+    size_t found = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) {
+        ++found;
+    }
+    return found;
+}
+
+}  // namespace
+
+TEST(ProcessOwnership, PidTextsAboveOneOnlyAndNeverAnotherProcess) {
+    struct Case {
+        const char* text;
+        bool valid;
+    };
+    for (const Case& c : std::vector<Case>{{"0", false},
+                                           {"1", false},
+                                           {"2", true},
+                                           {"-1", false},
+                                           {"+5", false},
+                                           {" 5", false},
+                                           {"5 ", false},
+                                           {"", false},
+                                           {"2147483647", true},
+                                           {"2147483648", false},
+                                           {"12345678901", false},
+                                           {"0x10", false}}) {
+        int pid = -7;
+        EXPECT_EQ(c.valid, datacenter::ProcessOwnership::sParsePid(c.text, pid)) << c.text;
+    }
+    // Pid 1 (init) and our own process are never the plugin's, whatever its directory.
+    testsupport::putPlugin("own", datacenter::ENABLED);
+    for (const int pid : {0, 1, static_cast<int>(getpid())}) {
+        std::string reason;
+        EXPECT_FALSE(datacenter::ProcessOwnership::sBelongsTo(pid, PluginManager::sGetPluginDataPath("own"), reason))
+            << pid;
+        EXPECT_FALSE(reason.empty()) << pid;
+    }
+}
+
+// Pid entries planted in the pid file: only the plugin's own processes are
+// signalled (SIGTERM, then SIGKILL for those that stay), every other entry is
+// skipped with a log line, and at most 64 entries are looked at per call.
+TEST(PlantedPids, OnlyThePluginsOwnProcessesAreStopped) {
+    PluginManager* manager = Singleton<PluginManager>::instance();
+    testsupport::putPlugin("p", datacenter::ENABLED);
+    testsupport::putPlugin("other", datacenter::ENABLED);
+    const std::string own = PluginManager::sGetPluginDataPath("p");
+    struct Case {
+        const char* name;
+        int ownPolite;    // expected death signal of a polite own process, -1: not listed
+        int ownStubborn;  // same for one that ignores SIGTERM
+        std::function<std::string(const std::string& polite, const std::string& stubborn, const std::string& foreign,
+                                  const std::string& neighbour, const std::string& zombie)>
+            entries;
+        const char* logged;  // a log text the case must show
+    };
+    const int overMax = pidMax() + 1;
+    const std::vector<Case> cases{
+        {"own processes", SIGTERM, SIGKILL,
+         [](const std::string& p, const std::string& s, const std::string&, const std::string&, const std::string&) {
+             return p + ";;abc;" + s;
+         },
+         "kill result is 0"},
+        {"someone else's and another plugin's", -1, -1,
+         [](const std::string&, const std::string&, const std::string& f, const std::string& n, const std::string&) {
+             return f + ";" + n;
+         },
+         "neither its root, working directory nor program lies in"},
+        {"signs, blanks, 0 and 1 around an own pid", 0, -1,
+         [](const std::string& p, const std::string&, const std::string&, const std::string&, const std::string&) {
+             return "+" + p + ";-" + p + "; " + p + ";" + p + " ;0;1;-1";
+         },
+         "skip pid '1' of plugin p: not a process id above 1"},
+        {"a zombie listed 500 times", -1, -1,
+         [](const std::string&, const std::string&, const std::string&, const std::string&, const std::string& z) {
+             std::string text;
+             for (int i = 0; i < 500; ++i) {
+                 text += z + ";";
+             }
+             return text;
+         },
+         "the process has ended (zombie)"},
+        {"an own pid behind 64 stale ones", 0, -1,
+         [overMax](const std::string& p, const std::string&, const std::string&, const std::string&,
+                   const std::string&) {
+             std::string text;
+             for (int i = 0; i < 64; ++i) {
+                 text += std::to_string(overMax + i) + ";";
+             }
+             return text + p;
+         },
+         "lists more than 64 process ids; the rest are skipped"},
+    };
+    for (const Case& c : cases) {
+        SleepingChild polite(false, own);
+        SleepingChild stubborn(true, own);
+        SleepingChild foreign;
+        SleepingChild neighbour(false, PluginManager::sGetPluginDataPath("other"));
+        Zombie zombie;
+        ASSERT_TRUE(zombie.isZombie()) << c.name;
+        datacenter::ConfigInfo::sGetInstance()->setConfigToFile(
+            PluginManager::sGetPluginPidConfig(), "pid_of_p",
+            c.entries(std::to_string(polite.pid()), std::to_string(stubborn.pid()), std::to_string(foreign.pid()),
+                      std::to_string(neighbour.pid()), std::to_string(zombie.pid())));
+        testsupport::LogCapture log;
+        std::unique_ptr<AbsPlugin> plugin(manager->createPlugin("p"));
+        plugin->killProcesses();
+        const std::string text = logText(log);
+        EXPECT_NE(std::string::npos, text.find(c.logged)) << c.name << "\n" << text;
+        EXPECT_LE(count(text, "skip pid"), 64u) << c.name;
+        if (c.ownPolite > 0) {
+            EXPECT_EQ(c.ownPolite, polite.deathSignal()) << c.name;
+        } else {
+            EXPECT_EQ(0, kill(polite.pid(), 0)) << c.name;
+        }
+        if (c.ownStubborn > 0) {
+            EXPECT_EQ(c.ownStubborn, stubborn.deathSignal()) << c.name;
+        } else {
+            EXPECT_EQ(0, kill(stubborn.pid(), 0)) << c.name;
+        }
+        // Nothing outside the plugin was touched.
+        EXPECT_EQ(0, kill(foreign.pid(), 0)) << c.name;
+        EXPECT_EQ(0, kill(neighbour.pid(), 0)) << c.name;
+        EXPECT_EQ("", datacenter::ConfigInfo::sGetInstance()->getConfigFromFile(PluginManager::sGetPluginPidConfig(),
+                                                                                "pid_of_p"))
+            << c.name;
+    }
+}
+
+namespace {
+
+const std::string kPlugin = "5017400000000000100";
+const std::string kNeighbour = "5017400000000000111";
+
+std::string appdata() {
+    return PluginManager::sGetPluginRootPath();
+}
+std::string store() {
+    return appdata() + "app_infos/";
+}
+std::string outside() {
+    return testsupport::underRoot("/outside");
+}
+
+// What no case may change: the files outside the plugin root, the
+// neighbour's tree and its record.
+std::string outsideSnapshot() {
+    return testsupport::treeText(outside()) + "--\n" +
+           testsupport::treeText(PluginManager::sGetPluginDataPath(kNeighbour)) + "--\n" +
+           testsupport::readFile(store() + kNeighbour + ".manifest");
+}
+
+std::string tool(const std::string& name, const std::string& args) {
+    const testsupport::CommandResult result = testsupport::runApp(name, args, true);
+    return std::to_string(result.exitStatus) + " " + result.output;
+}
+
+std::string noSlash(const std::string& path) {
+    return path.substr(0, path.find_last_not_of('/') + 1);
+}
+
+// The time machine recorded at a version whose installation migrates its data.
+void prepareTimeMachine() {
+    const std::string id = TimeMachineInfo::getPluginId();
+    testsupport::putPlugin(id, datacenter::ENABLED);
+    datacenter::ConfigInfo::sGetInstance()->setConfigToFile(testsupport::storeManifest(id), "version", "1.3.0");
+    testsupport::putPlugin(id, datacenter::ENABLED);
+    boost::filesystem::create_directories(PluginManager::sGetPluginDataPath(id) + "userdisk");
+    boost::filesystem::create_directories(testsupport::underRoot("/userdisk/data"));
+}
+
+void undoTimeMachine() {
+    boost::filesystem::remove_all(PluginManager::sGetPluginDataPath(TimeMachineInfo::getPluginId()) + "userdisk");
+    boost::filesystem::remove_all(noSlash(timecapsuleNewdir()));
+}
+
+// Holds an flock on `path` in a child process until release() or the end.
+class LockHolder {
+public:
+    explicit LockHolder(const std::string& path) {
+        int ready[2];
+        if (pipe(ready) != 0 || pipe(done_) != 0) {
+            return;
+        }
+        pid_ = fork();
+        if (pid_ == 0) {
+            close(ready[0]);
+            close(done_[1]);
+            const int fd = ::open(path.c_str(), O_RDWR | O_CREAT, 0666);
+            const char ok = fd >= 0 && flock(fd, LOCK_EX) == 0 ? '1' : '0';
+            (void)!write(ready[1], &ok, 1);
+            char byte;
+            (void)!read(done_[0], &byte, 1);
+            _exit(0);
+        }
+        close(ready[1]);
+        close(done_[0]);
+        char ok = '0';
+        (void)!read(ready[0], &ok, 1);
+        close(ready[0]);
+        held_ = ok == '1';
+    }
+    ~LockHolder() {
+        close(done_[1]);
+        waitpid(pid_, nullptr, 0);
+    }
+    bool held() const { return held_; }
+
+private:
+    int done_[2] = {-1, -1};
+    pid_t pid_ = -1;
+    bool held_ = false;
+};
+
+// A plugin RPC server that answers one byte at a time, each just inside
+// the per-phase time-out, for as long as the client listens.
+class TricklingServer {
+public:
+    TricklingServer() : listener_(::socket(AF_INET, SOCK_STREAM, 0)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof(address);
+        if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
+            ::listen(listener_, 4) != 0 ||
+            ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+            return;
+        }
+        port_ = ntohs(address.sin_port);
+        thread_ = std::thread([this] { serve(); });
+    }
+    ~TricklingServer() {
+        stop_ = true;
+        if (thread_.joinable()) {
+            thread_.join();
+        }
+        ::close(listener_);
+    }
+    int port() const { return port_; }
+
+private:
+    void serve() {
+        pollfd wait{listener_, POLLIN, 0};
+        while (!stop_ && ::poll(&wait, 1, 100) <= 0) {
+        }
+        if (stop_) {
+            return;
+        }
+        const int peer = ::accept(listener_, nullptr, nullptr);
+        const unsigned char header[4] = {0, 0x10, 0, 0};  // a frame of 1 MiB
+        bool open = ::send(peer, header, sizeof(header), MSG_NOSIGNAL) == 4;
+        while (!stop_ && open) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            open = ::send(peer, "x", 1, MSG_NOSIGNAL) == 1;
+        }
+        ::close(peer);
+    }
+
+    int listener_;
+    int port_ = 0;
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
+
+}  // namespace
+
+// Files planted where the core looks next, each refused or contained.
+TEST(PlantedState, AttacksAreRefusedAndNothingOutsideChanges) {
+    PackageFactory factory;
+    PackageSpec neighbour;
+    neighbour.id = kNeighbour;
+    ASSERT_EQ(0u, tool("installplugin", "-k -f " + factory.build(neighbour, "n")).find("0 "));
+    const std::string package = factory.build(PackageSpec(), "p");
+    ASSERT_NE(std::string::npos, tool("installplugin", "-k -f " + package).find("installplugin succeed!"));
+    writeFile(outside() + "/secret", "plugin_id = \"leak\";\nname = \"TOPSECRET\";\n");
+    writeFile(outside() + "/store/idless.manifest", "name = \"no id\";\n");
+    writeFile(outside() + "/store/hasUpdated", "t");
+    boost::filesystem::create_directories(testsupport::underRoot("/fifo"));
+    ASSERT_EQ(0, mkfifo(testsupport::underRoot("/fifo/pipe").c_str(), 0600));
+    const std::string manifest = PluginManager::sGetPluginManifestPath(kPlugin);
+
+    struct Case {
+        const char* name;
+        std::function<void()> plant;
+        std::function<std::string()> act;
+        std::function<void(const std::string& outcome)> check;
+        std::function<void()> undo;
+    };
+    const auto list = [] { return tool("plugincenter", "list --json"); };
+    const auto listsBoth = [](const std::string& outcome) {
+        EXPECT_EQ(0u, outcome.find("0 ")) << outcome;
+        EXPECT_NE(std::string::npos, outcome.find(kNeighbour)) << outcome;
+        EXPECT_NE(std::string::npos, outcome.find(kPlugin)) << outcome;
+        EXPECT_EQ(std::string::npos, outcome.find("TOPSECRET")) << outcome;
+    };
+    const auto nothing = [] {};
+    std::unique_ptr<LockHolder> holder;
+    std::unique_ptr<TricklingServer> trickler;
+    writeFile(outside() + "/tc/backup", "someone's file");
+    writeFile(outside() + "/afp/share/file", "someone's share");
+    const auto migrate = [] {
+        Singleton<PluginManager>::instance()->moveTimeMachineData(TimeMachineInfo::getPluginId());
+        return std::string();
+    };
+    const std::vector<Case> cases{
+        {"a journal planted on the user disk names the neighbour as a fresh install",
+         [] {
+             writeFile(appdata() + ".install.journal",
+                       "id " + kNeighbour + "\nupgrade 0\nfresh_tree 1\nstaged " + store() + "\n");
+         },
+         list, listsBoth, [] { boost::filesystem::remove(appdata() + ".install.journal"); }},
+        {"the core's own journal names a listed plugin as a fresh install",
+         [] {
+             ASSERT_TRUE(InstallJournal::sEnsurePrivateDir());
+             writeFile(InstallJournal::sJournalPath(), "id " + kNeighbour + "\nupgrade 0\nfresh_tree 1\n");
+         },
+         list,
+         [&](const std::string& outcome) {
+             listsBoth(outcome);
+             EXPECT_FALSE(testsupport::exists(InstallJournal::sJournalPath()));
+         },
+         nothing},
+        {"a plugin holds the old lock file",
+         [&] {
+             holder.reset(new LockHolder(appdata() + ".install.lock"));
+             ASSERT_TRUE(holder->held());
+         },
+         [&] { return tool("installplugin", "-k -f " + package); },
+         [](const std::string& outcome) {
+             EXPECT_NE(std::string::npos, outcome.find("installplugin succeed!")) << outcome;
+         },
+         [&] { holder.reset(); }},
+        {"a plugin writes a capability into its own manifest",
+         [&] {
+             const std::string text = readFile(manifest);
+             writeFile(manifest,
+                       text.substr(0, text.find("capability_list")) + "capability_list = [\"access_userdata\"];\n");
+         },
+         [] {
+             const std::string disabled = tool("plugincenter", "disable " + kPlugin);
+             return disabled + tool("plugincenter", "enable " + kPlugin);
+         },
+         [&](const std::string& outcome) {
+             EXPECT_EQ(0u, outcome.find("0 ")) << outcome;
+             EXPECT_EQ(std::string::npos, readFile(manifest).find("access_userdata")) << outcome;
+             EXPECT_NE(std::string::npos, readFile(manifest).find("plugin_id")) << readFile(manifest);
+         },
+         nothing},
+        {"a store manifest includes a root-only file",
+         [] { writeFile(store() + "evil.manifest", "@include \"" + outside() + "/secret\"\n"); }, list,
+         [&](const std::string& outcome) {
+             listsBoth(outcome);
+             EXPECT_TRUE(testsupport::exists(store() + "evil.manifest"));
+         },
+         [] { boost::filesystem::remove(store() + "evil.manifest"); }},
+        {"a store manifest includes a FIFO",
+         [] { writeFile(store() + "evil.manifest", "@include \"" + testsupport::underRoot("/fifo/pipe") + "\"\n"); },
+         list, listsBoth, [] { boost::filesystem::remove(store() + "evil.manifest"); }},
+        {"a link in place of a manifest and of the mark file",
+         [] {
+             boost::filesystem::create_symlink(outside() + "/secret", store() + "leak.manifest");
+             boost::filesystem::remove(store() + "hasUpdated");
+             boost::filesystem::create_symlink(outside() + "/secret", store() + "hasUpdated");
+         },
+         list,
+         [&](const std::string& outcome) {
+             listsBoth(outcome);
+             EXPECT_TRUE(boost::filesystem::is_symlink(store() + "leak.manifest"));
+             EXPECT_TRUE(boost::filesystem::is_symlink(store() + "hasUpdated"));
+         },
+         [] {
+             boost::filesystem::remove(store() + "leak.manifest");
+             boost::filesystem::remove(store() + "hasUpdated");
+         }},
+        {"a link in place of the store",
+         [] {
+             boost::filesystem::rename(store(), appdata() + "store.real");
+             boost::filesystem::create_directory_symlink(outside() + "/store", appdata() + "app_infos");
+         },
+         list,
+         [](const std::string& outcome) {
+             EXPECT_EQ(0u, outcome.find("0 ")) << outcome;
+             EXPECT_EQ(std::string::npos, outcome.find("no id")) << outcome;
+         },
+         [] {
+             boost::filesystem::remove(appdata() + "app_infos");
+             boost::filesystem::rename(appdata() + "store.real", appdata() + "app_infos");
+         }},
+        {"the plugin's RPC server trickles its answer",
+         [&] {
+             trickler.reset(new TricklingServer);
+             ASSERT_GT(trickler->port(), 0);
+             PluginManager::sSetPluginPort(kPlugin, std::to_string(trickler->port()), datacenter::PORT);
+         },
+         [] { return tool("plugincenter", "control " + kPlugin + " ping"); },
+         [](const std::string& outcome) {
+             EXPECT_EQ(0u, outcome.find("1 ")) << outcome;
+             EXPECT_NE(std::string::npos, outcome.find("1055")) << outcome;
+         },
+         [&] { trickler.reset(); }},
+        {"the plugin's RPC server trickles its answer",
+         [&] {
+             trickler.reset(new TricklingServer);
+             ASSERT_GT(trickler->port(), 0);
+             PluginManager::sSetPluginPort(kPlugin, std::to_string(trickler->port()), datacenter::PORT);
+         },
+         [] { return tool("plugincenter", "control " + kPlugin + " ping"); },
+         [](const std::string& outcome) {
+             EXPECT_EQ(0u, outcome.find("1 ")) << outcome;
+             EXPECT_NE(std::string::npos, outcome.find("1055")) << outcome;
+         },
+         [&] { trickler.reset(); }},
+        {"the old time machine planted links in its tree",
+         [] {
+             prepareTimeMachine();
+             boost::filesystem::create_directory_symlink(outside() + "/tc", noSlash(timecapsuleOlddir()));
+             boost::filesystem::create_directory_symlink(outside() + "/afp", noSlash(afpOlddir()));
+         },
+         migrate,
+         [](const std::string&) {
+             EXPECT_FALSE(testsupport::exists(timecapsuleNewdir() + "backup"));
+             EXPECT_FALSE(testsupport::exists(afpNewdir() + "share"));
+             EXPECT_TRUE(boost::filesystem::is_symlink(noSlash(afpOlddir())));
+         },
+         undoTimeMachine},
+        {"the backup folder on the user disk is a link",
+         [] {
+             prepareTimeMachine();
+             writeFile(timecapsuleOlddir() + "backup", "old backup");
+             writeFile(afpOlddir() + "share/file", "old afp");
+             boost::filesystem::create_directory_symlink(outside() + "/tc", noSlash(timecapsuleNewdir()));
+         },
+         migrate,
+         [](const std::string&) {
+             EXPECT_EQ("old backup", readFile(timecapsuleOlddir() + "backup"));
+             EXPECT_EQ("old afp", readFile(afpOlddir() + "share/file"));
+         },
+         undoTimeMachine},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::string before = outsideSnapshot();
+        c.plant();
+        c.check(c.act());
+        c.undo();
+        EXPECT_EQ(before, outsideSnapshot());
+    }
+}
