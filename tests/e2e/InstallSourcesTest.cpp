@@ -3,8 +3,13 @@
 // progress record shows and what a failure leaves.
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <memory>
+#include <thread>
+
 #include "Plugin/PluginManager.h"
 #include "common/Singleton.h"
+#include "support/GatedRunner.h"
 #include "support/HttpTestServer.h"
 #include "support/PackageFactory.h"
 #include "support/TestSupport.h"
@@ -117,6 +122,55 @@ TEST(UpgradeFromServer, AFailedUpgradeLeavesTheOldFilesAndTheOldVersionDisabled)
     EXPECT_EQ(API_SIGN_TYPE_UNSUPPORTED, finished(manager).errorCode);
     EXPECT_EQ("version one", testsupport::readFile(dataDir() + "data/keep.txt"));
     EXPECT_EQ(datacenter::DISABLED, storedStatus(kId));
+}
+
+// While an upgrade runs, the listing of that plugin and its progress show
+// the running installation, not the record of the version being replaced.
+TEST(InstallProgress, ARunningUpgradeReportsItsOwnRecord) {
+    PackageFactory factory;
+    PluginManager* manager = Singleton<PluginManager>::instance();
+    ASSERT_EQ(API_SUCCESS, manager->installFromLocal(factory.build(PackageSpec(), "v1"), false));
+    PackageSpec v2;
+    v2.signType = 1;
+    v2.signer = "official";
+    v2.manifest["version"] = "2.0.0";
+    // Bytes that do not compress, so that the download takes many pieces.
+    std::string noise(1024 * 1024, '\0');
+    unsigned seed = 1;
+    for (char& byte : noise) {
+        seed = seed * 1103515245u + 12345u;
+        byte = static_cast<char>(seed >> 16);
+    }
+    v2.files["big.bin"] = noise;
+    HttpTestServer server;
+    server.route("/v2.qpk", HttpResponse::slow(testsupport::readFile(factory.build(v2, "v2")), 16 * 1024, 40));
+    // The enable step waits at the gate: the installation stays INSTALLING.
+    const auto runner = std::make_shared<testsupport::GatedRunner>(" -b ");
+    datacenter::CommandRunner::sInstall(runner);
+    ASSERT_EQ(API_SUCCESS, manager->upgradeFromServer(kId, server.url("/v2.qpk")));
+
+    std::vector<datacenter::PluginInfo> progress;
+    std::vector<datacenter::PluginInfo> listed;
+    bool sawDownload = false;
+    for (int poll = 0; poll < 6000 && !sawDownload && runner->events().empty(); ++poll) {
+        manager->getPluginInstallProgress(progress, kId);
+        sawDownload = progress.at(0).status == datacenter::DOWNLOADING && progress[0].progress > 0;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    EXPECT_TRUE(sawDownload) << "no download percentage was reported";
+    manager->getOnePlugin(listed, kId);
+    ASSERT_EQ(1u, listed.size());
+    EXPECT_NE(datacenter::ENABLED, listed[0].status);
+
+    ASSERT_TRUE(runner->waitForEvents(1));
+    manager->getOnePlugin(listed, kId);
+    manager->getPluginInstallProgress(progress, kId);
+    runner->open();
+    EXPECT_EQ(datacenter::INSTALLING, listed.at(0).status);
+    EXPECT_EQ(datacenter::INSTALLING, progress.at(0).status);
+    EXPECT_EQ(100, progress[0].progress);
+    EXPECT_EQ(datacenter::ENABLED, finished(manager).status);
+    datacenter::CommandRunner::sInstall(nullptr);
 }
 
 TEST(InstallStart, AUrlInstallationIsRunningAsSoonAsTheCallReturns) {

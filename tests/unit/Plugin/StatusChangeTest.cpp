@@ -10,54 +10,14 @@
 
 #include "Plugin/PluginManager.h"
 #include "common/Singleton.h"
+#include "support/GatedRunner.h"
 #include "support/RecordingRunner.h"
 #include "unit/Plugin/PluginTestSupport.h"
 
+using testsupport::GatedRunner;
 using testsupport::putPlugin;
 using testsupport::RecordingRunner;
 using testsupport::storedStatus;
-
-namespace {
-
-// A runner whose commands wait until the test opens the gate, and that
-// notes when each begins and ends.
-class GatedRunner : public datacenter::CommandRunner {
-public:
-    int runShell(const std::string& command) override {
-        std::unique_lock<std::mutex> lock(mutex_);
-        events_.push_back("begin " + command);
-        changed_.notify_all();
-        changed_.wait(lock, [this] { return open_; });
-        events_.push_back("end " + command);
-        return 0;
-    }
-    bool runPipe(const std::string& command, std::string&, int& status) override {
-        status = runShell(command);
-        return true;
-    }
-    std::vector<std::string> events() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return events_;
-    }
-    // Waits (with a generous bound) until `count` events were noted.
-    bool waitForEvents(size_t count) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, std::chrono::seconds(10), [&] { return events_.size() >= count; });
-    }
-    void open() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        open_ = true;
-        changed_.notify_all();
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<std::string> events_;
-    bool open_ = false;
-};
-
-}  // namespace
 
 // The commands, codes and stored status of each change are the golden cases
 // of StatusChangeGoldenTest.
