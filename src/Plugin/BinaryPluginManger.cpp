@@ -38,11 +38,16 @@ ApiErrorCode runMount(const std::string& command, const char* failure) {
     return API_SUCCESS;
 }
 
-// Mount points end up in a command line: only plain path characters pass.
+// Mount points end up in a command line below the sandbox: only plain path
+// characters pass, and no "." or ".." component that could point the command
+// at a folder outside it.
 bool isPlainPath(const std::string& path) {
-    return !path.empty() &&
-           path.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_./-") ==
-               std::string::npos;
+    if (path.empty() || path.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_./-") !=
+                            std::string::npos) {
+        return false;
+    }
+    const std::string wrapped = "/" + path + "/";
+    return wrapped.find("/./") == std::string::npos && wrapped.find("/../") == std::string::npos;
 }
 
 }  // namespace

@@ -77,7 +77,10 @@ TEST(Sandbox, EmptyOrUnsafeArgumentsRunNothing) {
     // plain path never reaches the command line.
     runner->answer("getdisk mnt", 1, "");
     BinaryPluginManger::removeCapability("support_usb_disk_mount", PluginManager::sGetPluginDataPath("77"));
-    BinaryPluginManger::mountHotplugDevice("/d/", 2, "/extdisks/$(reboot)");
+    for (const char* mountPoint :
+         {"/extdisks/$(reboot)", "/extdisks/../../etc", "/extdisks/sda1/..", "/./extdisks", "../x"}) {
+        BinaryPluginManger::mountHotplugDevice("/d/", 2, mountPoint);
+    }
     BinaryPluginManger::mountHotplugDevice("/d/", 1, "/extdisks/sda1");
     EXPECT_EQ((std::vector<std::string>{"getdisk mnt"}), runner->commands());
 }
