@@ -10,6 +10,7 @@
 #include <string>
 
 #include "DataBase/PluginStorageManager.h"
+#include "Plugin/FirmwareRecheck.h"
 #include "Plugin/PluginManager.h"
 #include "common/Singleton.h"
 #include "storage/PluginTree.h"
@@ -77,6 +78,9 @@ int installPluginMain(int argc, char** argv) {
         std::cout << "Usage: installplugin -f qpkFile [-u] [-s] " << std::endl;
         return 1;
     }
+    // The installer is the first to start after a firmware flash: plugins
+    // that no longer fit are stopped before anything is installed.
+    FirmwareRecheck::sRunIfFirmwareChanged(*Singleton<PluginManager>::instance());
     const ApiErrorCode result = Singleton<PluginManager>::instance()->installFromLocal(command.path, command.keep);
     if (result == API_SUCCESS) {
         LOG(WARNING) << "installplugin succeed!";

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "Plugin/CapabilityManager.h"
+#include "Plugin/FirmwareRecheck.h"
 #include "Plugin/InstallProgressView.h"
 #include "Plugin/PluginInfoJson.h"
 #include "Plugin/PluginManager.h"
@@ -41,6 +42,7 @@ const char* const kUsage =
     "       plugincenter metrics ID [--json]\n"
     "       plugincenter progress \"ID;ID...\" [--json]\n"
     "       plugincenter capabilities [--all]\n"
+    "       plugincenter recheck\n"
     "       plugincenter VERB --help\n";
 
 PluginManager* manager() {
@@ -73,10 +75,20 @@ void printJson(json_object* document) {
     json_object_put(document);
 }
 
+// The record as JSON, with "firmwareCheck" when the firmware check disabled it.
+json_object* recordToJson(const datacenter::PluginInfo& plugin) {
+    json_object* object = pluginInfoToJson(plugin);
+    const std::string reason = FirmwareRecheck::sReason(plugin.id);
+    if (!reason.empty()) {
+        json_object_object_add(object, "firmwareCheck", json_object_new_string(reason.c_str()));
+    }
+    return object;
+}
+
 json_object* recordsToJson(const std::vector<datacenter::PluginInfo>& plugins) {
     json_object* array = json_object_new_array();
     for (const datacenter::PluginInfo& plugin : plugins) {
-        json_object_array_add(array, pluginInfoToJson(plugin));
+        json_object_array_add(array, recordToJson(plugin));
     }
     return array;
 }
@@ -94,7 +106,9 @@ int list(const Args& args) {
         return 0;
     }
     for (const datacenter::PluginInfo& plugin : plugins) {
-        std::cout << plugin.id << '\t' << plugin.status << '\t' << plugin.version << '\t' << plugin.name << std::endl;
+        const std::string reason = FirmwareRecheck::sReason(plugin.id);
+        std::cout << plugin.id << '\t' << plugin.status << '\t' << plugin.version << '\t' << plugin.name
+                  << (reason.empty() ? "" : "\t" + reason) << std::endl;
     }
     return 0;
 }
@@ -111,11 +125,15 @@ int info(const Args& args) {
         return report(API_NO_SUCH_PLUGIN, "info " + args[0]);
     }
     if (code == API_SUCCESS && json) {
-        printJson(pluginInfoToJson(plugin));
+        printJson(recordToJson(plugin));
     } else if (code == API_SUCCESS) {
         std::cout << "id: " << plugin.id << "\nname: " << plugin.name << "\nversion: " << plugin.version
                   << "\ndeveloper: " << plugin.developer << "\nstatus: " << plugin.status
                   << "\nbinary: " << plugin.binaryName << "\nsdk level: " << plugin.sdkLevel << std::endl;
+        const std::string reason = FirmwareRecheck::sReason(plugin.id);
+        if (!reason.empty()) {
+            std::cout << reason << std::endl;
+        }
     }
     return report(code, "info " + args[0]);
 }
@@ -312,6 +330,13 @@ int installServer(const Args& args) {
     return installThreaded("install-server " + args[0], [&] { return manager()->installFromServer(args[0], args[1]); });
 }
 
+int recheck(const Args&) {
+    for (const std::string& line : FirmwareRecheck::sRun(*manager())) {
+        std::cout << line << std::endl;
+    }
+    return 0;
+}
+
 int capabilities(const Args& args) {
     if (args.size() == 1 && args[0] != "--all") {
         return usage();
@@ -354,11 +379,15 @@ const std::map<std::string, Command>& commands() {
         {"enable",
          {"enable ID: start the plugin", 1, 1,
           [](const Args& a) {
+              // The operator's choice replaces the firmware check's.
+              FirmwareRecheck::sForget(a[0]);
               return report(manager()->changePluginStatus(a[0], datacenter::ENABLED), "enable " + a[0]);
           }}},
         {"disable",
          {"disable ID: stop the plugin", 1, 1,
           [](const Args& a) {
+              // The operator's choice replaces the firmware check's.
+              FirmwareRecheck::sForget(a[0]);
               return report(manager()->changePluginStatus(a[0], datacenter::DISABLED), "disable " + a[0]);
           }}},
         {"control", {"control ID REQUEST: send one RPC request to the running plugin", 2, 2, control}},
@@ -367,6 +396,7 @@ const std::map<std::string, Command>& commands() {
          {"metrics ID [--json]: processor, memory and disk use of each process of the plugin", 1, 2, metrics}},
         {"progress",
          {"progress \"ID;ID...\" [--json]: install status, progress and error code per id", 1, 2, progress}},
+        {"recheck", {"recheck: checks every installed plugin against the firmware now", 0, 0, recheck}},
         {"capabilities",
          {"capabilities [--all]: the capabilities shown to users (--all: every one)", 0, 1, capabilities}},
     };
@@ -401,6 +431,11 @@ int pluginCenterMain(int argc, char** argv) {
     if (args.size() < command.minArgs || args.size() > command.maxArgs) {
         std::cerr << kUsage;
         return 2;
+    }
+    // Plugins that no longer fit a changed firmware are stopped before
+    // anything else is done with them; `recheck` does the same in the open.
+    if (std::string(argv[1]) != "recheck") {
+        FirmwareRecheck::sRunIfFirmwareChanged(*manager());
     }
     return command.run(args);
 }

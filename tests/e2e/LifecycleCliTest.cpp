@@ -109,3 +109,52 @@ TEST(PluginControllorStandIn, StartsABinaryBelowTheDataDirectoryAndRefusesOnesTh
     ASSERT_TRUE(waitForFile(marker));
     EXPECT_EQ(dir.substr(0, dir.size() - 1) + "\n", readFile(marker));
 }
+
+// A firmware change between two starts of the core: plugins that no longer
+// fit are disabled with their reason, and started again when the firmware
+// they fit comes back; what the operator disabled stays disabled.
+TEST(FirmwareRecheck, AChangedFirmwareDisablesWhatNoLongerFitsAndRestoresIt) {
+    PackageFactory factory;
+    const std::string fussy = "5017400000000000101", stopped = "5017400000000000102";
+    for (const std::string& id : {kId, fussy, stopped}) {
+        PackageSpec spec;
+        spec.id = id;
+        if (id != kId) {
+            spec.manifest["supported_rom_version"] = "2.4.10";
+        }
+        ASSERT_EQ(0, runApp("installplugin", "-f " + factory.build(spec, id)).exitStatus);
+    }
+    ASSERT_EQ(0, runApp("plugincenter", "disable " + stopped).exitStatus);
+    const std::string before = runApp("plugincenter", "list").output;
+    const std::string reason = "\tdisabled by the firmware check: firmware too old (2522)";
+    const struct {
+        std::string firmware, fussyLine;
+    } steps[] = {
+        // Unchanged: nothing happens.
+        {"2.4.10", fussy + "\t5\t1.0.0\tHello"},
+        {"2.4.9", fussy + "\t6\t1.0.0\tHello" + reason},
+        {"2.4.8", fussy + "\t6\t1.0.0\tHello" + reason},
+        {"2.4.11", fussy + "\t5\t1.0.0\tHello"},
+    };
+    for (const auto& step : steps) {
+        testsupport::PackageFactory::setFirmware(step.firmware);
+        const std::string listing = runApp("plugincenter", "list").output;
+        EXPECT_NE(std::string::npos, listing.find(step.fussyLine + "\n")) << step.firmware << "\n" << listing;
+        EXPECT_NE(std::string::npos, listing.find(stopped + "\t6\t1.0.0\tHello\n")) << step.firmware;
+        EXPECT_NE(std::string::npos, listing.find(kId + "\t5\t1.0.0\tHello\n")) << step.firmware;
+        const std::string info = runApp("plugincenter", "info " + fussy).output;
+        EXPECT_EQ(step.fussyLine.find(reason) != std::string::npos,
+                  info.find("\n" + reason.substr(1) + "\n") != std::string::npos)
+            << info;
+    }
+    EXPECT_EQ(before, runApp("plugincenter", "list").output);
+    // Disabled by the check, then by the operator: the operator's choice holds.
+    testsupport::PackageFactory::setFirmware("2.4.9");
+    runApp("plugincenter", "disable " + fussy);
+    testsupport::PackageFactory::setFirmware("2.4.10");
+    EXPECT_NE(std::string::npos, runApp("plugincenter", "list").output.find(fussy + "\t6\t1.0.0\tHello\n"));
+    // On demand: one line per plugin; the operator's choice is named as such.
+    runApp("plugincenter", "enable " + fussy);
+    testsupport::PackageFactory::setFirmware("2.4.9");
+    EXPECT_GOLDEN("lifecycle/plugincenter-recheck", runApp("plugincenter", "recheck").output);
+}

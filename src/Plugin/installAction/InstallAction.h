@@ -81,10 +81,14 @@ public:
     bool unzip(std::string zipPath, std::string destDir);
     // Unpacks packagePath_ into the data directory: 0, 2529 or 1008.
     ApiErrorCode unzipFile();
-    static bool sCheckSdkLevel(const std::string& id);
-    static bool sCheckRomType(const std::string& id);
-    static bool sCheckRomVersion(const std::string& id);
-    // 0, 2513, 2521, 2522 or 2527.
+    // Each check reads `manifest`, by default the plugin's own "etc/manifest".
+    static bool sCheckSdkLevel(const std::string& id, const std::string& manifest = "");
+    static bool sCheckRomType(const std::string& id, const std::string& manifest = "");
+    static bool sCheckRomVersion(const std::string& id, const std::string& manifest = "");
+    // Whether the plugin that `manifest` describes fits this router's
+    // firmware, by the install-time rules: 0, 2513, 2521, 2522 or 2527.
+    static ApiErrorCode sCheckCompatibility(const std::string& id, const std::string& manifest);
+    // sCheckCompatibility of the unpacked package.
     ApiErrorCode checkPackage();
     // Token, status, store entry, configuration file, data migration: 0.
     ApiErrorCode installPackage();

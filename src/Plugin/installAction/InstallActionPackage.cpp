@@ -25,8 +25,10 @@
 
 namespace {
 
-std::string manifestValue(const std::string& id, const std::string& key) {
-    return datacenter::ConfigInfo::sGetInstance()->getConfigFromFile(PluginManager::sGetPluginManifestPath(id), key);
+// A key of `manifest`, by default the plugin's own "etc/manifest".
+std::string manifestValue(const std::string& id, const std::string& key, const std::string& manifest) {
+    return datacenter::ConfigInfo::sGetInstance()->getConfigFromFile(
+        manifest.empty() ? PluginManager::sGetPluginManifestPath(id) : manifest, key);
 }
 
 // An SDK level: empty means 1; text that is not a whole number is no level at all.
@@ -89,7 +91,7 @@ ApiErrorCode InstallAction::unzipFile() {
     return API_SUCCESS;
 }
 
-bool InstallAction::sCheckSdkLevel(const std::string& id) {
+bool InstallAction::sCheckSdkLevel(const std::string& id, const std::string& manifest) {
     const std::string levelFile = datacenter::RootPrefix::sPath(PluginManager::sSdkLevelFilePath);
     std::string romText;
     if (datacenter::File::sExists(levelFile)) {
@@ -97,7 +99,7 @@ bool InstallAction::sCheckSdkLevel(const std::string& id) {
     }
     long romLevel = 1;
     long pluginLevel = 1;
-    if (!parseLevel(romText, romLevel) || !parseLevel(manifestValue(id, "sdk_level"), pluginLevel)) {
+    if (!parseLevel(romText, romLevel) || !parseLevel(manifestValue(id, "sdk_level", manifest), pluginLevel)) {
         LOG(ERROR) << "appid is " << id << ": sdk_level is not a number";
         return false;
     }
@@ -105,19 +107,19 @@ bool InstallAction::sCheckSdkLevel(const std::string& id) {
     return romLevel >= pluginLevel;
 }
 
-bool InstallAction::sCheckRomType(const std::string& id) {
-    const std::string rom = manifestValue(id, "supported_rom");
+bool InstallAction::sCheckRomType(const std::string& id, const std::string& manifest) {
+    const std::string rom = manifestValue(id, "supported_rom", manifest);
     if (rom == sRomType) {
         return true;
     }
     std::cout << "plugin rom string is " << rom << std::endl;
     std::cout << "router rom string is " << sRomType << std::endl;
-    std::cout << "path is " << PluginManager::sGetPluginManifestPath(id) << std::endl;
+    std::cout << "path is " << (manifest.empty() ? PluginManager::sGetPluginManifestPath(id) : manifest) << std::endl;
     return false;
 }
 
-bool InstallAction::sCheckRomVersion(const std::string& id) {
-    const std::string version = manifestValue(id, "supported_rom_version");
+bool InstallAction::sCheckRomVersion(const std::string& id, const std::string& manifest) {
+    const std::string version = manifestValue(id, "supported_rom_version", manifest);
     if (version.empty()) {
         return true;
     }
@@ -125,21 +127,25 @@ bool InstallAction::sCheckRomVersion(const std::string& id) {
     return CommonUtils::sCheckIsLowerVersionThanCurrentRom(version);
 }
 
-ApiErrorCode InstallAction::checkPackage() {
-    if (!sCheckSdkLevel(pluginId_)) {
+ApiErrorCode InstallAction::sCheckCompatibility(const std::string& id, const std::string& manifest) {
+    if (!sCheckSdkLevel(id, manifest)) {
         return API_SDK_LEVEL_TOO_LOW;
     }
-    if (!sCheckRomType(pluginId_)) {
+    if (!sCheckRomType(id, manifest)) {
         return API_FIRMWARE_TYPE_UNSUPPORTED;
     }
-    if (!sCheckRomVersion(pluginId_)) {
+    if (!sCheckRomVersion(id, manifest)) {
         LOG(ERROR) << "check rom version fail: row verion too low";
         return API_FIRMWARE_TOO_OLD;
     }
-    if (manifestValue(pluginId_, "plugin_id") != pluginId_) {
+    if (manifestValue(id, "plugin_id", manifest) != id) {
         return API_PLUGIN_ID_MISMATCH;
     }
     return API_SUCCESS;
+}
+
+ApiErrorCode InstallAction::checkPackage() {
+    return sCheckCompatibility(pluginId_, "");
 }
 
 ApiErrorCode InstallAction::installPackage() {
