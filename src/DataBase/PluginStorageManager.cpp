@@ -12,6 +12,8 @@
 #include "common/PluginId.h"
 #include "storage/Directory.h"
 #include "storage/File.h"
+#include "storage/PluginTree.h"
+#include "storage/UniqueFd.h"
 #include "system/CommonUtils.h"
 #include "system/ConfigInfo.h"
 
@@ -26,37 +28,43 @@ const std::string PluginStorageManager::sUpdatedFile = "hasUpdated";
 
 namespace {
 
-// Where a plugin's own manifest lies below its data directory.
-const char* const kPluginManifestFileName = "/etc/manifest";
+// A manifest is a few settings; more than this is not one.
+const size_t kMaxManifestBytes = 1024 * 1024;
 
-// Copies `source` to `target` so that readers of the store see either the
-// old manifest or the whole new one: the copy goes to a hidden file beside
-// the target, is flushed to disk and renamed over it. Returns the copy result
-// (0 copied, -1 failure, -2 no space, 1 interrupted).
-int copyManifestIntoStore(const std::string& source, const std::string& target, const std::string& storeDir,
-                          const std::string& id) {
-    // A name of its own for every copy: two processes storing the same id
-    // must not write into each other's half-done file.
-    std::string temporary = storeDir + "." + id + PluginStorageManager::sManifestFileExten + ".XXXXXX";
-    const int reserved = mkstemp(&temporary[0]);
-    if (reserved < 0) {
-        LOG(ERROR) << "cannot store manifest " << target << ": " << strerror(errno);
+std::string withSingleSlashes(std::string path) {
+    for (std::string::size_type at; (at = path.find("//")) != std::string::npos;) {
+        path.erase(at, 1);
+    }
+    return path;
+}
+
+// The store folder "app_infos", opened without following a link: every
+// write of the store happens inside this very folder.
+datacenter::UniqueFd openStoreFolder() {
+    datacenter::PluginTree root(datacenter::planformetPluginRootPath());
+    datacenter::UniqueFd folder(root.openDirectory("app_infos", false, 0));
+    if (!folder.valid()) {
+        LOG(ERROR) << "the manifest store cannot be opened: " << root.lastError();
+    }
+    return folder;
+}
+
+// Copies `source` into the store as the manifest of `id` so that readers of
+// the store see either the old manifest or the whole new one: written to a
+// temporary file of the store folder, flushed and renamed over it there.
+// Returns the copy result (0 copied, -1 failure).
+int copyManifestIntoStore(const std::string& source, const std::string& id) {
+    std::string text;
+    const datacenter::UniqueFd store = openStoreFolder();
+    if (!store.valid() || !datacenter::File::sReadRegular(source, kMaxManifestBytes, text)) {
+        LOG(ERROR) << "cannot store the manifest of " << id << " from " << source << ": " << strerror(errno);
         return datacenter::File::sCopyFailed;
     }
-    close(reserved);
-    const int copied = datacenter::File::sRawCopyFile(source, temporary);
-    if (copied != datacenter::File::sCopyOk) {
-        datacenter::File::sDelete(temporary);
-        return copied;
-    }
-    const int fd = open(temporary.c_str(), O_RDONLY);
-    const bool flushed = fd >= 0 && fsync(fd) == 0;
-    if (fd >= 0) {
-        close(fd);
-    }
-    if (!flushed || rename(temporary.c_str(), target.c_str()) != 0) {
-        LOG(ERROR) << "cannot store manifest " << target << ": " << strerror(errno);
-        datacenter::File::sDelete(temporary);
+    const bool written = datacenter::File::sWriteAtomicallyAt(
+        store.get(), id + PluginStorageManager::sManifestFileExten,
+        [&text](FILE* stream) { return fwrite(text.data(), 1, text.size(), stream) == text.size(); }, 0777);
+    if (!written) {
+        LOG(ERROR) << "cannot store the manifest of " << id << ": " << strerror(errno);
         return datacenter::File::sCopyFailed;
     }
     return datacenter::File::sCopyOk;
@@ -165,10 +173,22 @@ bool PluginStorageManager::insertToStorage(const std::string& id, const std::str
         LOG(ERROR) << "PluginStorageManager invalid plugin id: " << id;
         return false;
     }
-    const std::string ownManifest = datacenter::planformetPluginRootPath() + id + "/" + kPluginManifestFileName;
-    ConfigInfo::sGetInstance()->setConfigToFile(ownManifest, sManifestInstallTimeKey, CommonUtils::sGetNowTimeStamp());
+    // The plugin's own manifest is written inside the "etc" folder of its
+    // tree that was checked, never through a link the plugin put there.
+    datacenter::PluginTree tree(datacenter::planformetPluginRootPath() + id);
+    const datacenter::UniqueFd etc(tree.openDirectory("etc", false, 0));
+    if (!etc.valid()) {
+        LOG(ERROR) << "PluginStorageManager insertToStorage: " << tree.lastError();
+        return false;
+    }
+    ConfigInfo::sGetInstance()->setConfigToFile(datacenter::PluginTree::sPinnedPath(etc.get(), "manifest"),
+                                                sManifestInstallTimeKey, CommonUtils::sGetNowTimeStamp());
     const std::string stored = getManifestFilePath(id);
-    const int copied = copyManifestIntoStore(manifestPath, stored, sGetManifestRootPath(), id);
+    // The plugin's own manifest is read from that same folder.
+    const bool own = withSingleSlashes(manifestPath) ==
+                     withSingleSlashes(datacenter::planformetPluginRootPath() + id + "/etc/manifest");
+    const int copied =
+        copyManifestIntoStore(own ? datacenter::PluginTree::sPinnedPath(etc.get(), "manifest") : manifestPath, id);
     if (copied != datacenter::File::sCopyOk) {
         return false;
     }
@@ -188,7 +208,12 @@ bool PluginStorageManager::writeKeyToStorage(const std::string& id, const std::s
         LOG(INFO) << caller << " not Exist , id is " << id;
         return false;
     }
-    ConfigInfo::sGetInstance()->setConfigToFile(path, key, value);
+    const datacenter::UniqueFd store = openStoreFolder();
+    if (!store.valid()) {
+        return false;
+    }
+    ConfigInfo::sGetInstance()->setConfigToFile(
+        datacenter::PluginTree::sPinnedPath(store.get(), id + sManifestFileExten), key, value);
     return true;
 }
 

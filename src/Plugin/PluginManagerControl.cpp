@@ -15,6 +15,7 @@
 #include "rpc/DataCenterRpcClient.h"
 #include "storage/Directory.h"
 #include "storage/PluginTree.h"
+#include "storage/UniqueFd.h"
 #include "system/ConfigInfo.h"
 
 namespace {
@@ -22,16 +23,17 @@ namespace {
 const int kControlTimeoutMs = 5000;
 
 const char* const kConfigName = "etc/plugin_config";
+const char* const kConfigLeaf = "plugin_config";
 
 // Opens the plugin's configuration file inside its tree, never through a link
 // or special file the plugin planted, and takes the exclusive lock on it.
 // The file is replaced by rename on every write, so the lock is only good
 // when the locked file is still the one the name leads to. Returns the
 // locked descriptor, -1 when the file cannot be opened, -2 when it cannot be locked.
-int openLocked(datacenter::PluginTree& tree) {
+int openLocked(datacenter::PluginTree& tree, int etcFd) {
     bool announced = false;
     for (;;) {
-        const int fd = tree.openFile(kConfigName, O_RDWR | O_CREAT | O_APPEND, 0777);
+        const int fd = tree.openFileIn(etcFd, kConfigLeaf, O_RDWR | O_CREAT | O_APPEND, 0777);
         if (fd < 0) {
             LOG(ERROR) << "controlConfigData: cannot open the configuration file: " << tree.lastError();
             return -1;
@@ -49,7 +51,7 @@ int openLocked(datacenter::PluginTree& tree) {
             close(fd);
             return -2;
         }
-        const int again = tree.openFile(kConfigName, O_RDONLY, 0);
+        const int again = tree.openFileIn(etcFd, kConfigLeaf, O_RDONLY, 0);
         struct stat locked;
         struct stat current;
         const bool same = again >= 0 && fstat(fd, &locked) == 0 && fstat(again, &current) == 0 &&
@@ -153,22 +155,23 @@ ApiErrorCode PluginManager::controlConfigData(const std::string& id, const std::
         datacenter::Directory::sCreateDirectory(dataDirectory);
     }
     datacenter::PluginTree tree(dataDirectory);
-    const int etc = tree.openDirectory("etc", true, 0777);
-    if (etc >= 0) {
-        close(etc);
-    }
-    const std::string path = getConfigFilePath(id);
+    // Everything below works in this "etc" folder, checked once: the
+    // accessor gets a path through its descriptor, so swapping "etc" for a
+    // link meanwhile cannot lead the read or the write anywhere else.
+    const datacenter::UniqueFd etc(tree.openDirectory("etc", true, 0777));
     const int modeResult = tree.chmod(kConfigName, 0777) ? 0 : -1;
-    LOG(WARNING) << "controlConfigData set 777,path is " << path;
+    LOG(WARNING) << "controlConfigData set 777,path is " << getConfigFilePath(id);
     LOG(WARNING) << "controlConfigData set 777,result is " << modeResult;
 
-    const int fd = openLocked(tree);
+    const int fd = etc.valid() ? openLocked(tree, etc.get()) : -1;
     if (fd == -1) {
+        LOG_IF(ERROR, !etc.valid()) << "controlConfigData: cannot open the etc folder: " << tree.lastError();
         return API_CONFIG_FILE_OPEN_FAILED;
     }
     ApiErrorCode result = API_CONFIG_DATA_LOCK_FAILED;
     if (fd >= 0) {
-        result = runAccessor(fn, path, sConfigKeyPrefix + key, value);
+        result =
+            runAccessor(fn, datacenter::PluginTree::sPinnedPath(etc.get(), kConfigLeaf), sConfigKeyPrefix + key, value);
         if (flock(fd, LOCK_UN) != 0) {
             result = API_CONFIG_DATA_LOCK_FAILED;
         }

@@ -1,5 +1,6 @@
 #include "storage/Directory.h"
 
+#include <fcntl.h>
 #include <glog/logging.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -86,10 +87,18 @@ ErrorCode copyTree(const fs::path& source, const fs::path& target) {
 
 bool createPrefix(const char* prefix, mode_t mode) {
     if (::mkdir(prefix, mode) == 0) {
-        if (::chown(prefix, gPluginUid.load(), gPluginGid.load()) != 0) {
+        // Owner and mode go to the folder just made, through its descriptor:
+        // a link put in its place meanwhile is not followed.
+        const int fd = ::open(prefix, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        if (fd < 0) {
+            LOG(WARNING) << "make_dir: " << prefix << " was replaced as it was made";
+            return false;
+        }
+        if (::fchown(fd, gPluginUid.load(), gPluginGid.load()) != 0) {
             LOG(WARNING) << "make_dir: cannot give " << prefix << " to the plugin user: " << strerror(errno);
         }
-        ::chmod(prefix, mode);
+        ::fchmod(fd, mode);
+        ::close(fd);
         return true;
     }
     struct stat st;

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <boost/filesystem.hpp>
 #include <boost/thread/thread.hpp>
 #include <cerrno>
@@ -15,6 +16,9 @@ namespace fs = boost::filesystem;
 
 namespace datacenter {
 namespace {
+
+// Tells apart the temporary files of one process.
+std::atomic<unsigned> gTemporaryCounter(0);
 
 std::mutex gSeamMutex;
 File::DiskSpaceQuery gDiskSpaceQuery;
@@ -228,18 +232,77 @@ ErrorCode File::sMove(const std::string& source, const std::string& destination)
 }
 
 bool File::sWriteAtomically(const std::string& path, const std::function<bool(FILE*)>& writer, unsigned newFileMode) {
-    std::string tmpl = path + ".tmp.XXXXXX";
-    const int fd = mkstemp(&tmpl[0]);
-    if (fd < 0) {
-        LOG(ERROR) << "cannot create temporary file for " << path << ": " << strerror(errno);
+    const std::string::size_type slash = path.rfind('/');
+    const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+    const std::string leaf = slash == std::string::npos ? path : path.substr(slash + 1);
+    // The folder is resolved once; the temporary file and the rename both
+    // work inside that very folder, whatever its path names meanwhile.
+    const int dirFd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dirFd < 0 || leaf.empty()) {
+        LOG(ERROR) << "cannot write " << path << ": " << strerror(dirFd < 0 ? errno : EINVAL);
+        if (dirFd >= 0) {
+            ::close(dirFd);
+        }
         return false;
     }
+    const bool written = sWriteAtomicallyAt(dirFd, leaf, writer, newFileMode);
+    if (!written) {
+        LOG(ERROR) << "cannot write " << path << ": " << strerror(errno);
+    }
+    ::close(dirFd);
+    return written;
+}
+
+bool File::sReadRegular(const std::string& path, size_t limit, std::string& text) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW | O_CLOEXEC);
+    struct stat st;
+    if (fd < 0 || ::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || static_cast<size_t>(st.st_size) > limit) {
+        const int err = fd < 0 ? errno : EINVAL;
+        if (fd >= 0) {
+            ::close(fd);
+        }
+        errno = err;
+        return false;
+    }
+    text.clear();
+    char buffer[4096];
+    ssize_t got;
+    // A file that grows while it is read is cut off at the same bound.
+    while (((got = ::read(fd, buffer, sizeof buffer)) > 0 || (got < 0 && errno == EINTR)) && text.size() <= limit) {
+        text.append(buffer, got > 0 ? static_cast<size_t>(got) : 0);
+    }
+    const int err = got < 0 ? errno : EFBIG;
+    ::close(fd);
+    if (got < 0 || text.size() > limit) {
+        errno = err;
+        return false;
+    }
+    return true;
+}
+
+bool File::sWriteAtomicallyAt(int dirFd, const std::string& leaf, const std::function<bool(FILE*)>& writer,
+                              unsigned newFileMode) {
+    std::string temporary;
+    int fd = -1;
+    for (int attempt = 0; fd < 0 && attempt < 100; ++attempt) {
+        temporary = leaf + ".tmp." + std::to_string(::getpid()) + "." + std::to_string(gTemporaryCounter++);
+        fd = ::openat(dirFd, temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+        if (fd < 0 && errno != EEXIST) {
+            return false;
+        }
+    }
+    if (fd < 0) {
+        return false;
+    }
+    // Only a plain file of this folder lends its mode; another name of it
+    // (a hard link) or a link is replaced, never changed.
     struct stat old;
-    const mode_t mode = ::stat(path.c_str(), &old) == 0 ? (old.st_mode & 07777) : newFileMode;
+    const bool plain = ::fstatat(dirFd, leaf.c_str(), &old, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(old.st_mode);
+    const mode_t mode = plain ? (old.st_mode & 07777) : newFileMode;
     FILE* stream = fdopen(fd, "w");
     if (!stream) {
         ::close(fd);
-        ::unlink(tmpl.c_str());
+        ::unlinkat(dirFd, temporary.c_str(), 0);
         return false;
     }
     bool ok = writer(stream);
@@ -247,9 +310,10 @@ bool File::sWriteAtomically(const std::string& path, const std::function<bool(FI
     ok = fsync(fd) == 0 && ok;
     ok = fchmod(fd, mode) == 0 && ok;
     ok = fclose(stream) == 0 && ok;
-    if (!ok || ::rename(tmpl.c_str(), path.c_str()) != 0) {
-        LOG(ERROR) << "cannot write " << path << ": " << strerror(errno);
-        ::unlink(tmpl.c_str());
+    if (!ok || ::renameat(dirFd, temporary.c_str(), dirFd, leaf.c_str()) != 0) {
+        const int err = errno;
+        ::unlinkat(dirFd, temporary.c_str(), 0);
+        errno = err;
         return false;
     }
     return true;

@@ -205,11 +205,14 @@ bool PluginTree::chmod(const std::string& relative, mode_t mode) {
     if (!S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode)) {
         return fail(describeEntry(parent.get(), leaf, EINVAL), EINVAL);
     }
+    if (S_ISREG(st.st_mode) && st.st_nlink > 1) {
+        return fail("'" + relative + "' has another name (a hard link); its mode is left alone", EPERM);
+    }
     UniqueFd entry(::openat(parent.get(), leaf.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat opened;
     // The entry may have been swapped between the look and the open: only the one looked at is changed.
     if (entry.get() < 0 || ::fstat(entry.get(), &opened) != 0 || opened.st_ino != st.st_ino ||
-        opened.st_dev != st.st_dev) {
+        opened.st_dev != st.st_dev || (S_ISREG(opened.st_mode) && opened.st_nlink > 1)) {
         return fail("'" + relative + "' changed while it was opened", EAGAIN);
     }
     if (::fchmod(entry.get(), mode) != 0) {
@@ -259,6 +262,10 @@ bool PluginTree::isLink(const std::string& relative) {
     struct stat st;
     return parent.get() >= 0 && ::fstatat(parent.get(), leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
            S_ISLNK(st.st_mode);
+}
+
+std::string PluginTree::sPinnedPath(int directoryFd, const std::string& leaf) {
+    return "/proc/self/fd/" + std::to_string(directoryFd) + "/" + leaf;
 }
 
 }  // namespace datacenter

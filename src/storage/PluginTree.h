@@ -48,7 +48,8 @@ public:
     // files of one directory need not each walk from the root again.
     int openFileIn(int directoryFd, const std::string& leaf, int flags, mode_t mode);
     // Sets the permission bits of the file or directory `relative` through a
-    // descriptor of it; false when it is missing, a link or special file.
+    // descriptor of it; false when it is missing, a link or special file, or
+    // a file with another name (a hard link, which may lie outside).
     bool chmod(const std::string& relative, mode_t mode);
     // Renames `from` to `to`, both below the root; a link at `to` is
     // replaced, never followed. On failure errno keeps the system's reason.
@@ -58,6 +59,14 @@ public:
     bool remove(const std::string& relative);
     // True when `relative` exists as a symbolic link (parents are walked safely).
     bool isLink(const std::string& relative);
+
+    // A path for code that takes path names: the entry `leaf` of the folder
+    // open as `directoryFd`, reached through the process's own descriptor
+    // ("/proc/self/fd/N/leaf"), so the folder is the one that was checked
+    // whatever its names lead to by then. Valid while the descriptor is open.
+    static std::string sPinnedPath(int directoryFd, const std::string& leaf);
+    // The same for an entry of the root folder.
+    std::string pinnedPath(const std::string& leaf) const { return sPinnedPath(rootFd_, leaf); }
 
 private:
     // The directory holding the last component of `relative`, and that component.

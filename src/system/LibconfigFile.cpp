@@ -17,6 +17,8 @@ namespace datacenter {
 namespace {
 
 const char* const kIncludeRefused = "@include is not allowed";
+// Settings files are small; more than this is not one, and is not read.
+const size_t kMaxSettingsBytes = 16 * 1024 * 1024;
 
 }  // namespace
 
@@ -51,22 +53,9 @@ void LibconfigFile::sReadPlainString(libconfig::Config& config, const std::strin
 }
 
 void LibconfigFile::sReadPlain(libconfig::Config& config, const std::string& path) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    struct stat st;
-    if (fd < 0 || ::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-        if (fd >= 0) {
-            ::close(fd);
-        }
-        throw libconfig::FileIOException();
-    }
+    // Never through a link, never blocking on a FIFO, never a device.
     std::string text;
-    char buffer[4096];
-    ssize_t got;
-    while ((got = ::read(fd, buffer, sizeof buffer)) > 0 || (got < 0 && errno == EINTR)) {
-        text.append(buffer, got > 0 ? static_cast<size_t>(got) : 0);
-    }
-    ::close(fd);
-    if (got < 0) {
+    if (!File::sReadRegular(path, kMaxSettingsBytes, text)) {
         throw libconfig::FileIOException();
     }
     sReadPlainString(config, text, path.c_str());

@@ -7,10 +7,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <boost/filesystem.hpp>
 #include <fstream>
 #include <map>
 #include <sstream>
+#include <thread>
 
 #include "Plugin/PluginManager.h"
 #include "common/ApiErrorCode.h"
@@ -193,9 +195,12 @@ TEST(HostilePlantedLinks, AnUpgradeNeverWritesThroughALinkThePluginPlanted) {
         {"folder of the package", "www", underRoot("/bait"), API_UNZIP_FAILED},
         {"file of the package", "bin/app", underRoot("/bait/secret.txt"), API_UNZIP_FAILED},
         {"folder of the manifest", "etc", underRoot("/bait"), API_UNZIP_MOVE_FAILED},
+        // Nothing is written or chmodded through it: no certificate, no record.
+        {"the plugin's directory itself", "", underRoot("/bait"), API_UNZIP_FAILED},
     };
     for (const Plant& plant : plants) {
-        const std::string link = dataDir() + plant.link;
+        const std::string link =
+            plant.link.empty() ? dataDir().substr(0, dataDir().size() - 1) : dataDir() + plant.link;
         const std::string saved = link + ".saved";
         fs::rename(link, saved);
         fs::create_symlink(plant.target, link);
@@ -237,6 +242,35 @@ TEST(HostilePlantedLinks, ConfigurationFileLinkedOutsideIsNeitherOpenedNorChmodd
     fs::rename(dataDir() + "etc", dataDir() + "etc.real");
     fs::create_symlink(underRoot("/bait"), dataDir() + "etc");
     EXPECT_EQ(API_CONFIG_FILE_OPEN_FAILED, manager->setPluginConfigData(kId, "color", "red"));
+    EXPECT_EQ(before, outsideSnapshot());
+
+    // Another name of a file outside (a hard link) is neither chmodded nor
+    // read: the configuration gets a file of its own.
+    fs::remove(dataDir() + "etc");
+    fs::rename(dataDir() + "etc.real", dataDir() + "etc");
+    fs::create_hard_link(underRoot("/bait/secret.txt"), config);
+    EXPECT_EQ(API_SUCCESS, manager->getPluginConfigData(kId, "color", value));
+    EXPECT_EQ("", value);
+    EXPECT_EQ(before, outsideSnapshot());
+
+    // "etc" swapped for a link and back while the configuration is written:
+    // every write lands in the plugin's own folder or nowhere.
+    std::atomic<bool> done(false);
+    std::thread swapper([&] {
+        // The core may make a missing "etc" meanwhile: each step may fail.
+        boost::system::error_code ec;
+        while (!done) {
+            fs::rename(dataDir() + "etc", dataDir() + "etc.real", ec);
+            fs::create_symlink(underRoot("/bait"), dataDir() + "etc", ec);
+            fs::remove(dataDir() + "etc", ec);
+            fs::rename(dataDir() + "etc.real", dataDir() + "etc", ec);
+        }
+    });
+    for (int i = 0; i < 1000; ++i) {
+        manager->setPluginConfigData(kId, "color", "red" + std::to_string(i));
+    }
+    done = true;
+    swapper.join();
     EXPECT_EQ(before, outsideSnapshot());
 
     struct stat st;

@@ -1,6 +1,7 @@
 #include "Plugin/installAction/InstallAction.h"
 
 #include <glog/logging.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -15,6 +16,7 @@
 #include "sign/PackageSign.h"
 #include "storage/Directory.h"
 #include "storage/File.h"
+#include "storage/PluginTree.h"
 #include "system/CurlDownloader.h"
 #include "system/RootPrefix.h"
 #include "tools/Statistics.h"
@@ -207,7 +209,10 @@ ApiErrorCode InstallAction::run() {
     if (code == API_SUCCESS) {
         setStatus(datacenter::INSTALLING);
         enterStep("verifySign");
-        code = verifySign();
+        code = refuseUnusableDataDir();
+        if (code == API_SUCCESS) {
+            code = verifySign();
+        }
     }
     if (code == API_SUCCESS) {
         enterStep("unzipFile");
@@ -291,10 +296,27 @@ void InstallAction::cleanPackage() {
     datacenter::File::sDelete(packagePath_);
 }
 
+ApiErrorCode InstallAction::refuseUnusableDataDir() const {
+    std::string dir = PluginManager::sGetPluginDataPath(pluginId_);
+    while (dir.size() > 1 && dir.back() == '/') {
+        dir.pop_back();
+    }
+    struct stat st;
+    if (dir.empty() || (::lstat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode))) {
+        return API_SUCCESS;
+    }
+    LOG(ERROR) << "installPlugin: the plugin's directory " << dir
+               << " is a link or not a folder; nothing is written there";
+    return API_UNZIP_FAILED;
+}
+
 int InstallAction::verifyIntoStaging(std::string& verified, int& type, int& err) {
     const std::string staging = PackageFiles::sStagingDir();
     verified = staging.empty() ? std::string() : staging + sVerifiedQpkLocalName;
-    const std::string cert = PluginManager::sGetPluginDataPath(pluginId_) + "dev_cert";
+    // The signer's certificate goes into the plugin's folder as it was
+    // checked, through its descriptor: never into a link put in its place.
+    const datacenter::PluginTree dataDir(PluginManager::sGetPluginDataPath(pluginId_));
+    const std::string cert = dataDir.isOpen() ? dataDir.pinnedPath("dev_cert") : std::string();
     errno = 0;
     const int code = verified.empty()
                          ? packagesign::kWriteFailed

@@ -127,6 +127,8 @@ protected:
     // Writes the step's name to standard output and keeps it for steps().
     void enterStep(const char* step);
     // Verifies packagePath_ into the staging folder; the signing library's code.
+    // 2529 when the plugin's directory is a link or not a folder.
+    ApiErrorCode refuseUnusableDataDir() const;
     int verifyIntoStaging(std::string& verified, int& type, int& err);
     ApiErrorCode finishVerification(int code, int err, const std::string& verified, bool keepOriginal);
     void setFailure(ApiErrorCode code);

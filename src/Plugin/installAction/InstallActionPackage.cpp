@@ -19,6 +19,7 @@
 #include "storage/Directory.h"
 #include "storage/File.h"
 #include "storage/PluginTree.h"
+#include "storage/UniqueFd.h"
 #include "system/CommonUtils.h"
 #include "system/ConfigInfo.h"
 #include "system/RootPrefix.h"
@@ -150,13 +151,22 @@ ApiErrorCode InstallAction::checkPackage() {
 
 ApiErrorCode InstallAction::installPackage() {
     datacenter::ConfigInfo* config = datacenter::ConfigInfo::sGetInstance();
-    const std::string manifest = PluginManager::sGetPluginManifestPath(pluginId_);
+    // The manifest is written inside the "etc" folder checked here, whatever
+    // the plugin makes of its names meanwhile.
+    datacenter::PluginTree tree(PluginManager::sGetPluginDataPath(pluginId_));
+    const datacenter::UniqueFd etc(tree.openDirectory("etc", false, 0));
+    if (!etc.valid()) {
+        LOG(ERROR) << "installPackage: the plugin's etc folder cannot be used: " << tree.lastError();
+        return API_UNZIP_MOVE_FAILED;
+    }
+    const std::string manifest = datacenter::PluginTree::sPinnedPath(etc.get(), "manifest");
     config->setConfigToFile(manifest, PluginStorageManager::sManifestSdkTokenKey, PluginManager::sNewSdkToken());
     config->setConfigToFile(manifest, PluginStorageManager::sManifestStatusKey,
                             std::to_string(static_cast<int>(datacenter::INSTALLING)));
     datacenter::PluginInfo record;
     record.id = pluginId_;
-    Singleton<PluginStorageManager>::instance()->insertToStorage(pluginId_, manifest, record);
+    Singleton<PluginStorageManager>::instance()->insertToStorage(
+        pluginId_, PluginManager::sGetPluginManifestPath(pluginId_), record);
     createPluginConfig(pluginId_);
     Singleton<PluginManager>::instance()->moveTimeMachineData(pluginId_);
     return API_SUCCESS;
@@ -181,6 +191,7 @@ ApiErrorCode InstallAction::recordInitFiles() {
         return API_CONFIG_FILE_OPEN_FAILED;
     }
     const std::string recordPath = dataDir + sInitFilesRecordName;
+    datacenter::PluginTree tree(dataDir);
     std::string text;
     bool ownPathListed = false;
     for (const std::string& file : files) {
@@ -190,7 +201,7 @@ ApiErrorCode InstallAction::recordInitFiles() {
     if (!ownPathListed) {
         text += recordPath + "\n";
     }
-    if (!datacenter::File::sWriteAtomically(recordPath, text)) {
+    if (!tree.isOpen() || !datacenter::File::sWriteAtomically(tree.pinnedPath(sInitFilesRecordName), text)) {
         LOG(ERROR) << "record Init Files error , error code is " << API_INIT_FILES_RECORD_FAILED;
         return API_INIT_FILES_RECORD_FAILED;
     }
