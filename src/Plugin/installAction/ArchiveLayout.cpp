@@ -219,8 +219,10 @@ bool findStart(int fd, const EndRecord& end, uint64_t& start) {
 struct Record {
     ArchiveEntry entry;
     uint16_t needed = 0;
-    uint32_t modified = 0;  // DOS time and date
-    uint64_t localEnd = 0;  // end of the local header, from the archive's start
+    uint32_t modified = 0;    // DOS time and date
+    std::string localHeader;  // the fixed part of the local header
+    std::string localName;
+    ExtraFields localFields;
 };
 
 std::string quoted(const std::string& name) {
@@ -320,30 +322,46 @@ bool readDescriptor(int fd, uint64_t dataEnd, uint64_t limit, bool wide, const A
     return false;
 }
 
-// Reads the local header of `record` and checks it against the central
-// directory: the same name (as bytes), method, flags, time, CRC and sizes
-// (local CRC and sizes only count without a data descriptor: writers differ
-// in what they put there then). Sets the entry's extent.
-std::string checkLocal(int fd, uint64_t start, uint64_t directoryStart, Record& record) {
+// Reads the local header of `record` and finds where the entry's bytes end:
+// after its data and, when the central directory says there is one, its data
+// descriptor, which must repeat the directory's CRC and sizes.
+std::string locateLocal(int fd, uint64_t start, uint64_t directoryStart, Record& record) {
     ArchiveEntry& entry = record.entry;
     const uint64_t at = start + entry.localOffset;
-    std::string header;
     if (entry.localOffset >= directoryStart - start || directoryStart - at < kLocalSize ||
-        !readAt(fd, at, kLocalSize, header) || le32(header, 0) != kLocalSignature) {
+        !readAt(fd, at, kLocalSize, record.localHeader) || le32(record.localHeader, 0) != kLocalSignature) {
         return "there is no local header where the central directory says";
     }
-    const uint64_t nameLength = le16(header, 26), extraLength = le16(header, 28);
-    std::string variable;
+    const uint64_t nameLength = le16(record.localHeader, 26), extraLength = le16(record.localHeader, 28);
     if (directoryStart - at - kLocalSize < nameLength + extraLength ||
-        !readAt(fd, at + kLocalSize, nameLength + extraLength, variable)) {
+        !readAt(fd, at + kLocalSize, nameLength + extraLength, record.localName)) {
         return "its local header runs into the central directory";
     }
-    ExtraFields fields;
-    if (!parseExtra(variable.substr(nameLength), fields)) {
+    if (!parseExtra(record.localName.substr(nameLength), record.localFields)) {
         return "an extra field's length in its local header is invalid";
     }
-    const std::string rawName = variable.substr(0, nameLength);
-    if (rawName != entry.rawName || unicodeName(fields, rawName) != entry.name) {
+    record.localName.resize(nameLength);
+    const uint64_t dataStart = at + kLocalSize + nameLength + extraLength;
+    if (directoryStart - dataStart < entry.compressedSize) {
+        return "its data runs into the central directory";
+    }
+    uint64_t end = dataStart + entry.compressedSize;
+    const bool wide =
+        record.localFields.count(kZip64Field) != 0 || entry.size >= kSaturated || entry.compressedSize >= kSaturated;
+    if ((entry.flags & kDescriptorFlag) && !readDescriptor(fd, end, directoryStart, wide, entry, end)) {
+        return "its data descriptor and the central directory disagree on the CRC or sizes";
+    }
+    entry.end = end - start;
+    return std::string();
+}
+
+// Checks the local header against the central directory: the same name (as
+// bytes), method, flags, time, CRC and sizes. Local CRC and sizes only count
+// without a data descriptor: writers differ in what they put there then.
+std::string compareLocal(const Record& record) {
+    const ArchiveEntry& entry = record.entry;
+    const std::string& header = record.localHeader;
+    if (record.localName != entry.rawName || unicodeName(record.localFields, record.localName) != entry.name) {
         return "its local header and the central directory disagree on the name";
     }
     const uint16_t flags = le16(header, 6);
@@ -354,23 +372,11 @@ std::string checkLocal(int fd, uint64_t start, uint64_t directoryStart, Record& 
         return "its local header and the central directory disagree on the modification time";
     }
     uint64_t compressed = le32(header, 18), size = le32(header, 22);
-    if (!(flags & kDescriptorFlag)) {
-        if (!widen(fields, {&size, &compressed}) || le32(header, 14) != entry.crc ||
-            compressed != entry.compressedSize || size != entry.size) {
-            return "its local header and the central directory disagree on the CRC or sizes";
-        }
+    if (!(flags & kDescriptorFlag) &&
+        (!widen(record.localFields, {&size, &compressed}) || le32(header, 14) != entry.crc ||
+         compressed != entry.compressedSize || size != entry.size)) {
+        return "its local header and the central directory disagree on the CRC or sizes";
     }
-    const uint64_t dataStart = at + kLocalSize + nameLength + extraLength;
-    record.localEnd = dataStart - start;
-    if (directoryStart - dataStart < entry.compressedSize) {
-        return "its data runs into the central directory";
-    }
-    uint64_t end = dataStart + entry.compressedSize;
-    const bool wide = fields.count(kZip64Field) != 0 || entry.size >= kSaturated || entry.compressedSize >= kSaturated;
-    if ((flags & kDescriptorFlag) && !readDescriptor(fd, end, directoryStart, wide, entry, end)) {
-        return "its data descriptor and the central directory disagree on the CRC or sizes";
-    }
-    entry.end = end - start;
     return std::string();
 }
 
@@ -418,7 +424,7 @@ std::string readFrom(int fd, uint64_t fileSize, uint64_t at, ArchiveLayout& layo
     for (size_t i = 0; problem.empty() && i < records.size(); ++i) {
         problem = recordProblem(records[i]);
         if (problem.empty()) {
-            problem = checkLocal(fd, start, directoryStart, records[i]);
+            problem = locateLocal(fd, start, directoryStart, records[i]);
         }
         if (!problem.empty()) {
             problem = "entry " + quoted(records[i].entry.rawName) + ": " + problem;
@@ -426,6 +432,12 @@ std::string readFrom(int fd, uint64_t fileSize, uint64_t at, ArchiveLayout& layo
     }
     if (problem.empty()) {
         problem = overlapProblem(records);
+    }
+    for (size_t i = 0; problem.empty() && i < records.size(); ++i) {
+        problem = compareLocal(records[i]);
+        if (!problem.empty()) {
+            problem = "entry " + quoted(records[i].entry.rawName) + ": " + problem;
+        }
     }
     for (const Record& record : records) {
         layout.entries.push_back(record.entry);
