@@ -126,10 +126,46 @@ TEST(HostileCorpus, EveryArchiveIsRefusedWithItsCodeAndNothingOutsideChanges) {
         EXPECT_FALSE(fs::exists(fs::symlink_status(dataDir() + "etc/manifest"))) << name;
         ++cases;
     }
-    EXPECT_EQ(19, cases);
+    EXPECT_EQ(31, cases);
     EXPECT_EQ("secret", readFile(underRoot("/bait/secret.txt")));
     // The absolute entry names a place outside the test root as well.
     EXPECT_FALSE(fs::exists("/tmp/slip4.txt"));
+}
+
+// What other zip readers read installs too: the mode of a FIFO (written as a
+// plain file, and logged), backslashes of a Windows archiver, a folder marked
+// only by the MS-DOS attribute, a stub in front of the archive, junk behind
+// it, and sizes in the local header of an entry with a data descriptor.
+TEST(HostileCorpus, QuirksOfOtherArchiversInstall) {
+    PackageFactory factory;
+    const std::string out = testsupport::makeScratchDir("accepted");
+    writeFile(out + "/manifest", PackageFactory::manifestText(PackageSpec()));
+    ASSERT_EQ(
+        0,
+        testsupport::runCommand("python3 " + corpusDir() + "/make-corpus.py " + out + "/manifest " + out).exitStatus);
+    std::ifstream list(corpusDir() + "/accepted.txt");
+    int cases = 0;
+    for (std::string name, path; list >> name;) {
+        if (name[0] == '#') {
+            std::getline(list, name);
+            continue;
+        }
+        list >> path;
+        const std::string package =
+            factory.sign(out + "/" + name + ".zip", 0, "developer", name + std::to_string(cases));
+        const testsupport::CommandResult result = testsupport::runApp("installplugin", "-f " + package, true);
+        EXPECT_TRUE(installs(result, 0)) << name << "\n" << result.output;
+        EXPECT_EQ(name == "mode-fifo", result.output.find("written as a plain file") != std::string::npos) << name;
+        struct stat st;
+        ASSERT_EQ(0, lstat((dataDir() + path).c_str(), &st)) << name << ": " << path;
+        EXPECT_EQ(path.back() == '/' ? S_IFDIR : S_IFREG, st.st_mode & S_IFMT) << name;
+        if (path.back() != '/') {
+            const std::string content = readFile(dataDir() + path);
+            EXPECT_TRUE(!content.empty() && content.find_first_not_of('x') == std::string::npos) << name;
+        }
+        ++cases;
+    }
+    EXPECT_EQ(7, cases);
 }
 
 TEST(HostileCorpus, ArchivesFromZip7ZipAndBsdtarInstallWithTheirDirectories) {

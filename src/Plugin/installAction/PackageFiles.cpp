@@ -5,7 +5,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <zip.h>
+#include <zlib.h>
 
+#include <algorithm>
 #include <boost/filesystem.hpp>
 #include <cerrno>
 #include <cstdio>
@@ -15,6 +17,7 @@
 #include <vector>
 
 #include "Plugin/PluginManager.h"
+#include "Plugin/installAction/ArchiveLayout.h"
 #include "Plugin/installAction/InstallAction.h"
 #include "common/ShellArgument.h"
 #include "sign/PackageSign.h"
@@ -45,18 +48,44 @@ typedef std::unique_ptr<zip_t, ZipCloser> Archive;
 struct UnpackArchive {
     std::vector<char> buffer = std::vector<char>(256 * 1024);
     Archive archive;
+    int openError = 0;  // libzip's code when `archive` could not be opened
 };
 
-void openForUnpacking(const std::string& zipPath, UnpackArchive& out, int& err) {
-    err = ZIP_ER_OPEN;
+bool sameEntries(zip_t* archive, const ArchiveLayout& layout) {
+    if (zip_get_num_entries(archive, 0) != static_cast<zip_int64_t>(layout.entries.size())) {
+        return false;
+    }
+    for (size_t i = 0; i < layout.entries.size(); ++i) {
+        const char* raw = zip_get_name(archive, i, ZIP_FL_ENC_RAW);
+        if (!raw || layout.entries[i].name != raw) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Opens the payload at `zipPath` through libzip over the archive's extent
+// only: a stub in front of it and junk behind it are no part of it. `problem`
+// says why its layout does not hold together; the archive may be open all
+// the same, for reading the manifest. libzip must see the same entries under
+// the same names as the layout, or the checks would be about other bytes.
+void openPayload(const std::string& zipPath, UnpackArchive& out, ArchiveLayout& layout, std::string& problem) {
     FILE* file = std::fopen(zipPath.c_str(), "rbe");
     if (!file) {
+        out.openError = ZIP_ER_OPEN;
+        problem = std::string("it cannot be opened: ") + std::strerror(errno);
+        return;
+    }
+    problem = readArchiveLayout(fileno(file), layout);
+    if (layout.length == 0) {
+        out.openError = ZIP_ER_NOZIP;
+        std::fclose(file);
         return;
     }
     std::setvbuf(file, out.buffer.data(), _IOFBF, out.buffer.size());
     zip_error_t error;
     zip_error_init(&error);
-    zip_source_t* source = zip_source_filep_create(file, 0, -1, &error);
+    zip_source_t* source = zip_source_filep_create(file, layout.start, static_cast<zip_int64_t>(layout.length), &error);
     if (!source) {
         std::fclose(file);
     } else {
@@ -65,88 +94,100 @@ void openForUnpacking(const std::string& zipPath, UnpackArchive& out, int& err) 
             zip_source_free(source);
         }
     }
-    err = out.archive ? 0 : zip_error_code_zip(&error);
+    if (!out.archive) {
+        out.openError = zip_error_code_zip(&error);
+        if (problem.empty()) {
+            problem = std::string("libzip cannot open it: ") + zip_error_strerror(&error);
+        }
+    }
     zip_error_fini(&error);
+    if (out.archive && problem.empty() && !sameEntries(out.archive.get(), layout)) {
+        problem = "libzip reads other entries than its central directory lists";
+    }
 }
 
 struct Entry {
     zip_uint64_t index;
-    std::string name;
+    std::string name;  // ends in "/" for a directory
     zip_uint64_t size;
     bool directory;
+    uint16_t method;
+    uint32_t crc;
 };
 
-// A name as it can go into one log line: control characters as "\xNN".
-std::string printable(const std::string& name) {
-    std::string out;
-    for (const char c : name) {
-        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) {
-            char hex[8];
-            snprintf(hex, sizeof hex, "\\x%02x", static_cast<unsigned char>(c));
-            out += hex;
-        } else {
-            out += c;
-        }
-    }
-    return out;
+// The file type an archive records for an entry made on a Unix system, or 0.
+mode_t unixType(const ArchiveEntry& entry) {
+    return entry.madeBy >> 8 == ZIP_OPSYS_UNIX ? (entry.externalAttributes >> 16) & S_IFMT : 0;
 }
 
-// The file type an archive records for an entry made on a Unix system, or 0.
-mode_t unixType(zip_t* archive, zip_uint64_t index) {
-    zip_uint8_t system = 0;
-    zip_uint32_t attributes = 0;
-    if (zip_file_get_external_attributes(archive, index, 0, &system, &attributes) != 0 || system != ZIP_OPSYS_UNIX) {
-        return 0;
+// A folder marked only by the MS-DOS directory attribute, without the
+// trailing "/" (as some Windows archivers write them).
+bool dosDirectory(const ArchiveEntry& entry) {
+    return entry.madeBy >> 8 == ZIP_OPSYS_DOS && (entry.externalAttributes & 0x10) != 0;
+}
+
+// `name` with the backslashes of an archive made on Windows as separators:
+// names without the UTF-8 flag may use them. The safety checks look at the
+// converted name, so "..\" climbs out as "../" does.
+std::string withSeparators(const ArchiveEntry& entry, std::string name) {
+    if (!(entry.flags & kArchiveUtf8Flag)) {
+        std::replace(name.begin(), name.end(), '\\', '/');
     }
-    return (attributes >> 16) & S_IFMT;
+    return name;
 }
 
 // Why an entry cannot be unpacked, or "" when it can. Directory entries
-// (names ending in "/", as zip -r, 7-Zip and bsdtar write them) become
-// directories; links and special files are never made.
-std::string entryProblem(zip_t* archive, zip_uint64_t index, const zip_stat_t& st, std::set<std::string>& names) {
-    const std::string name = st.name;
+// (names ending in "/", as zip -r, 7-Zip and bsdtar write them, or marked by
+// the MS-DOS directory attribute) become directories; links are never made,
+// and the mode of a FIFO, socket or device (an archiver that read its
+// standard input records it) makes a plain file.
+std::string entryProblem(const ArchiveEntry& layout, Entry& entry, const std::string& raw,
+                         std::set<std::string>& names) {
+    std::string& name = entry.name;
     // libzip shows names in code page 437 as their Unicode look-alikes; the bytes as stored must be clean too.
-    const char* raw = zip_get_name(archive, index, ZIP_FL_ENC_RAW);
-    if (!raw || !datacenter::PluginTree::sIsSafeName(raw) || !datacenter::PluginTree::sIsSafeName(name)) {
+    if (!datacenter::PluginTree::sIsSafeName(raw) || !datacenter::PluginTree::sIsSafeName(name)) {
         return "its name is absolute, climbs out, or holds a backslash or control character";
     }
-    const bool directory = name.back() == '/';
-    const mode_t type = unixType(archive, index);
+    if (name.back() != '/' && dosDirectory(layout)) {
+        name += "/";
+    }
+    entry.directory = name.back() == '/';
+    const mode_t type = unixType(layout);
     if (type == S_IFLNK) {
         return "it is a symbolic link";
     }
-    if (type != 0 && type != (directory ? S_IFDIR : S_IFREG)) {
+    if (!entry.directory && (type == S_IFIFO || type == S_IFSOCK || type == S_IFCHR || type == S_IFBLK)) {
+        LOG(WARNING) << "unzip: entry '" << printableName(name) << "' carries the mode of a special file; "
+                     << "it is written as a plain file";
+    } else if (type != 0 && type != (entry.directory ? S_IFDIR : S_IFREG)) {
         return "it is neither a plain file nor a directory";
     }
-    if (directory && st.size != 0) {
+    if (entry.directory && entry.size != 0) {
         return "a directory entry carries data";
     }
-    if (!names.insert(directory ? name.substr(0, name.size() - 1) : name).second) {
+    if (!names.insert(entry.directory ? name.substr(0, name.size() - 1) : name).second) {
         return "its name appears twice";
     }
     return std::string();
 }
 
 // The entries to unpack, or false when the archive must be refused as a whole.
-bool collectEntries(zip_t* archive, const std::string& destDir, std::vector<Entry>& entries) {
+bool collectEntries(zip_t* archive, const ArchiveLayout& layout, const std::string& destDir,
+                    std::vector<Entry>& entries) {
     std::set<std::string> names;
     zip_uint64_t total = 0;
-    const zip_int64_t count = zip_get_num_entries(archive, 0);
-    for (zip_int64_t i = 0; i < count; ++i) {
-        zip_stat_t st;
-        zip_stat_init(&st);
-        if (zip_stat_index(archive, i, 0, &st) != 0 || !st.name) {
-            continue;
-        }
-        const std::string problem = entryProblem(archive, i, st, names);
+    for (zip_uint64_t i = 0; i < layout.entries.size(); ++i) {
+        const ArchiveEntry& archived = layout.entries[i];
+        const char* decoded = zip_get_name(archive, i, 0);
+        Entry entry = {
+            i, withSeparators(archived, decoded ? decoded : ""), archived.size, false, archived.method, archived.crc};
+        const std::string problem = entryProblem(archived, entry, withSeparators(archived, archived.name), names);
         if (!problem.empty()) {
-            LOG(ERROR) << "unzip refused: unsafe archive entry '" << printable(st.name) << "': " << problem;
+            LOG(ERROR) << "unzip refused: unsafe archive entry '" << printableName(entry.name) << "': " << problem;
             return false;
         }
-        total += st.size;
-        const std::string name = st.name;
-        entries.push_back({static_cast<zip_uint64_t>(i), name, st.size, name.back() == '/'});
+        total += entry.size;
+        entries.push_back(entry);
     }
     const uint64_t available = datacenter::File::sGetDiskSpaceInfo(destDir).available;
     if (total + datacenter::File::sCopyReserveBytes > available) {
@@ -193,10 +234,26 @@ int openDestination(datacenter::PluginTree& tree, int directoryFd, const std::st
 // without following links.
 struct Extraction {
     std::vector<char> buffer = std::vector<char>(64 * 1024);
+    std::vector<char> input = std::vector<char>(64 * 1024);
     std::set<std::string> directories;
     std::string heldName;
     datacenter::UniqueFd held;
 };
+
+bool writeAll(int out, const char* data, size_t length, std::string& problem) {
+    for (size_t written = 0; written < length;) {
+        const ssize_t n = ::write(out, data + written, length - written);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            problem = std::string("write error: ") + std::strerror(errno);
+            return false;
+        }
+        written += static_cast<size_t>(n);
+    }
+    return true;
+}
 
 // Copies the entry's whole stream: the data must end exactly at the declared
 // size and pass libzip's CRC check, which only happens at the end of the stream.
@@ -216,16 +273,8 @@ bool copyEntry(zip_file_t* in, int out, zip_uint64_t size, std::vector<char>& bu
             problem = "more data than declared";
             return false;
         }
-        for (zip_int64_t written = 0; written < got;) {
-            const ssize_t n = ::write(out, buffer.data() + written, static_cast<size_t>(got - written));
-            if (n < 0 && errno == EINTR) {
-                continue;
-            }
-            if (n <= 0) {
-                problem = std::string("write error: ") + std::strerror(errno);
-                return false;
-            }
-            written += n;
+        if (!writeAll(out, buffer.data(), static_cast<size_t>(got), problem)) {
+            return false;
         }
     }
     if (done != size) {
@@ -233,6 +282,62 @@ bool copyEntry(zip_file_t* in, int out, zip_uint64_t size, std::vector<char>& bu
         return false;
     }
     return true;
+}
+
+struct Inflater {
+    z_stream stream{};
+    bool ready = inflateInit2(&stream, -MAX_WBITS) == Z_OK;
+    ~Inflater() {
+        if (ready) {
+            inflateEnd(&stream);
+        }
+    }
+};
+
+// Inflates the raw bytes of a deflated entry into `out`. Unlike libzip's
+// reader it notices a stream that ends before the compressed data does
+// (bytes hidden behind it) or runs past it, and output beyond the declared
+// size as soon as it appears; the CRC is checked at the end.
+bool inflateEntry(zip_file_t* in, int out, const Entry& entry, Extraction& extraction, std::string& problem) {
+    Inflater inflater;
+    z_stream& stream = inflater.stream;
+    zip_uint64_t done = 0;
+    uLong crc = crc32(0L, Z_NULL, 0);
+    bool ended = false;
+    problem = inflater.ready ? "" : "zlib cannot start";
+    while (problem.empty() && !ended) {
+        const zip_int64_t got = zip_fread(in, extraction.input.data(), extraction.input.size());
+        if (got <= 0) {
+            problem = got < 0 ? zip_error_strerror(zip_file_get_error(in)) : "its compressed data ends early";
+            break;
+        }
+        stream.next_in = reinterpret_cast<Bytef*>(extraction.input.data());
+        stream.avail_in = static_cast<uInt>(got);
+        do {
+            stream.next_out = reinterpret_cast<Bytef*>(extraction.buffer.data());
+            stream.avail_out = static_cast<uInt>(extraction.buffer.size());
+            const int rc = inflate(&stream, Z_NO_FLUSH);
+            const size_t produced = extraction.buffer.size() - stream.avail_out;
+            done += produced;
+            crc = crc32(crc, reinterpret_cast<const Bytef*>(extraction.buffer.data()), static_cast<uInt>(produced));
+            ended = rc == Z_STREAM_END;
+            if (rc != Z_OK && rc != Z_STREAM_END && rc != Z_BUF_ERROR) {
+                problem = "its compressed data is invalid";
+            } else if (done > entry.size) {
+                problem = "more data than declared";
+            } else {
+                writeAll(out, extraction.buffer.data(), produced, problem);
+            }
+        } while (problem.empty() && !ended && stream.avail_out == 0);
+    }
+    if (problem.empty() && (stream.avail_in != 0 || zip_fread(in, extraction.input.data(), 1) != 0)) {
+        problem = "bytes follow the end of its compressed data";
+    } else if (problem.empty() && done != entry.size) {
+        problem = "data ends before the declared size";
+    } else if (problem.empty() && crc != entry.crc) {
+        problem = "CRC error";
+    }
+    return problem.empty();
 }
 
 // A descriptor of the directory `name` ("" for the destination itself),
@@ -269,7 +374,8 @@ bool extractEntry(zip_t* archive, datacenter::PluginTree& tree, const Entry& ent
     if (directory < 0) {
         return false;
     }
-    zip_file_t* in = zip_fopen_index(archive, entry.index, 0);
+    const bool deflated = entry.method == ZIP_CM_DEFLATE;
+    zip_file_t* in = zip_fopen_index(archive, entry.index, deflated ? ZIP_FL_COMPRESSED : 0);
     if (!in) {
         LOG(ERROR) << "unzip failed. cannot read entry " << entry.name << ": " << zip_strerror(archive);
         return false;
@@ -280,7 +386,8 @@ bool extractEntry(zip_t* archive, datacenter::PluginTree& tree, const Entry& ent
         return false;
     }
     std::string problem;
-    bool ok = copyEntry(in, out, entry.size, extraction.buffer, problem);
+    bool ok = deflated ? inflateEntry(in, out, entry, extraction, problem)
+                       : copyEntry(in, out, entry.size, extraction.buffer, problem);
     ::fchmod(out, 0777);
     ok = ::close(out) == 0 && ok;
     zip_fclose(in);
@@ -386,25 +493,34 @@ std::string PackageFiles::sGetIdFromPackage(const std::string& zipPath) {
     if (!datacenter::File::sExists(zipPath)) {
         return std::string();
     }
-    int err = 0;
-    Archive archive(zip_open(zipPath.c_str(), 0, &err));
-    if (err != 0 || !archive) {
-        LOG(ERROR) << "getIdFromPackage unzip failed. zip open error. error is " << err << "\npath is " << zipPath;
+    // Only the manifest is read here; whether the archive may be unpacked is
+    // the unpacking step's to say (2529), with its reason.
+    UnpackArchive unpack;
+    ArchiveLayout layout;
+    std::string problem;
+    openPayload(zipPath, unpack, layout, problem);
+    if (!unpack.archive) {
+        LOG(ERROR) << "getIdFromPackage unzip failed. zip open error. error is " << unpack.openError << "\npath is "
+                   << zipPath;
+        LOG(ERROR) << "getIdFromPackage: the payload is no readable zip archive: " << problem;
         return std::string();
     }
-    zip_stat_t st;
-    zip_stat_init(&st);
-    if (zip_stat(archive.get(), "manifest", 0, &st) != 0 || st.size > kMaxManifestBytes) {
+    // The name as bytes: a name such as "manifest\0x" is not the manifest.
+    zip_uint64_t index = 0;
+    while (index < layout.entries.size() && layout.entries[index].name != "manifest") {
+        ++index;
+    }
+    if (index == layout.entries.size() || layout.entries[index].size > kMaxManifestBytes) {
         return std::string();
     }
-    std::string text(st.size, '\0');
-    zip_file_t* entry = zip_fopen(archive.get(), "manifest", 0);
+    std::string text(layout.entries[index].size, '\0');
+    zip_file_t* entry = zip_fopen_index(unpack.archive.get(), index, 0);
     if (!entry) {
         return std::string();
     }
-    const zip_int64_t got = zip_fread(entry, &text[0], st.size);
+    const zip_int64_t got = zip_fread(entry, &text[0], text.size());
     zip_fclose(entry);
-    if (got < 0 || static_cast<zip_uint64_t>(got) != st.size) {
+    if (got < 0 || static_cast<size_t>(got) != text.size()) {
         return std::string();
     }
     LOG(INFO) << "config file contents:" << text;
@@ -418,17 +534,23 @@ bool PackageFiles::sUnzip(const std::string& zipPath, const std::string& destDir
         return false;
     }
     datacenter::Directory::sCreateDirectory(destDir);
-    int err = 0;
     UnpackArchive unpack;
-    openForUnpacking(zipPath, unpack, err);
+    ArchiveLayout layout;
+    std::string problem;
+    openPayload(zipPath, unpack, layout, problem);
     zip_t* const archive = unpack.archive.get();
-    if (err != 0 || !archive) {
-        LOG(ERROR) << "unzip Function failed. zip open error. error is " << err;
+    if (!archive) {
+        LOG(ERROR) << "unzip Function failed. zip open error. error is " << unpack.openError;
         LOG(ERROR) << "path is " << zipPath;
+    }
+    if (!problem.empty()) {
+        LOG(ERROR) << "unzip refused: the archive is malformed or unsupported: " << problem;
+    }
+    if (!archive || !problem.empty()) {
         return false;
     }
     std::vector<Entry> entries;
-    if (!collectEntries(archive, destDir, entries)) {
+    if (!collectEntries(archive, layout, destDir, entries)) {
         return false;
     }
     datacenter::PluginTree tree(destDir);

@@ -22,13 +22,17 @@ public:
     // Logs why the signing library refused a package, in words, after the
     // line with its code. `err` is errno right after the call.
     static void sLogSignRefusal(const char* who, int code, int err);
-    // The "plugin_id" of the payload's "manifest", or "" when there is none
-    // (or when the manifest would pull in other files with "@include").
+    // The "plugin_id" of the payload's "manifest" (the entry of exactly that
+    // name), or "" when there is none, when the archive's end records cannot
+    // be followed, or when the manifest would pull in other files with
+    // "@include".
     static std::string sGetIdFromPackage(const std::string& zipPath);
-    // Unpacks every file entry below `destDir`. Refuses, before writing
-    // anything, archives with entries that are absolute, climb out with "..",
-    // are links or directories, repeat a name, or would not leave the copy
-    // reserve free on the destination.
+    // Unpacks every entry below `destDir`. Refuses, before writing anything,
+    // archives whose headers disagree (see ArchiveLayout.h) or that hold
+    // encrypted entries, unsupported methods or several disks, and entries
+    // that are absolute, climb out with "..", are links, repeat a name, or
+    // would not leave the copy reserve free on the destination. Refuses
+    // during the copy data that does not match its declared size or CRC.
     static bool sUnzip(const std::string& zipPath, const std::string& destDir);
     // The sandbox mount points and system folders that a file record leaves out.
     static std::map<std::string, bool> sGetIgnoreFiles(const std::string& dataDir);

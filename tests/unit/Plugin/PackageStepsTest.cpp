@@ -7,6 +7,7 @@
 #include "Plugin/installAction/PackageFiles.h"
 #include "common/Singleton.h"
 #include "storage/File.h"
+#include "support/LogCapture.h"
 #include "support/PackageFactory.h"
 #include "support/RecordingRunner.h"
 #include "support/TestSupport.h"
@@ -78,6 +79,40 @@ TEST(PackageUnzip, PayloadsWithoutAUsableManifestHaveNoId) {
     EXPECT_EQ("", PackageFiles::sGetIdFromPackage(notZip));
     EXPECT_FALSE(PackageFiles::sUnzip(notZip, testsupport::makeScratchDir("notzip")));
     EXPECT_EQ("", PackageFiles::sGetIdFromPackage(testsupport::root() + "/missing.zip"));
+}
+
+// Every refusal of the generated hostile corpus logs its own reason; the id
+// is still read where the archive's extent can be found, so the refusal comes
+// from the unpacking step.
+TEST(PackageUnzip, EachRefusalNamesItsReason) {
+    const std::string out = testsupport::makeScratchDir("corpus");
+    writeFile(out + "/manifest", "plugin_id = \"7\";\n");
+    ASSERT_EQ(0, testsupport::runCommand("python3 " + testsupport::sourceDir() + "/tests/data/hostile/make-corpus.py " +
+                                         out + "/manifest " + out)
+                     .exitStatus);
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"overlap-shared-header", "entries 'bin/a' and 'bin/b' share bytes of the archive"},
+        {"overlap-data", "entries 'bin/a' and 'bin/b' share bytes of the archive"},
+        {"name-nul", "entry 'bin/a\\x00b': its name holds a NUL byte"},
+        {"local-name-differs", "its local header and the central directory disagree on the name"},
+        {"local-crc-differs", "its local header and the central directory disagree on the CRC or sizes"},
+        {"descriptor-crc-differs", "its data descriptor and the central directory disagree on the CRC or sizes"},
+        {"deflate-bytes-after-stream", "bytes follow the end of its compressed data"},
+        {"encrypted", "entry 'bin/a': it is encrypted, which is not supported"},
+        {"method-lzma", "it is compressed with LZMA (method 14), which is not supported"},
+        {"multi-disk", "it spans several disks, which is not supported"},
+        {"backslash-utf8", "holds a backslash or control character"},
+        {"slip-backslash", "climbs out"},
+        {"fifo-directory", "it is neither a plain file nor a directory"},
+        {"crc-wrong", "CRC error"},
+    };
+    for (const auto& c : cases) {
+        const std::string zip = out + "/" + c.first + ".zip";
+        testsupport::LogCapture log;
+        EXPECT_FALSE(PackageFiles::sUnzip(zip, testsupport::makeScratchDir(c.first))) << c.first;
+        EXPECT_TRUE(log.contains(c.second)) << c.first;
+        EXPECT_EQ(c.first == "multi-disk" ? "" : "7", PackageFiles::sGetIdFromPackage(zip)) << c.first;
+    }
 }
 
 TEST(PackageChecks, SdkLevelFirmwareTypeVersionAndIdInThatOrder) {
