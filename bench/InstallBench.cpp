@@ -55,8 +55,23 @@ std::vector<std::string> words(const std::string& text) {
 struct Run {
     double seconds = 0;
     long peakKiB = 0;
+    double writtenBytes = 0;  // what the program passed to write calls ("wchar")
     bool ok = false;
 };
+
+// The bytes a process passed to write calls, read from /proc before it is
+// reaped: "write_bytes" counts nothing on a RAM file system.
+double writtenBytesOf(pid_t pid) {
+    std::ifstream io("/proc/" + std::to_string(pid) + "/io");
+    std::string key;
+    double value = 0;
+    while (io >> key >> value) {
+        if (key == "wchar:") {
+            return value;
+        }
+    }
+    return 0;
+}
 
 // Runs `argv` with `root` as DATACENTER_ROOT and its output thrown away.
 Run spawnAndWait(const std::vector<std::string>& argv, const std::string& root) {
@@ -76,6 +91,10 @@ Run spawnAndWait(const std::vector<std::string>& argv, const std::string& root) 
     if (posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ) == 0) {
         int status = 0;
         struct rusage usage {};
+        siginfo_t info{};
+        if (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT) == 0) {
+            run.writtenBytes = writtenBytesOf(pid);
+        }
         if (wait4(pid, &status, 0, &usage) == pid) {
             run.ok = WIFEXITED(status) && WEXITSTATUS(status) == 0;
             run.peakKiB = usage.ru_maxrss;
@@ -117,8 +136,13 @@ void copyProgram(const std::string& to) {
 
 struct Package {
     std::string qpk, zip, signature;
-    long signPeakKiB = 0;  // peak RSS of the qpk sign that made it
+    long signPeakKiB = 0;      // peak RSS of the qpk sign that made it
+    double unpackedBytes = 0;  // the files the payload holds
 };
+
+double sizeOf(const std::string& path) {
+    return static_cast<double>(fs::file_size(path));
+}
 
 class Fixture {
 public:
@@ -148,6 +172,7 @@ public:
         const std::string tree = work_ + "/" + name + ".tree";
         Package package{work_ + "/" + name + ".qpk", work_ + "/" + name + ".zip", work_ + "/" + name + ".sig"};
         if (fs::exists(package.qpk)) {
+            std::ifstream(package.zip + ".unpacked") >> package.unpackedBytes;
             return package;
         }
         bench::writeFile(tree + "/manifest", std::string("plugin_id = \"") + kPluginId +
@@ -160,6 +185,10 @@ public:
             writeNoise(tree + "/www/d" + std::to_string(i % 50) + "/f" + std::to_string(i), fileSize,
                        static_cast<unsigned long long>(i + 1));
         }
+        for (fs::recursive_directory_iterator it(tree), end; it != end; ++it) {
+            package.unpackedBytes += fs::is_regular_file(it->status()) ? sizeOf(it->path().string()) : 0;
+        }
+        std::ofstream(package.zip + ".unpacked") << std::fixed << package.unpackedBytes;
         mustRun({qpk_, "pack", tree, package.zip}, work_);
         fs::remove_all(tree);
         const std::string pki = work_ + "/pki/";
@@ -246,7 +275,7 @@ double median(std::vector<double> values) {
 // unzips once and runs the openssl baseline once, in an order that rotates.
 void InstallVsUnzip(benchmark::State& state) {
     const Package package = gFixture->make(static_cast<int>(state.range(0)), state.range(1));
-    std::vector<double> install, unzip, baseline, peak;
+    std::vector<double> install, unzip, baseline, peak, written;
     int turn = 0;
     for (auto _ : state) {
         for (int step = 0; step < 3; ++step) {
@@ -259,6 +288,7 @@ void InstallVsUnzip(benchmark::State& state) {
                     }
                     install.push_back(run.seconds);
                     peak.push_back(static_cast<double>(run.peakKiB));
+                    written.push_back(run.writtenBytes);
                     break;
                 }
                 case 1:
@@ -275,6 +305,10 @@ void InstallVsUnzip(benchmark::State& state) {
     state.counters["openssl_unzip_ms"] = median(baseline) * 1e3;
     state.counters["peak_kib"] = *std::max_element(peak.begin(), peak.end());
     state.counters["sign_peak_kib"] = static_cast<double>(package.signPeakKiB);
+    // Bytes the installer wrote against what it had to write at least: the
+    // payload once and the unpacked files once.
+    state.counters["written_kib"] = median(written) / 1024;
+    state.counters["content_kib"] = (sizeOf(package.zip) + package.unpackedBytes) / 1024;
 }
 
 }  // namespace
