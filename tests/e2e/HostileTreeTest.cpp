@@ -334,24 +334,53 @@ TEST(HostileCorpus, ARefusedSignatureIsExplainedInWords) {
     EXPECT_TRUE(log.contains("installFromLocal package refused: certificate expired or not yet valid"));
 }
 
+namespace {
+
 // What a plugin can do to its own tree before `clean`, an upgrade or an
-// uninstallation: the operation gives its code, keeps the plugin's directory
-// with its skeleton, and changes nothing outside it.
-TEST(HostileRemoval, CleanUpgradeAndUninstallStayInsideThePluginsTree) {
+// uninstallation: each step gives its code, the plugin's directory keeps its
+// skeleton, and nothing outside it changes.
+enum RemovalOp { CLEAN, UPGRADE, UNINSTALL };
+struct RemovalCase {
+    const char* what;
+    std::function<void()> plant;
+    std::vector<std::pair<RemovalOp, int>> steps;
+};
+
+void runRemovalCases(const std::vector<RemovalCase>& cases) {
     PackageFactory factory;
     makeBait();
     PluginManager* manager = Singleton<PluginManager>::instance();
-    const std::string record = dataDir() + "init_files.record";
     PackageSpec v2;
     v2.manifest["version"] = "1.0.1";
     const std::string upgrade = factory.build(v2, "v2");
-    enum Op { CLEAN, UPGRADE, UNINSTALL };
-    struct Case {
-        const char* what;
-        std::function<void()> plant;
-        std::vector<std::pair<Op, int>> steps;
-    };
-    const std::vector<Case> cases = {
+    for (const RemovalCase& c : cases) {
+        ASSERT_EQ(API_SUCCESS, manager->installFromLocal(factory.build(PackageSpec(), "v1"), false)) << c.what;
+        writeFile(dataDir() + "cache/added", "added");
+        c.plant();
+        const std::string before = outsideSnapshot();
+        int code = API_SUCCESS;
+        for (const auto& step : c.steps) {
+            code = step.first == CLEAN     ? onSmallStack([&] { return manager->cleanPlugin(kId); })
+                   : step.first == UPGRADE ? manager->installFromLocal(upgrade, false)
+                                           : manager->uninstallPlugin(kId);
+            EXPECT_EQ(step.second, code) << c.what;
+        }
+        EXPECT_EQ(before, outsideSnapshot()) << c.what;
+        EXPECT_TRUE(fs::is_directory(fs::symlink_status(dataDir() + "bin"))) << c.what;
+        EXPECT_EQ(c.steps.back().first != UNINSTALL, exists(dataDir() + "etc/manifest")) << c.what;
+        EXPECT_EQ(code != API_SUCCESS, exists(dataDir() + "cache/added")) << c.what;
+        EXPECT_FALSE(exists(dataDir() + "deep")) << c.what;
+        removeDeepTree(dataDir());
+        manager->uninstallPlugin(kId);
+    }
+    EXPECT_EQ("secret", readFile(underRoot("/bait/secret.txt")));
+}
+
+}  // namespace
+
+TEST(HostileRemoval, ARewrittenRecordNeverWidensWhatCleanRemoves) {
+    const std::string record = dataDir() + "init_files.record";
+    runRemovalCases({
         {"record missing", [&] { fs::remove(record); }, {{CLEAN, API_INIT_FILES_RECORD_FAILED}}},
         // A record that names nothing keeps the directory and its skeleton all the same.
         {"record emptied", [&] { writeFile(record, ""); }, {{CLEAN, API_SUCCESS}}},
@@ -376,34 +405,14 @@ TEST(HostileRemoval, CleanUpgradeAndUninstallStayInsideThePluginsTree) {
         {"record above the size limit",
          [&] { fs::resize_file(record, (16u << 20) + 1); },
          {{CLEAN, API_INIT_FILES_RECORD_FAILED}}},
-        // The upgrade records what it can of the deep tree (not the dangling
-        // link, not the paths too long to use) and does not fail for it;
-        // clean then removes the levels below the recorded ones, uninstall
-        // the rest.
-        {"100000 levels and a dangling link",
-         [&] { plantDeepTree(dataDir(), 100000); },
-         {{UPGRADE, API_SUCCESS}, {CLEAN, API_SUCCESS}, {UNINSTALL, API_SUCCESS}}},
-    };
-    for (const Case& c : cases) {
-        ASSERT_EQ(API_SUCCESS, manager->installFromLocal(factory.build(PackageSpec(), "v1"), false)) << c.what;
-        writeFile(dataDir() + "cache/added", "added");
-        c.plant();
-        const std::string before = outsideSnapshot();
-        int code = API_SUCCESS;
-        for (const auto& step : c.steps) {
-            code = step.first == CLEAN     ? onSmallStack([&] { return manager->cleanPlugin(kId); })
-                   : step.first == UPGRADE ? manager->installFromLocal(upgrade, false)
-                                           : manager->uninstallPlugin(kId);
-            EXPECT_EQ(step.second, code) << c.what;
-        }
-        EXPECT_EQ(before, outsideSnapshot()) << c.what;
-        EXPECT_TRUE(fs::is_directory(fs::symlink_status(dataDir()))) << c.what;
-        EXPECT_TRUE(fs::is_directory(fs::symlink_status(dataDir() + "bin"))) << c.what;
-        EXPECT_EQ(c.steps.back().first != UNINSTALL, exists(dataDir() + "etc/manifest")) << c.what;
-        EXPECT_EQ(code != API_SUCCESS, exists(dataDir() + "cache/added")) << c.what;
-        EXPECT_FALSE(exists(dataDir() + "deep")) << c.what;
-        removeDeepTree(dataDir());
-        manager->uninstallPlugin(kId);
-    }
-    EXPECT_EQ("secret", readFile(underRoot("/bait/secret.txt")));
+    });
+}
+
+// The upgrade records what it can of a deep tree (not the dangling link, not
+// the paths too long to use) and does not fail for it; clean, on a small
+// stack, removes the levels below the recorded ones, uninstall the rest.
+TEST(HostileRemoval, AHundredThousandLevelsAreRecordedCleanedAndUninstalled) {
+    runRemovalCases({{"100000 levels and a dangling link",
+                      [] { plantDeepTree(dataDir(), 100000); },
+                      {{UPGRADE, API_SUCCESS}, {CLEAN, API_SUCCESS}, {UNINSTALL, API_SUCCESS}}}});
 }
