@@ -11,6 +11,8 @@
 #include <cstring>
 
 #include "storage/File.h"
+#include "storage/TreeRemoval.h"
+#include "storage/UniqueFd.h"
 #include "system/CommonUtils.h"
 #include "system/RootPrefix.h"
 
@@ -105,6 +107,31 @@ bool createPrefix(const char* prefix, mode_t mode) {
     return errno == EEXIST && ::stat(prefix, &st) == 0 && S_ISDIR(st.st_mode);
 }
 
+// Removes `path` with everything below it through the one tree walker: no
+// link followed, no other file system entered. The folders leading to it are
+// the caller's. A missing path is no failure.
+ErrorCode removeTree(const std::string& path) {
+    std::string name = path;
+    while (name.size() > 1 && name.back() == '/') {
+        name.pop_back();
+    }
+    const size_t slash = name.rfind('/');
+    const std::string parentPath = slash == std::string::npos ? "." : slash == 0 ? "/" : name.substr(0, slash);
+    const std::string leaf = slash == std::string::npos ? name : name.substr(slash + 1);
+    const UniqueFd parent(::open(parentPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!parent.valid()) {
+        const int err = errno;
+        return err == ENOENT ? ErrorCode()
+                             : ErrorCode(boost::system::error_code(err, boost::system::generic_category()));
+    }
+    std::string error;
+    if (!TreeRemoval::sRemoveAt(parent.get(), leaf, error)) {
+        LOG(ERROR) << "Directory::sDelete: " << error;
+        return ErrorCode(boost::system::errc::make_error_code(boost::system::errc::io_error));
+    }
+    return ErrorCode();
+}
+
 }  // namespace
 
 bool Directory::sExists(const std::string& path) {
@@ -178,13 +205,12 @@ ErrorCode Directory::sDelete(const std::string& path, bool recursive) {
         LOG(ERROR) << "Directory::sDelete refuses to remove '" << path << "'";
         return ErrorCode(boost::system::errc::make_error_code(boost::system::errc::operation_not_permitted));
     }
+    if (recursive) {
+        return removeTree(path);
+    }
     try {
         boost::system::error_code ec;
-        if (recursive) {
-            fs::remove_all(path, ec);
-        } else {
-            fs::remove(path, ec);
-        }
+        fs::remove(path, ec);
         return ErrorCode(ec);
     } catch (const fs::filesystem_error& e) {
         LOG(ERROR) << "Directory::sDelete catch exception: " << e.what();

@@ -3,6 +3,7 @@
 #include <glog/logging.h>
 
 #include <boost/algorithm/string/predicate.hpp>
+#include <cstdlib>
 #include <fstream>
 #include <mutex>
 
@@ -44,6 +45,23 @@ std::vector<MountInfo> diskToolMounts(Filter keep, const char* logName) {
     return mounts;
 }
 
+// A mount point as the kernel writes it: space, tab, newline and backslash
+// are octal escapes ("\040").
+std::string unescapeMountPoint(const std::string& field) {
+    std::string text;
+    for (size_t i = 0; i < field.size(); ++i) {
+        const bool octal =
+            field[i] == '\\' && i + 3 < field.size() && field.find_first_not_of("01234567", i + 1) >= i + 4;
+        if (octal) {
+            text += static_cast<char>(std::stoi(field.substr(i + 1, 3), nullptr, 8));
+            i += 3;
+        } else {
+            text += field[i];
+        }
+    }
+    return text;
+}
+
 bool isExternalDisk(const std::string& mountPoint) {
     return boost::algorithm::starts_with(mountPoint, ConfigInfo::sGetInstance()->getExtdiskRootPath());
 }
@@ -78,6 +96,30 @@ std::vector<MountInfo> DeviceMountInfo::sGetSystemDeviceMountInfo() {
         mounts.push_back(MountInfo{fields[0], fields[1]});
     }
     return mounts;
+}
+
+std::vector<std::string> DeviceMountInfo::sGetMountPointsBelow(const std::string& dir, bool& readable) {
+    std::vector<std::string> points;
+    std::ifstream table(mountTablePath());
+    readable = static_cast<bool>(table);
+    char* real = realpath(dir.c_str(), nullptr);
+    if (!real) {
+        return points;
+    }
+    const std::string base = real;
+    free(real);
+    for (std::string line; table && std::getline(table, line);) {
+        const std::vector<std::string> fields = CommonUtils::splitStringTokenCompress(line, " ");
+        if (fields.size() < 2) {
+            continue;
+        }
+        const std::string point = unescapeMountPoint(fields[1]);
+        if (point == base || (point.size() > base.size() && boost::algorithm::starts_with(point, base) &&
+                              (base == "/" || point[base.size()] == '/'))) {
+            points.push_back(point);
+        }
+    }
+    return points;
 }
 
 std::vector<MountInfo> DeviceMountInfo::sGetHotplugDeviceMountInfo() {

@@ -32,6 +32,12 @@ public:
     // false when there is none.
     static bool sIsExistExtDisk(const std::string& prefix);
 
+    // Mount points at `dir` or below it in the kernel's mount table (the
+    // directory's real path is compared, links resolved), innermost last.
+    // Empty when the directory is missing; `readable` tells whether the
+    // table could be read at all.
+    static std::vector<std::string> sGetMountPointsBelow(const std::string& dir, bool& readable);
+
     // Lets tests read another file instead of /proc/mounts; "" restores it.
     static void sSetMountTablePath(const std::string& path);
 };

@@ -3,13 +3,16 @@
 // links a plugin plants in its own directory before an upgrade or a
 // configuration write, and special files given as packages. Each case checks
 // the result code and that nothing outside the plugin's directory changed.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <boost/filesystem.hpp>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <sstream>
 #include <thread>
@@ -17,12 +20,15 @@
 #include "Plugin/PluginManager.h"
 #include "common/ApiErrorCode.h"
 #include "common/Singleton.h"
+#include "storage/TreeRemoval.h"
+#include "storage/UniqueFd.h"
 #include "support/HttpTestServer.h"
 #include "support/LogCapture.h"
 #include "support/PackageFactory.h"
 #include "support/TestSupport.h"
 
 namespace fs = boost::filesystem;
+using testsupport::exists;
 using testsupport::PackageFactory;
 using testsupport::PackageSpec;
 using testsupport::readFile;
@@ -91,6 +97,49 @@ std::string outsideSnapshot() {
 void makeBait() {
     writeFile(underRoot("/bait/secret.txt"), "secret");
     chmod(underRoot("/bait/secret.txt").c_str(), 0600);
+}
+
+// Builds `levels` nested folders "d" below dir/deep, each made relative to
+// the one above, so that no path is ever spelt out.
+void plantDeepTree(const std::string& dir, int levels) {
+    datacenter::UniqueFd fd(open(dir.c_str(), O_RDONLY | O_DIRECTORY));
+    for (int i = 0; i <= levels && fd.valid(); ++i) {
+        const char* name = i == 0 ? "deep" : "d";
+        mkdirat(fd.get(), name, 0755);
+        fd.reset(openat(fd.get(), name, O_RDONLY | O_DIRECTORY));
+    }
+    ASSERT_TRUE(fd.valid());
+    ASSERT_EQ(0, symlinkat("/no/such/target", fd.get(), "dangling"));
+}
+
+// Runs `work` on a thread with a 1 MiB stack, far too small for a walk whose
+// depth costs stack on the deep tree.
+int onSmallStack(const std::function<int()>& work) {
+    struct Call {
+        const std::function<int()>* work;
+        int result;
+    } call{&work, -1};
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setstacksize(&attr, 1 << 20);
+    pthread_t thread;
+    const auto run = [](void* arg) -> void* {
+        Call* c = static_cast<Call*>(arg);
+        c->result = (*c->work)();
+        return nullptr;
+    };
+    if (pthread_create(&thread, &attr, run, &call) == 0) {
+        pthread_join(thread, nullptr);
+    }
+    pthread_attr_destroy(&attr);
+    return call.result;
+}
+
+// Whatever a failed case left of the deep tree, removed without recursion.
+void removeDeepTree(const std::string& dir) {
+    const datacenter::UniqueFd fd = datacenter::TreeRemoval::sOpenDirectory(dir);
+    std::string error;
+    EXPECT_TRUE(!fd.valid() || datacenter::TreeRemoval::sRemoveAt(fd.get(), "deep", error)) << error;
 }
 
 std::string corpusDir() {
@@ -353,4 +402,87 @@ TEST(HostileCorpus, ARefusedSignatureIsExplainedInWords) {
     EXPECT_EQ(API_VERIFY_SIGN_FAILED, Singleton<PluginManager>::instance()->installFromLocal(package, true));
     EXPECT_TRUE(log.contains("installFromLocal signCode is -5"));
     EXPECT_TRUE(log.contains("installFromLocal package refused: certificate expired or not yet valid"));
+}
+
+namespace {
+
+// What a plugin can do to its own tree before `clean`, an upgrade or an
+// uninstallation: each step gives its code, the plugin's directory keeps its
+// skeleton, and nothing outside it changes.
+enum RemovalOp { CLEAN, UPGRADE, UNINSTALL };
+struct RemovalCase {
+    const char* what;
+    std::function<void()> plant;
+    std::vector<std::pair<RemovalOp, int>> steps;
+};
+
+void runRemovalCases(const std::vector<RemovalCase>& cases) {
+    PackageFactory factory;
+    makeBait();
+    PluginManager* manager = Singleton<PluginManager>::instance();
+    PackageSpec v2;
+    v2.manifest["version"] = "1.0.1";
+    const std::string upgrade = factory.build(v2, "v2");
+    for (const RemovalCase& c : cases) {
+        ASSERT_EQ(API_SUCCESS, manager->installFromLocal(factory.build(PackageSpec(), "v1"), false)) << c.what;
+        writeFile(dataDir() + "cache/added", "added");
+        c.plant();
+        const std::string before = outsideSnapshot();
+        int code = API_SUCCESS;
+        for (const auto& step : c.steps) {
+            code = step.first == CLEAN     ? onSmallStack([&] { return manager->cleanPlugin(kId); })
+                   : step.first == UPGRADE ? manager->installFromLocal(upgrade, false)
+                                           : manager->uninstallPlugin(kId);
+            EXPECT_EQ(step.second, code) << c.what;
+        }
+        EXPECT_EQ(before, outsideSnapshot()) << c.what;
+        EXPECT_TRUE(fs::is_directory(fs::symlink_status(dataDir() + "bin"))) << c.what;
+        EXPECT_EQ(c.steps.back().first != UNINSTALL, exists(dataDir() + "etc/manifest")) << c.what;
+        EXPECT_EQ(code != API_SUCCESS, exists(dataDir() + "cache/added")) << c.what;
+        EXPECT_FALSE(exists(dataDir() + "deep")) << c.what;
+        removeDeepTree(dataDir());
+        manager->uninstallPlugin(kId);
+    }
+    EXPECT_EQ("secret", readFile(underRoot("/bait/secret.txt")));
+}
+
+}  // namespace
+
+TEST(HostileRemoval, ARewrittenRecordNeverWidensWhatCleanRemoves) {
+    const std::string record = dataDir() + "init_files.record";
+    runRemovalCases({
+        {"record missing", [&] { fs::remove(record); }, {{CLEAN, API_INIT_FILES_RECORD_FAILED}}},
+        // A record that names nothing keeps the directory and its skeleton all the same.
+        {"record emptied", [&] { writeFile(record, ""); }, {{CLEAN, API_SUCCESS}}},
+        {"record a link to /dev/zero",
+         [&] {
+             fs::remove(record);
+             fs::create_symlink("/dev/zero", record);
+         },
+         {{CLEAN, API_INIT_FILES_RECORD_FAILED}}},
+        {"record a FIFO",
+         [&] {
+             fs::remove(record);
+             ASSERT_EQ(0, mkfifo(record.c_str(), 0666));
+         },
+         {{CLEAN, API_INIT_FILES_RECORD_FAILED}}},
+        {"record a hard link to a file outside",
+         [&] {
+             fs::remove(record);
+             fs::create_hard_link(underRoot("/bait/secret.txt"), record);
+         },
+         {{CLEAN, API_INIT_FILES_RECORD_FAILED}}},
+        {"record above the size limit",
+         [&] { fs::resize_file(record, (16u << 20) + 1); },
+         {{CLEAN, API_INIT_FILES_RECORD_FAILED}}},
+    });
+}
+
+// The upgrade records what it can of a deep tree (not the dangling link, not
+// the paths too long to use) and does not fail for it; clean, on a small
+// stack, removes the levels below the recorded ones, uninstall the rest.
+TEST(HostileRemoval, AHundredThousandLevelsAreRecordedCleanedAndUninstalled) {
+    runRemovalCases({{"100000 levels and a dangling link",
+                      [] { plantDeepTree(dataDir(), 100000); },
+                      {{UPGRADE, API_SUCCESS}, {CLEAN, API_SUCCESS}, {UNINSTALL, API_SUCCESS}}}});
 }

@@ -8,6 +8,7 @@
 #include <boost/filesystem.hpp>
 #include <chrono>
 #include <cstdlib>
+#include <functional>
 #include <map>
 #include <memory>
 #include <sstream>
@@ -120,6 +121,24 @@ void installProbe(PackageFactory& factory, const std::string& id, const std::str
     spec.files["manifest"] = PackageFactory::manifestText(spec) + "capability_list = [" + capabilities + "];\n";
     const std::string result = tool("installplugin", "-f " + factory.build(spec, id));
     ASSERT_EQ('0', result[0]) << result;
+}
+
+// The router's own files a walk through a sandbox mount could reach: the
+// user's and the core's files on the disk with their content, and which
+// files lie at the top of the core's plugin folder (the pid file changes at
+// every start). The store records change with the plugin's status.
+std::map<std::string, std::string> routerFiles() {
+    std::map<std::string, std::string> files;
+    for (const char* dir : {"/userdisk/data", "/userdisk/datacenterConfig"}) {
+        const std::map<std::string, std::string> below = filesBelow(underRoot(dir));
+        files.insert(below.begin(), below.end());
+    }
+    for (fs::directory_iterator it(underRoot("/userdisk/appdata")), end; it != end; ++it) {
+        if (fs::is_regular_file(it->symlink_status())) {
+            files[it->path().string()] = "";
+        }
+    }
+    return files;
 }
 
 }  // namespace
@@ -249,4 +268,82 @@ TEST(Sandbox, StandInsRefuseUnsafeRootsAndNamespacesAndBindHostFoldersReadOnly) 
     EXPECT_FALSE(fs::exists("/lib/written"));
     EXPECT_EQ(0, runCommand(env + simBin() + "/chroot_umout.sh " + dir).exitStatus);
     EXPECT_TRUE(mountsBelow(root).empty());
+}
+
+// A running sandboxed plugin that rewrites its record, and an unmount script
+// that fails: `clean` and uninstall never walk through the mounts of the
+// sandbox, and uninstall deletes nothing while a mount remains.
+TEST(Sandbox, CleanAndUninstallNeverWalkThroughTheSandboxMounts) {
+    SKIP_WITHOUT_MOUNTS();
+    testsupport::layOutRouter(testsupport::root());
+    PackageFactory factory;
+    writeFile(underRoot("/userdisk/data/.cache_dir/cached.bin"), "cached");
+    installProbe(factory, kSeeing, "\"access_userdata\", \"access_proc\", \"access_cache_dir\"");
+    const std::string dir = PluginManager::sGetPluginDataPath(kSeeing);
+    ASSERT_TRUE(waitForFile(dir + "tmp/probe-report")) << readFile(underRoot("/tmp/sim-plugin-" + kSeeing + ".log"));
+    const std::map<std::string, std::string> router = routerFiles();
+    const std::map<std::string, std::string> mounts = mountsBelow(dir);
+    ASSERT_EQ(1u, mounts.count(fs::canonical(dir).string() + "/cache_dir"));
+    const std::string record = dir + "init_files.record";
+    const std::string manifest = dir + "etc/manifest";
+    struct Step {
+        const char* what;
+        std::function<void()> plant;
+        std::string command;
+        std::string result;  // exit status and the code of a failure
+    };
+    const std::vector<Step> steps = {
+        {"record emptied", [&] { writeFile(record, ""); }, "clean", "0"},
+        {"record a link to /dev/urandom",
+         [&] {
+             fs::remove(record);
+             fs::create_symlink("/dev/urandom", record);
+         },
+         "clean", "1 code 1081"},
+        {"unmount script fails", [&] { writeFile(underRoot("/sim/chroot_umout.sh/run.exit"), "1\n"); }, "uninstall",
+         "1 code 2502"},
+    };
+    for (const Step& step : steps) {
+        step.plant();
+        const std::string result = tool("plugincenter", step.command + " " + kSeeing);
+        const size_t code = result.find("code ");
+        EXPECT_EQ(step.result, result.substr(0, 1) + (code == std::string::npos ? "" : " " + result.substr(code, 9)))
+            << step.what << ": " << result;
+        EXPECT_EQ(router, routerFiles()) << step.what;
+        EXPECT_EQ(mounts, mountsBelow(dir)) << step.what;
+        EXPECT_TRUE(fs::exists(manifest)) << step.what;
+    }
+    EXPECT_TRUE(fs::exists(underRoot("/userdisk/appdata/app_infos/" + kSeeing + ".manifest")));
+
+    fs::remove(underRoot("/sim/chroot_umout.sh/run.exit"));
+    EXPECT_EQ('0', tool("plugincenter", "uninstall " + kSeeing)[0]);
+    EXPECT_TRUE(mountsBelow(dir).empty());
+    EXPECT_FALSE(fs::exists(manifest));
+    EXPECT_EQ(router, routerFiles());
+}
+
+// The removal walk meets mounts it did not expect (another file system, or
+// a bind mount of its own): it leaves them, and the folders holding them.
+TEST(Sandbox, TheRemovalWalkLeavesEveryMountPointInPlace) {
+    SKIP_WITHOUT_MOUNTS();
+    const std::string dir = PluginManager::sGetPluginDataPath("7");
+    const std::string outside = testsupport::makeScratchDir("bound");
+    const std::map<std::string, std::string> kinds = {
+        {"bind mount of the same file system", "mount --bind " + outside},
+        {"another file system", "mount -t tmpfs walled"},
+    };
+    for (const auto& kind : kinds) {
+        const std::string point = dir + "junk/inner";
+        fs::create_directories(point);
+        writeFile(dir + "junk/file", "goes");
+        writeFile(dir + "etc/manifest", "stays");
+        ASSERT_EQ(0, runCommand(kind.second + " " + point).exitStatus) << kind.first;
+        writeFile(point + "/held", "held");
+        EXPECT_EQ(API_SUCCESS, Singleton<PluginManager>::instance()->cleanPluginImpl("7")) << kind.first;
+        EXPECT_EQ("held", readFile(point + "/held")) << kind.first;
+        EXPECT_FALSE(fs::exists(dir + "junk/file")) << kind.first;
+        EXPECT_EQ("stays", readFile(dir + "etc/manifest")) << kind.first;
+        EXPECT_EQ(0, runCommand("umount " + point).exitStatus) << kind.first;
+    }
+    EXPECT_EQ("held", readFile(outside + "/held"));
 }

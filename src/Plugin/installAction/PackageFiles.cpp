@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <glog/logging.h>
+#include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <zip.h>
@@ -24,6 +25,7 @@
 #include "storage/Directory.h"
 #include "storage/File.h"
 #include "storage/PluginTree.h"
+#include "storage/TreeRemoval.h"
 #include "storage/UniqueFd.h"
 #include "system/CommonUtils.h"
 #include "system/ConfigInfo.h"
@@ -398,33 +400,28 @@ bool extractEntry(zip_t* archive, datacenter::PluginTree& tree, const Entry& ent
     return ok;
 }
 
-// Records `path` and, for a directory, what lies below it. `followed` is its
-// status through links, `own` its status as an entry; the listing of a
-// directory gives both for entries that are not links without another look.
-bool collectFiles(const std::string& path, const fs::file_status& followed, const fs::file_status& own,
-                  std::vector<std::string>& files, const std::map<std::string, bool>& ignore) {
-    if (followed.type() == fs::file_not_found || followed.type() == fs::status_error) {
-        LOG(INFO) << "File path Do Not exist\n";
-        return false;
+// Decides for one entry of the walk of sGetFilesPath: records it unless it
+// is ignored, a dangling link or too long a path to be used again, and walks
+// into directories. Links are recorded but never walked: they could lead out
+// of the plugin or in a circle.
+datacenter::TreeRemoval::Decision recordEntry(const datacenter::TreeRemoval::Entry& entry,
+                                              std::vector<std::string>& files,
+                                              const std::map<std::string, bool>& ignore) {
+    using datacenter::TreeRemoval;
+    if (ignore.count(entry.path) != 0) {
+        return TreeRemoval::KEEP;
     }
-    files.push_back(path);
-    // Links are recorded but never walked: they could lead out of the plugin or in a circle.
-    if (!fs::is_directory(own)) {
-        return true;
+    if (entry.path.size() >= PATH_MAX) {
+        LOG(WARNING) << "record Init Files: path too long, not recorded: " << entry.path.substr(0, 256) << "...";
+        return TreeRemoval::KEEP;
     }
-    boost::system::error_code ec;
-    for (fs::directory_iterator it(path, ec), end; !ec && it != end; it.increment(ec)) {
-        const std::string entry = it->path().string();
-        if (ignore.count(entry) != 0) {
-            continue;
-        }
-        boost::system::error_code statusError;
-        const fs::file_status entryOwn = it->symlink_status(statusError);
-        if (!collectFiles(entry, it->status(statusError), entryOwn, files, ignore)) {
-            return false;
-        }
+    struct stat target;
+    if (entry.kind == TreeRemoval::LINK && fstatat(entry.dirFd, entry.name.c_str(), &target, 0) != 0) {
+        LOG(WARNING) << "record Init Files: dangling link, not recorded: " << entry.path;
+        return TreeRemoval::KEEP;
     }
-    return !ec;
+    files.push_back(entry.path);
+    return entry.kind == TreeRemoval::DIRECTORY ? TreeRemoval::ENTER : TreeRemoval::KEEP;
 }
 
 }  // namespace
@@ -577,8 +574,30 @@ std::map<std::string, bool> PackageFiles::sGetIgnoreFiles(const std::string& dat
 
 bool PackageFiles::sGetFilesPath(const std::string& path, std::vector<std::string>& files,
                                  const std::map<std::string, bool>& ignore) {
-    boost::system::error_code ec;
-    return collectFiles(path, fs::status(path, ec), fs::symlink_status(path, ec), files, ignore);
+    using datacenter::TreeRemoval;
+    struct stat st;
+    if (path.empty() || stat(path.c_str(), &st) != 0) {
+        LOG(INFO) << "File path Do Not exist\n";
+        return false;
+    }
+    files.push_back(path);
+    // A trailing "/" would let the look follow a link in the last component.
+    std::string plain = path;
+    while (plain.size() > 1 && plain.back() == '/') {
+        plain.pop_back();
+    }
+    if (TreeRemoval::sKindAt(AT_FDCWD, plain) != TreeRemoval::DIRECTORY) {
+        return true;
+    }
+    const datacenter::UniqueFd dir = TreeRemoval::sOpenDirectory(path);
+    TreeRemoval::Rules rules;
+    rules.decide = [&files, &ignore](const TreeRemoval::Entry& entry) { return recordEntry(entry, files, ignore); };
+    std::string error = "cannot open " + path;
+    if (!dir.valid() || !TreeRemoval::sWalk(dir.get(), path, rules, error)) {
+        LOG(ERROR) << "record Init Files: " << error;
+        return false;
+    }
+    return true;
 }
 
 std::string PackageFiles::sPackageArchiveDir() {

@@ -140,7 +140,7 @@ TEST(PackageChecks, SdkLevelFirmwareTypeVersionAndIdInThatOrder) {
     EXPECT_EQ(API_PLUGIN_ID_MISMATCH, action.checkPackage());
 }
 
-TEST(PackageRecord, ListsFilesAndLinksWithoutWalkingLinksOrIgnoredFoldersAndFailsOnADanglingLink) {
+TEST(PackageRecord, ListsFilesAndLinksWithoutWalkingLinksOrIgnoredFoldersAndSkipsADanglingLink) {
     namespace fs = boost::filesystem;
     const std::string dir = testsupport::makeScratchDir("record") + "/";
     const std::string outside = testsupport::makeScratchDir("record-outside");
@@ -154,9 +154,13 @@ TEST(PackageRecord, ListsFilesAndLinksWithoutWalkingLinksOrIgnoredFoldersAndFail
     EXPECT_EQ((std::vector<std::string>{dir, dir + "www", dir + "www/a", dir + "www/a/index.html", dir + "www/out"}),
               files);
 
+    // A dangling link is left out; only a missing start fails.
     fs::create_symlink(outside + "/missing", dir + "www/a/dangling");
-    files.clear();
-    EXPECT_FALSE(PackageFiles::sGetFilesPath(dir, files, PackageFiles::sGetIgnoreFiles(dir)));
+    std::vector<std::string> again;
+    EXPECT_TRUE(PackageFiles::sGetFilesPath(dir, again, PackageFiles::sGetIgnoreFiles(dir)));
+    std::sort(again.begin(), again.end());
+    EXPECT_EQ(files, again);
+    EXPECT_FALSE(PackageFiles::sGetFilesPath(dir + "missing", again, {}));
 }
 
 TEST(PackageArchive, KeepsACopyOfThePackageForReinstallation) {

@@ -64,3 +64,21 @@ TEST(RemovalWalk, TreeRemovalNeverLeavesTheDirectoryItStartsIn) {
     EXPECT_FALSE(datacenter::TreeRemoval::sOpenAt(fd.get(), "link").valid());
     EXPECT_FALSE(datacenter::TreeRemoval::sOpenAt(fd.get(), "..").valid());
 }
+
+TEST(RemovalWalk, AWalkStopsWhenTheDirectoryItIsInIsMovedAway) {
+    using datacenter::TreeRemoval;
+    const std::string dir = testsupport::makeScratchDir("moved");
+    writeFile(dir + "/a/b/file", "x");
+    const datacenter::UniqueFd fd = TreeRemoval::sOpenDirectory(dir);
+    TreeRemoval::Rules rules;
+    rules.decide = [&dir](const TreeRemoval::Entry& entry) {
+        if (entry.name == "file") {
+            fs::rename(dir + "/a/b", dir + "/b");
+        }
+        return entry.kind == TreeRemoval::DIRECTORY ? TreeRemoval::ENTER : TreeRemoval::REMOVE;
+    };
+    std::string error;
+    EXPECT_FALSE(TreeRemoval::sWalk(fd.get(), dir, rules, error));
+    EXPECT_EQ(dir + "/a/b: moved while it was walked; stopped", error);
+    EXPECT_TRUE(exists(dir + "/a"));
+}

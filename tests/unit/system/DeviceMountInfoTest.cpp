@@ -1,6 +1,8 @@
 // Mount information from "getdisk mnt" (the sim/ stand-in) and from a mount table file.
 #include <gtest/gtest.h>
 
+#include <boost/filesystem.hpp>
+
 #include "support/TestSupport.h"
 #include "system/DeviceMountInfo.h"
 
@@ -76,8 +78,22 @@ TEST(DeviceMountInfoTable, PrimaryDiskMountsWithExistingDevices) {
     EXPECT_EQ((std::vector<std::string>{underRoot("/userdisk"), underRoot("/userdisk/appdata")}),
               mountPoints(DeviceMountInfo::sGetSystemDeviceMountInfo()));
 
+    // Mounts at or below a folder, found by its real path, with the kernel's escapes undone.
+    boost::filesystem::create_directories(underRoot("/userdisk"));
+    const std::string real = boost::filesystem::canonical(underRoot("/userdisk")).string();
+    boost::filesystem::create_directory_symlink(underRoot("/userdisk"), underRoot("/disk-link"));
+    writeFile(table, "a " + real + " ext4 rw 0 0\nb " + real + "2 ext4 rw 0 0\nc " + real +
+                         "/my\\040disk x rw 0 0\nd /elsewhere x rw 0 0\n");
+    bool readable = false;
+    EXPECT_EQ((std::vector<std::string>{real, real + "/my disk"}),
+              DeviceMountInfo::sGetMountPointsBelow(underRoot("/disk-link/"), readable));
+    EXPECT_TRUE(readable);
+    EXPECT_TRUE(DeviceMountInfo::sGetMountPointsBelow(underRoot("/missing"), readable).empty());
+
     DeviceMountInfo::sSetMountTablePath(table + ".missing");
     EXPECT_TRUE(DeviceMountInfo::sGetSystemDeviceMountInfo().empty());
+    DeviceMountInfo::sGetMountPointsBelow(underRoot("/userdisk"), readable);
+    EXPECT_FALSE(readable);
     DeviceMountInfo::sSetMountTablePath("");
 }
 
