@@ -12,6 +12,7 @@
 #include "common/PluginId.h"
 #include "storage/Directory.h"
 #include "storage/File.h"
+#include "storage/PlainFile.h"
 #include "storage/PluginTree.h"
 #include "storage/UniqueFd.h"
 #include "system/CommonUtils.h"
@@ -55,9 +56,10 @@ datacenter::UniqueFd openStoreFolder() {
 // Returns the copy result (0 copied, -1 failure).
 int copyManifestIntoStore(const std::string& source, const std::string& id) {
     std::string text;
+    std::string why = "the store cannot be opened";
     const datacenter::UniqueFd store = openStoreFolder();
-    if (!store.valid() || !datacenter::File::sReadRegular(source, kMaxManifestBytes, text)) {
-        LOG(ERROR) << "cannot store the manifest of " << id << " from " << source << ": " << strerror(errno);
+    if (!store.valid() || !datacenter::PlainFile::sRead(source, kMaxManifestBytes, text, why)) {
+        LOG(ERROR) << "cannot store the manifest of " << id << " from " << source << ": " << why;
         return datacenter::File::sCopyFailed;
     }
     const bool written = datacenter::File::sWriteAtomicallyAt(

@@ -253,33 +253,6 @@ bool File::sWriteAtomically(const std::string& path, const std::function<bool(FI
     return written;
 }
 
-bool File::sReadRegular(const std::string& path, size_t limit, std::string& text) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW | O_CLOEXEC);
-    struct stat st;
-    if (fd < 0 || ::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || static_cast<size_t>(st.st_size) > limit) {
-        const int err = fd < 0 ? errno : EINVAL;
-        if (fd >= 0) {
-            ::close(fd);
-        }
-        errno = err;
-        return false;
-    }
-    text.clear();
-    char buffer[4096];
-    ssize_t got;
-    // A file that grows while it is read is cut off at the same bound.
-    while (((got = ::read(fd, buffer, sizeof buffer)) > 0 || (got < 0 && errno == EINTR)) && text.size() <= limit) {
-        text.append(buffer, got > 0 ? static_cast<size_t>(got) : 0);
-    }
-    const int err = got < 0 ? errno : EFBIG;
-    ::close(fd);
-    if (got < 0 || text.size() > limit) {
-        errno = err;
-        return false;
-    }
-    return true;
-}
-
 bool File::sWriteAtomicallyAt(int dirFd, const std::string& leaf, const std::function<bool(FILE*)>& writer,
                               unsigned newFileMode) {
     std::string temporary;

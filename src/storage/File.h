@@ -48,11 +48,6 @@ public:
     static bool sWriteAtomically(const std::string& path, const std::function<bool(FILE*)>& writer,
                                  unsigned newFileMode = 0644);
     static bool sWriteAtomically(const std::string& path, const std::string& content, unsigned newFileMode = 0644);
-    // Reads the regular file `path` whole into `text`, never through a link
-    // in its last component, never blocking on a FIFO, and only when it holds
-    // at most `limit` bytes. False otherwise (errno says why).
-    static bool sReadRegular(const std::string& path, size_t limit, std::string& text);
-
     // The same for the entry `leaf` (one name) of the folder open as `dirFd`:
     // the temporary file is made and renamed inside that folder only. On
     // failure errno keeps the reason.

@@ -16,6 +16,9 @@ public:
     // missing, a link, not a regular file, has more than one link, or holds
     // more than `limit` bytes.
     static bool sReadAt(int dirFd, const std::string& name, size_t limit, std::string& text, std::string& why);
+    // The same for `path`: its folder is opened as named, its last component
+    // is read as above.
+    static bool sRead(const std::string& path, size_t limit, std::string& text, std::string& why);
 };
 
 }  // namespace datacenter

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "storage/File.h"
+#include "storage/PlainFile.h"
 
 namespace datacenter {
 
@@ -55,7 +56,8 @@ void LibconfigFile::sReadPlainString(libconfig::Config& config, const std::strin
 void LibconfigFile::sReadPlain(libconfig::Config& config, const std::string& path) {
     // Never through a link, never blocking on a FIFO, never a device.
     std::string text;
-    if (!File::sReadRegular(path, kMaxSettingsBytes, text)) {
+    std::string why;
+    if (!PlainFile::sRead(path, kMaxSettingsBytes, text, why)) {
         throw libconfig::FileIOException();
     }
     sReadPlainString(config, text, path.c_str());
