@@ -167,7 +167,10 @@ bool UpgradeBackup::beforeFile(int directoryFd, const std::string& relative) {
 
 bool UpgradeBackup::beforeFile(const std::string& relative) {
     const datacenter::UniqueFd parent(root_.openDirectory(joined(id_, parentOf(relative)), false, 0));
-    return parent.valid() && beforeFile(parent.get(), relative);
+    if (!parent.valid()) {
+        return errno == ENOENT && note(relative);  // its folder is new too
+    }
+    return beforeFile(parent.get(), relative);
 }
 
 bool UpgradeBackup::beforeDirectory(const std::string& relative) {
