@@ -105,7 +105,9 @@ bool UpgradeBackup::begin() {
 bool UpgradeBackup::copyRecord(const std::string& from, const std::string& to) {
     const datacenter::UniqueFd in(root_.openFile(from, O_RDONLY, 0));
     if (!in.valid()) {
-        return errno == ENOENT;  // nothing to keep
+        // Nothing to keep: missing, or behind a link the later steps refuse.
+        LOG(INFO) << "upgrade of " << id_ << ": no " << from << " to keep: " << root_.lastError();
+        return true;
     }
     std::string text;
     struct stat st;
@@ -146,8 +148,8 @@ bool UpgradeBackup::beforeFile(int directoryFd, const std::string& relative) {
     if (::fstatat(directoryFd, leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
         return errno == ENOENT && note(relative);
     }
-    if (S_ISDIR(st.st_mode)) {
-        return true;  // writing a file there fails on its own
+    if (!S_ISREG(st.st_mode)) {
+        return true;  // a folder, link or special file: writing a file there is refused on its own
     }
     const datacenter::UniqueFd mirror(
         root_.openDirectory(joined(folder_ + kFilesName, parentOf(relative)), true, 0700));
