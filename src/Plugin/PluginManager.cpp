@@ -76,10 +76,14 @@ PluginManager::PluginManager() {
         createEmptyFile(sGetPluginPidConfig());
     }
     // An installer that died part-way left debris and a record of it.
-    InstallJournal::sRecover();
+    std::string restart;
+    InstallJournal::sRecover(&restart);
     registerPluginKinds();
     statusFactory_[datacenter::ENABLED] = &zkfactory::create<AbsChangeStatus, EnableStatus>;
     statusFactory_[datacenter::DISABLED] = &zkfactory::create<AbsChangeStatus, DisableStatus>;
+    if (!restart.empty()) {
+        restartRecovered(restart);
+    }
     undeletableIds_.insert(SambaPlugin::Id());
     undeletableIds_.insert(MinidlnaPlugin::Id());
     undeletableIds_.insert(LumoappPlugin::Id());
@@ -88,6 +92,19 @@ PluginManager::PluginManager() {
 }
 
 PluginManager::~PluginManager() = default;
+
+void PluginManager::restartRecovered(const std::string& id) {
+    // The status change itself would ask for this manager, which is not made
+    // yet: its steps run here on this object.
+    resetPluginPids(id);
+    const std::unique_ptr<AbsPlugin> plugin(createPlugin(id));
+    const ApiErrorCode started = plugin ? plugin->enableHook() : API_GENERAL_FAILURE;
+    if (started == API_SUCCESS || started == API_WELCOME_NO_HOMEPAGE) {
+        Singleton<PluginStorageManager>::instance()->updateStatusToStorage(id, datacenter::ENABLED);
+    } else {
+        LOG(ERROR) << "install recovery: plugin " << id << " does not start again: " << started;
+    }
+}
 
 void PluginManager::registerPluginKinds() {
     registerKind<SougouPreloadPlugin>(pluginFactory_, "register SougouPreloadPlugin::Id()");

@@ -204,6 +204,9 @@ public:
 
 private:
     void registerPluginKinds();
+    // Starts a plugin whose interrupted upgrade was rolled back while this
+    // manager was being made, the way an enable does.
+    void restartRecovered(const std::string& id);
     void removeEtcDirectory(const std::string& id) const;
 
     boost::mutex installMutex_;

@@ -1,7 +1,9 @@
 // A real installation through the installplugin binary, killed with SIGKILL
 // after a randomly chosen step line plus a random pause. Then the core starts
 // again (plugincenter list): no staged payload, no tree that no manifest
-// records, no installation record, and the same installation succeeds.
+// records, no installation record, and the same installation succeeds. An
+// interrupted upgrade ends with one whole version running: the old one as it
+// was, or the new one complete.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -96,6 +98,35 @@ std::string debris(bool wasInstalled) {
     return "";
 }
 
+// The installed version as a whole: its tree and its store record.
+struct Snapshot {
+    std::string tree;
+    std::string store;
+};
+
+Snapshot snapshot() {
+    return {testsupport::treeText(appdata() + kId),
+            testsupport::readFile(appdata() + "app_infos/" + kId + ".manifest")};
+}
+
+// What is wrong with the plugin after an interrupted upgrade from `old` to a
+// version with `newBig` in "bin/big"; "" when one whole version runs.
+std::string upgradeProblem(const Snapshot& old, const std::string& newBig) {
+    const Snapshot now = snapshot();
+    const bool oldIntact = now.tree == old.tree && now.store == old.store;
+    const bool newComplete = now.store.find("version = \"2.0.0\";") != std::string::npos &&
+                             testsupport::readFile(appdata() + kId + "/bin/big") == newBig &&
+                             exists(appdata() + kId + "/www/new.html");
+    if (!oldIntact && !newComplete) {
+        return "neither the old version intact nor the new one complete";
+    }
+    if (now.store.find("status = \"5\";") == std::string::npos ||
+        !exists(underRoot("/tmp/sim-pluginControllor/" + kId + ".pid"))) {
+        return std::string("the ") + (oldIntact ? "old" : "new") + " version does not run";
+    }
+    return "";
+}
+
 }  // namespace
 
 TEST(InstallKill, ARestartedCoreCleansUpAndTheSameInstallationSucceeds) {
@@ -108,7 +139,17 @@ TEST(InstallKill, ARestartedCoreCleansUpAndTheSameInstallationSucceeds) {
         c = static_cast<char>(random());
     }
     spec.files["bin/big"] = big;
+    spec.manifest["binary_name"] = "bin/app";
     const std::string package = factory.build(spec, "big");
+    // The upgrade changes every byte of the big file and adds one.
+    testsupport::PackageSpec v2 = spec;
+    v2.manifest["version"] = "2.0.0";
+    for (char& c : big) {
+        c = static_cast<char>(~c);
+    }
+    v2.files["bin/big"] = big;
+    v2.files["www/new.html"] = "new";
+    const std::string upgradePackage = factory.build(v2, "big2");
 
     std::uniform_int_distribution<size_t> stepOf(0, kSteps.size() - 1);
     std::uniform_int_distribution<int> pauseOf(0, 30000);
@@ -119,15 +160,22 @@ TEST(InstallKill, ARestartedCoreCleansUpAndTheSameInstallationSucceeds) {
         const bool upgrade = trial % 2 == 1;
         boost::system::error_code ec;
         boost::filesystem::remove_all(appdata(), ec);
+        boost::filesystem::remove(underRoot("/tmp/sim-pluginControllor/" + kId + ".pid"), ec);
+        Snapshot old;
         if (upgrade) {
             ASSERT_NE(std::string::npos, run("installplugin", "-f " + copyOf(package)).find("installplugin succeed!"));
+            old = snapshot();
         }
+        const std::string offered = upgrade ? upgradePackage : package;
         const std::string step = kSteps[stepOf(random)];
         const int pause = pauseOf(random);
-        installAndKill(package, step, pause);
+        installAndKill(offered, step, pause);
         run("plugincenter", "list");
-        const std::string left = debris(upgrade);
-        const std::string again = run("installplugin", "-f " + copyOf(package));
+        std::string left = debris(upgrade);
+        if (left.empty() && upgrade) {
+            left = upgradeProblem(old, big);
+        }
+        const std::string again = run("installplugin", "-f " + copyOf(offered));
         const bool succeeded = again.find("installplugin succeed!") != std::string::npos;
         if (!left.empty() || !succeeded) {
             ADD_FAILURE() << "trial " << trial << (upgrade ? " (upgrade)" : " (fresh)") << ", killed " << pause

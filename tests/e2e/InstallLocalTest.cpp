@@ -141,17 +141,112 @@ TEST(InstallLocal, AFreshInstallFailingAtTheStartLeavesNothing) {
     EXPECT_EQ("installplugin succeed!\n", install("-k -f " + package).substr(0, 23));
 }
 
-TEST(InstallLocal, AFailedUpgradeLeavesTheOldVersionRecordedAndDisabled) {
+namespace {
+
+// Version one of a plugin that runs (its controller starts "bin/app") and a
+// version two that changes one file, drops one and adds a folder.
+std::pair<PackageSpec, PackageSpec> twoVersions() {
+    PackageSpec v1;
+    v1.manifest["binary_name"] = "bin/app";
+    v1.files["data/keep.txt"] = "version one";
+    v1.files["www/old.html"] = "only in one";
+    PackageSpec v2 = v1;
+    v2.manifest["version"] = "2.0.0";
+    v2.files.erase("www/old.html");
+    v2.files["data/keep.txt"] = "version two";
+    v2.files["www/new/page.html"] = "only in two";
+    return {v1, v2};
+}
+
+// What the plugin and its user made while version one ran.
+void makeRuntimeData() {
+    testsupport::writeFile(dataDir() + "userdata/notes", "runtime");
+    testsupport::writeFile(dataDir() + "etc/plugin_config", "key = \"value\";\n");
+    testsupport::writeFile(dataDir() + "mine.txt", "the user's");
+}
+
+// `zip` with the CRC of its last entry wrong, alike in both headers, so that
+// only the check after the entry's data notices.
+void spoilLastCrc(const std::string& zip) {
+    std::string bytes = readFile(zip);
+    const std::string::size_type central = bytes.rfind(std::string("PK\x01\x02", 4));
+    ASSERT_NE(std::string::npos, central);
+    uint32_t local = 0;
+    for (int i = 3; i >= 0; --i) {
+        local = local << 8 | static_cast<unsigned char>(bytes[central + 42 + i]);
+    }
+    bytes[central + 16] ^= 0x5a;
+    bytes[local + 14] ^= 0x5a;
+    testsupport::writeFile(zip, bytes);
+}
+
+}  // namespace
+
+// An upgrade failing at any step after the installed version was stopped
+// puts that version back as it was, with what it made meanwhile, and starts
+// it again; the installer still reports the failure and its code.
+TEST(InstallLocal, AFailedUpgradeLeavesTheInstalledVersionAsItWasAndRunning) {
     PackageFactory factory;
-    const std::string package = factory.build(PackageSpec(), "upgrade");
-    ASSERT_EQ(0u, install("-k -f " + package).find("installplugin succeed!"));
-    failTheStartCommand(true);
+    const auto versions = twoVersions();
+    PackageSpec untrusted = versions.second;
+    untrusted.signer = "untrusted";
+    PackageSpec newerFirmware = versions.second;
+    newerFirmware.manifest["supported_rom_version"] = "9.0.0";
+    PackageSpec refusedStart = versions.second;
+    refusedStart.manifest["binary_name"] = "bin/missing";
+    const std::string zip = factory.rawZip({{"manifest", PackageFactory::manifestText(versions.second)},
+                                            {"data/keep.txt", "version two"},
+                                            {"www/new/page.html", "only in two"},
+                                            {"zz/late.bin", std::string(4096, 'z')}},
+                                           {}, "late-crc");
+    spoilLastCrc(zip);
+    const struct {
+        const char* name;
+        std::string package;
+        ApiErrorCode code;
+    } cases[] = {
+        {"refused signature", factory.build(untrusted, "untrusted"), API_VERIFY_SIGN_FAILED},
+        {"firmware too old", factory.build(newerFirmware, "firmware"), API_FIRMWARE_TOO_OLD},
+        {"late CRC error", factory.sign(zip, 0, "developer", "late-crc"), API_UNZIP_FAILED},
+        {"refused start", factory.build(refusedStart, "start"), API_GENERAL_FAILURE},
+    };
+    const std::string v1 = factory.build(versions.first, "v1");
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        boost::filesystem::remove_all(underRoot("/userdisk/appdata"));
+        ASSERT_EQ(0u, install("-k -f " + v1).find("installplugin succeed!"));
+        makeRuntimeData();
+        const std::string tree = testsupport::treeText(dataDir());
+        const std::string store = readFile(storeDir() + kId + ".manifest");
+        const std::string record = readFile(dataDir() + "init_files.record");
 
-    EXPECT_EQ(0u, install("-k -f " + package).find("installplugin failed. code is "));
+        EXPECT_EQ("installplugin failed. code is " + std::to_string(c.code) + "\n", install("-k -f " + c.package));
 
-    EXPECT_NE(std::string::npos, readFile(storeDir() + kId + ".manifest").find("status = \"6\";"));
-    EXPECT_EQ("app", readFile(dataDir() + "bin/app"));
-    EXPECT_FALSE(exists(InstallJournal::sJournalPath()));
+        EXPECT_EQ(tree, testsupport::treeText(dataDir()));
+        EXPECT_EQ(store, readFile(storeDir() + kId + ".manifest"));
+        EXPECT_EQ(record, readFile(dataDir() + "init_files.record"));
+        EXPECT_TRUE(exists(underRoot("/tmp/sim-pluginControllor/" + kId + ".pid"))) << "not started again";
+        EXPECT_FALSE(exists(underRoot("/userdisk/appdata/local_install_tmp")));
+        EXPECT_FALSE(exists(InstallJournal::sJournalPath()));
+    }
+}
+
+TEST(InstallLocal, AnUpgradeReplacesThePackagesFilesAndKeepsWhatThePluginAndTheUserMade) {
+    PackageFactory factory;
+    const auto versions = twoVersions();
+    ASSERT_EQ(0u, install("-f " + factory.build(versions.first, "v1")).find("installplugin succeed!"));
+    makeRuntimeData();
+
+    ASSERT_EQ(0u, install("-f " + factory.build(versions.second, "v2")).find("installplugin succeed!"));
+
+    EXPECT_EQ("version two", readFile(dataDir() + "data/keep.txt"));
+    EXPECT_EQ("only in two", readFile(dataDir() + "www/new/page.html"));
+    EXPECT_EQ("runtime", readFile(dataDir() + "userdata/notes"));
+    EXPECT_EQ("key = \"value\";\n", readFile(dataDir() + "etc/plugin_config"));
+    EXPECT_EQ("the user's", readFile(dataDir() + "mine.txt"));
+    EXPECT_NE(std::string::npos, readFile(storeDir() + kId + ".manifest").find("version = \"2.0.0\";"));
+    EXPECT_NE(std::string::npos, readFile(dataDir() + "init_files.record").find(dataDir() + "www/new/page.html\n"));
+    EXPECT_FALSE(exists(underRoot("/userdisk/appdata/local_install_tmp")));
 }
 
 TEST(InstallLocal, AnInstallerInAnotherProcessGetsTheBusyCodeAtOnce) {

@@ -104,26 +104,6 @@ TEST(InstallFromServer, AcceptsOnlyOfficialPackagesAndTheIdItAskedFor) {
     EXPECT_EQ(API_GET_PACKAGE_FAILED, manager->installFromServer("../escape", server.url("/other.qpk")));
 }
 
-TEST(UpgradeFromServer, AFailedUpgradeLeavesTheOldFilesAndTheOldVersionDisabled) {
-    PackageFactory factory;
-    PluginManager* manager = Singleton<PluginManager>::instance();
-    PackageSpec v1;
-    v1.files["data/keep.txt"] = "version one";
-    ASSERT_EQ(API_SUCCESS, manager->installFromLocal(factory.build(v1, "v1"), false));
-    ASSERT_EQ(datacenter::ENABLED, storedStatus(kId));
-
-    PackageSpec v2 = v1;
-    v2.manifest["version"] = "2.0.0";
-    v2.files["data/keep.txt"] = "version two";
-    HttpTestServer server;
-    // A developer package is not accepted from the server: the upgrade stops at the signature.
-    server.route("/v2.qpk", HttpResponse::text(200, testsupport::readFile(factory.build(v2, "v2"))));
-    ASSERT_EQ(API_SUCCESS, manager->upgradeFromServer(kId, server.url("/v2.qpk")));
-    EXPECT_EQ(API_SIGN_TYPE_UNSUPPORTED, finished(manager).errorCode);
-    EXPECT_EQ("version one", testsupport::readFile(dataDir() + "data/keep.txt"));
-    EXPECT_EQ(datacenter::DISABLED, storedStatus(kId));
-}
-
 // While an upgrade runs, the listing of that plugin and its progress show
 // the running installation, not the record of the version being replaced.
 TEST(InstallProgress, ARunningUpgradeReportsItsOwnRecord) {

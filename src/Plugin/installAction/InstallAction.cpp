@@ -11,12 +11,15 @@
 #include "Plugin/PluginManager.h"
 #include "Plugin/installAction/InstallJournal.h"
 #include "Plugin/installAction/PackageFiles.h"
+#include "Plugin/installAction/UpgradeBackup.h"
 #include "common/PluginId.h"
 #include "common/Singleton.h"
 #include "sign/PackageSign.h"
 #include "storage/Directory.h"
 #include "storage/File.h"
 #include "storage/PluginTree.h"
+#include "system/CommonUtils.h"
+#include "system/ConfigInfo.h"
 #include "system/CurlDownloader.h"
 #include "system/RootPrefix.h"
 #include "tools/Statistics.h"
@@ -172,6 +175,9 @@ bool InstallAction::journalStep() {
     }
     entry.upgrade = journalUpgrade_;
     entry.freshTree = journalFreshTree_;
+    entry.backup = journalBackup_;
+    entry.wasEnabled = wasEnabled_;
+    entry.committed = journalCommitted_;
     return journal_ && journal_->record(entry);
 }
 
@@ -204,7 +210,10 @@ ApiErrorCode InstallAction::run() {
     code = getPackage();
     if (code == API_SUCCESS) {
         enterStep("changeStatusBeforeInstall");
-        code = changeStatusBeforeInstall();
+        code = prepareUpgrade() ? changeStatusBeforeInstall() : API_GENERAL_FAILURE;
+        if (code == API_SUCCESS) {
+            code = beginBackup();
+        }
     }
     if (code == API_SUCCESS) {
         setStatus(datacenter::INSTALLING);
@@ -231,6 +240,7 @@ ApiErrorCode InstallAction::run() {
         code = manager()->changePluginStatus(pluginId_, datacenter::ENABLED);
         if (isEnableSuccess(code)) {
             code = API_SUCCESS;
+            commitUpgrade();
         }
     }
     if (code == API_SUCCESS) {
@@ -245,7 +255,8 @@ ApiErrorCode InstallAction::run() {
     cleanPackage();
     installing_ = false;
     enterStep("RecordInitFiles");
-    const ApiErrorCode recorded = recordInitFiles();
+    // A rolled back upgrade has its old file record back, as it was.
+    const ApiErrorCode recorded = rolledBack_ ? API_SUCCESS : recordInitFiles();
     manager()->updatePluginListToServer();
     // Everything is in place or cleaned up: nothing is left for a recovery.
     journal_->clear();
@@ -264,9 +275,61 @@ ApiErrorCode InstallAction::finishUnstarted() {
     return API_GENERAL_FAILURE;
 }
 
+bool InstallAction::prepareUpgrade() {
+    PluginStorageManager* store = Singleton<PluginStorageManager>::instance();
+    if (pluginId_.empty() || !datacenter::File::sExists(store->getManifestFilePath(pluginId_))) {
+        return true;
+    }
+    wasEnabled_ = store->getListablePluginInfoById(pluginId_).status == datacenter::ENABLED;
+    journalBackup_ = true;
+    return journalStep();
+}
+
+ApiErrorCode InstallAction::beginBackup() {
+    if (!isUpdate_) {
+        return API_SUCCESS;
+    }
+    // Kept even when it could not be made: a rollback then puts back what it holds.
+    backup_.reset(new UpgradeBackup(pluginId_));
+    return backup_->begin() ? API_SUCCESS : API_GENERAL_FAILURE;
+}
+
+void InstallAction::commitUpgrade() {
+    if (!backup_) {
+        return;
+    }
+    journalCommitted_ = true;
+    if (!journalStep()) {
+        LOG(WARNING) << "upgrade of " << pluginId_ << ": the commit could not be recorded";
+    }
+    backup_->discard();
+    backup_.reset();
+}
+
+void InstallAction::rollBackUpgrade() {
+    CommonUtils::sCallSystem(datacenter::planformGetPluginControllorPath() + " -k " + pluginId_);
+    if (!backup_->restore()) {
+        LOG(ERROR) << "upgrade of " << pluginId_ << ": the installed version could not be put back completely";
+    }
+    backup_.reset();
+    rolledBack_ = true;
+    if (!wasEnabled_) {
+        return;
+    }
+    // The version that ran before the upgrade runs again.
+    const ApiErrorCode started = manager()->changePluginStatus(pluginId_, datacenter::ENABLED);
+    if (!isEnableSuccess(started)) {
+        LOG(ERROR) << "upgrade of " << pluginId_ << ": the installed version does not start again: " << started;
+    }
+}
+
 void InstallAction::cleanWhenFailed() {
     if (pluginId_.empty()) {
         return;  // an unknown id has nothing to undo
+    }
+    if (backup_) {
+        rollBackUpgrade();
+        return;
     }
     PluginStorageManager* store = Singleton<PluginStorageManager>::instance();
     if (isUpdate_ || journalUpgrade_) {

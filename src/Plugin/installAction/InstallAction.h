@@ -16,6 +16,7 @@
 #include "common/PluginInfo.h"
 
 class InstallJournal;
+class UpgradeBackup;
 
 namespace datacenter {
 class CurlDownloader;
@@ -97,6 +98,10 @@ public:
                              const std::map<std::string, bool>& ignore);
     // Writes "init_files.record": 0, 1038 or 1081.
     ApiErrorCode recordInitFiles();
+    // The same for the plugin `id` without a word on standard output;
+    // `count` gets the number of paths walked.
+    static ApiErrorCode sWriteInitFilesRecord(const std::string& id);
+    static ApiErrorCode sWriteInitFilesRecord(const std::string& id, size_t& count);
     ApiErrorCode savePluginPackage();
 
     // The CA certificate that package signatures must chain to (a setting;
@@ -132,6 +137,16 @@ protected:
     int verifyIntoStaging(std::string& verified, int& type, int& err);
     ApiErrorCode finishVerification(int code, int err, const std::string& verified, bool keepOriginal);
     void setFailure(ApiErrorCode code);
+    // Before an installed version is disabled: records that the upgrade
+    // keeps it aside and whether it was running. False when that failed.
+    bool prepareUpgrade();
+    // Moves nothing yet: makes the backup the unpacking moves old files into. 0 or 4.
+    ApiErrorCode beginBackup();
+    // Records that the new version is in place for good and drops the backup.
+    void commitUpgrade();
+    // Puts the old version back after a failed upgrade and starts it again
+    // when it ran before.
+    void rollBackUpgrade();
 
     std::string url_;
     std::string pluginId_;
@@ -149,4 +164,9 @@ protected:
     bool journalIdKnown_ = false;
     bool journalUpgrade_ = false;    // the plugin was in the store when its id became known
     bool journalFreshTree_ = false;  // its data directory did not exist then
+    bool journalBackup_ = false;     // the upgrade keeps the old version aside
+    bool journalCommitted_ = false;  // the new version is enabled
+    bool wasEnabled_ = false;        // the old version ran before the upgrade
+    bool rolledBack_ = false;        // the old version and its records are back
+    std::unique_ptr<UpgradeBackup> backup_;
 };

@@ -15,6 +15,7 @@
 #include "Plugin/PluginManager.h"
 #include "Plugin/installAction/InstallAction.h"
 #include "Plugin/installAction/PackageFiles.h"
+#include "Plugin/installAction/UpgradeBackup.h"
 #include "common/Singleton.h"
 #include "storage/Directory.h"
 #include "storage/File.h"
@@ -69,17 +70,22 @@ std::string InstallAction::getIdFromPackage(const std::string& zipPath) {
 }
 
 bool InstallAction::unzip(std::string zipPath, std::string destDir) {
-    return PackageFiles::sUnzip(zipPath, destDir);
+    return PackageFiles::sUnzip(zipPath, destDir, backup_.get());
 }
 
 ApiErrorCode InstallAction::unzipFile() {
     const std::string dataDir = PluginManager::sGetPluginDataPath(pluginId_);
-    if (!unzip(packagePath_, dataDir)) {
+    const bool unpacked = unzip(packagePath_, dataDir);
+    if (backup_) {
+        backup_->sync();
+    }
+    if (!unpacked) {
         return API_UNZIP_FAILED;
     }
     // The manifest goes into place inside the plugin's own tree, whatever the plugin planted there.
     datacenter::PluginTree tree(dataDir);
-    const int etc = tree.openDirectory("etc", true, 0777);
+    const bool noted = !backup_ || (backup_->beforeDirectory("etc") && backup_->beforeFile("etc/manifest"));
+    const int etc = noted ? tree.openDirectory("etc", true, 0777) : -1;
     if (etc >= 0) {
         close(etc);
     }
@@ -185,8 +191,27 @@ ApiErrorCode InstallAction::recordInitFiles() {
     const std::string dataDir = PluginManager::sGetPluginDataPath(pluginId_);
     std::cout << "plugin install dir is " << dataDir << std::endl;
     LOG(INFO) << "plugin install dir is " << dataDir;
+    size_t count = 0;
+    const ApiErrorCode code = sWriteInitFilesRecord(pluginId_, count);
+    if (code != API_SUCCESS) {
+        return code;
+    }
+    // Only once the record exists: a record that cannot be written ends the step without a count.
+    std::cout << "fileLength = " << count << std::endl;
+    LOG(INFO) << "fileLength = " << count;
+    LOG(INFO) << "Record init files suc!\n";
+    return API_SUCCESS;
+}
+
+ApiErrorCode InstallAction::sWriteInitFilesRecord(const std::string& id) {
+    size_t count = 0;
+    return sWriteInitFilesRecord(id, count);
+}
+
+ApiErrorCode InstallAction::sWriteInitFilesRecord(const std::string& id, size_t& count) {
+    const std::string dataDir = PluginManager::sGetPluginDataPath(id);
     std::vector<std::string> files;
-    if (dataDir.empty() || !getFilesPath(dataDir, files, getIgnoreFiles(dataDir))) {
+    if (dataDir.empty() || !PackageFiles::sGetFilesPath(dataDir, files, PackageFiles::sGetIgnoreFiles(dataDir))) {
         LOG(ERROR) << "record Init Files error , error code is " << API_CONFIG_FILE_OPEN_FAILED;
         return API_CONFIG_FILE_OPEN_FAILED;
     }
@@ -205,10 +230,7 @@ ApiErrorCode InstallAction::recordInitFiles() {
         LOG(ERROR) << "record Init Files error , error code is " << API_INIT_FILES_RECORD_FAILED;
         return API_INIT_FILES_RECORD_FAILED;
     }
-    // Only once the record exists: a record that cannot be written ends the step without a count.
-    std::cout << "fileLength = " << files.size() << std::endl;
-    LOG(INFO) << "fileLength = " << files.size();
-    LOG(INFO) << "Record init files suc!\n";
+    count = files.size();
     return API_SUCCESS;
 }
 

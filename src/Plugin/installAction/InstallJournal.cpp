@@ -15,6 +15,7 @@
 #include "DataBase/PluginStorageManager.h"
 #include "Plugin/PluginManager.h"
 #include "Plugin/installAction/InstallAction.h"
+#include "Plugin/installAction/UpgradeBackup.h"
 #include "common/PluginId.h"
 #include "common/Singleton.h"
 #include "storage/File.h"
@@ -45,6 +46,9 @@ std::string serialise(const InstallJournal::Entry& entry) {
     std::string text = "id " + entry.id + "\n";
     text += std::string("upgrade ") + (entry.upgrade ? "1" : "0") + "\n";
     text += std::string("fresh_tree ") + (entry.freshTree ? "1" : "0") + "\n";
+    text += std::string("backup ") + (entry.backup ? "1" : "0") + "\n";
+    text += std::string("was_enabled ") + (entry.wasEnabled ? "1" : "0") + "\n";
+    text += std::string("committed ") + (entry.committed ? "1" : "0") + "\n";
     return text;
 }
 
@@ -215,9 +219,37 @@ void removeStagedFiles(const std::string& id) {
     InstallJournal::sRemoveBelowRoot(PluginManager::sGetQpkLocalPath(id));
 }
 
-void recoverPlugin(const InstallJournal::Entry& entry) {
+// An upgrade that kept the old version aside: past its commit point only the
+// backup goes and the new version's file record is written; before it the old
+// version comes back, to be started again when it ran before.
+void recoverUpgrade(const InstallJournal::Entry& entry, std::string* restart) {
+    const std::string& id = entry.id;
+    UpgradeBackup backup(id);
+    if (entry.committed) {
+        backup.discard();
+        InstallAction::sWriteInitFilesRecord(id);
+        removeStagedFiles(id);
+        LOG(WARNING) << "install recovery: finished the upgrade of plugin " << id;
+        return;
+    }
+    CommonUtils::sCallSystem(datacenter::planformGetPluginControllorPath() + " -k " + id);
+    const bool restored = backup.restore();
+    removeTemporaryFiles(id);
+    removeStagedFiles(id);
+    if (entry.wasEnabled && restart) {
+        *restart = id;
+    }
+    LOG(ERROR) << "install recovery: the upgrade of plugin " << id << " was interrupted; the old version "
+               << (restored ? "is back" : "could not be put back completely");
+}
+
+void recoverPlugin(const InstallJournal::Entry& entry, std::string* restart) {
     const std::string& id = entry.id;
     const std::string dataDir = PluginManager::sGetPluginDataPath(id);
+    if (entry.upgrade && entry.backup) {
+        recoverUpgrade(entry, restart);
+        return;
+    }
     if (!entry.upgrade && listedAsInstalled(id)) {
         // A fresh installation does not end with a listed plugin unless it
         // completed: whatever the record says, that plugin's files stay.
@@ -227,16 +259,17 @@ void recoverPlugin(const InstallJournal::Entry& entry) {
         return;
     }
     removeStagedFiles(id);
+    if (entry.upgrade) {
+        // The upgrade died before it recorded its backup, and so before it
+        // stopped or changed anything of the installed version.
+        removeTemporaryFiles(id);
+        LOG(WARNING) << "install recovery: the upgrade of plugin " << id
+                     << " stopped before it changed anything; the installed version stays as it is";
+        return;
+    }
     // Whatever the dead installer may have started runs no more.
     CommonUtils::sCallSystem(datacenter::planformGetPluginControllorPath() + " -k " + id);
     PluginStorageManager* store = Singleton<PluginStorageManager>::instance();
-    if (entry.upgrade) {
-        removeTemporaryFiles(id);
-        store->updateStatusToStorage(id, datacenter::DISABLED);
-        LOG(ERROR) << "install recovery: the upgrade of plugin " << id
-                   << " was interrupted; it stays disabled and needs reinstalling";
-        return;
-    }
     std::string output;
     CommonUtils::sCallSystem(PluginManager::sUnmountChrootPath + " " + dataDir, output);
     store->deleteInStorage(id);
@@ -377,12 +410,18 @@ bool InstallJournal::sRead(const std::string& path, Entry& entry) {
             entry.upgrade = value == "1";
         } else if (key == "fresh_tree") {
             entry.freshTree = value == "1";
+        } else if (key == "backup") {
+            entry.backup = value == "1";
+        } else if (key == "was_enabled") {
+            entry.wasEnabled = value == "1";
+        } else if (key == "committed") {
+            entry.committed = value == "1";
         }
     }
     return true;
 }
 
-bool InstallJournal::sRecover() {
+bool InstallJournal::sRecover(std::string* restart) {
     InstallJournal lock;
     Entry entry;
     if (!lock.tryLock() || !sRead(sJournalPath(), entry)) {
@@ -392,7 +431,7 @@ bool InstallJournal::sRecover() {
     // An id that is not a plain token was never used to write anything; with
     // no id yet, only the installer's own folder may hold something.
     if (datacenter::isSafePluginId(entry.id) && !namesTheCoresOwnFolder(entry.id)) {
-        recoverPlugin(entry);
+        recoverPlugin(entry, restart);
     } else {
         if (!entry.id.empty()) {
             LOG(ERROR) << "install recovery ignores the unsafe plugin id '" << entry.id << "'";

@@ -11,18 +11,24 @@
 // path recovery touches is derived from that id. A process that starts the
 // core and can take the lock finds such a record only when an installer died
 // part-way, and finishes its job: staged payloads go, the tree of an
-// interrupted fresh install goes, and an interrupted upgrade stays recorded
-// but disabled until it is reinstalled. A plugin the store lists as installed
-// keeps its tree and record unless the record names its own upgrade.
+// interrupted fresh install goes. An upgrade records that it keeps a backup
+// of the installed version (UpgradeBackup, its folder derived from the id)
+// and, once the new version is enabled, that it passed its commit point: an
+// upgrade that died before that point is rolled back to the old version, one
+// that died after it is finished. A plugin the store lists as installed keeps
+// its tree and record unless the record names its own upgrade.
 #include <string>
 
 class InstallJournal {
 public:
     // What an installer recorded before it started writing.
     struct Entry {
-        std::string id;          // empty until the package named it
-        bool upgrade = false;    // the plugin was recorded in the store before
-        bool freshTree = false;  // its data directory did not exist before
+        std::string id;           // empty until the package named it
+        bool upgrade = false;     // the plugin was recorded in the store before
+        bool freshTree = false;   // its data directory did not exist before
+        bool backup = false;      // an upgrade that keeps the old version aside
+        bool wasEnabled = false;  // the old version ran before the upgrade
+        bool committed = false;   // the new version is enabled: it stays
     };
 
     InstallJournal() = default;
@@ -65,8 +71,10 @@ public:
 
     // Called when the core starts: when no installer runs and one left a
     // record, undoes what it left half done (see the class comment) and
-    // removes the record. True when a record was recovered.
-    static bool sRecover();
+    // removes the record. True when a record was recovered. `restart` gets the
+    // id of a plugin that ran before an upgrade rolled back here, for the
+    // caller to start once it can.
+    static bool sRecover(std::string* restart = nullptr);
 
 private:
     int fd_ = -1;

@@ -20,6 +20,7 @@
 #include "Plugin/PluginManager.h"
 #include "Plugin/installAction/ArchiveLayout.h"
 #include "Plugin/installAction/InstallAction.h"
+#include "Plugin/installAction/UpgradeBackup.h"
 #include "common/ShellArgument.h"
 #include "sign/PackageSign.h"
 #include "storage/Directory.h"
@@ -240,6 +241,7 @@ struct Extraction {
     std::set<std::string> directories;
     std::string heldName;
     datacenter::UniqueFd held;
+    UpgradeBackup* backup = nullptr;  // set for an upgrade
 };
 
 bool writeAll(int out, const char* data, size_t length, std::string& problem) {
@@ -350,6 +352,11 @@ int directoryFor(datacenter::PluginTree& tree, const std::string& name, const st
         return extraction.held.get();
     }
     extraction.held.reset();
+    if (extraction.backup && !name.empty() && extraction.directories.count(name) == 0 &&
+        !extraction.backup->beforeDirectory(name)) {
+        LOG(ERROR) << "unzip failed. cannot record the new directory " << destDir << "/" << name;
+        return -1;
+    }
     const int fd = tree.openDirectory(name, true, 0777);
     if (fd < 0) {
         LOG(ERROR) << "unzip failed. cannot create directory " << destDir << "/" << name << ": " << tree.lastError();
@@ -380,6 +387,11 @@ bool extractEntry(zip_t* archive, datacenter::PluginTree& tree, const Entry& ent
     zip_file_t* in = zip_fopen_index(archive, entry.index, deflated ? ZIP_FL_COMPRESSED : 0);
     if (!in) {
         LOG(ERROR) << "unzip failed. cannot read entry " << entry.name << ": " << zip_strerror(archive);
+        return false;
+    }
+    if (extraction.backup && !extraction.backup->beforeFile(directory, entry.name)) {
+        LOG(ERROR) << "unzip failed. cannot move the installed " << dest << " aside";
+        zip_fclose(in);
         return false;
     }
     const int out = openDestination(tree, directory, leaf, dest);
@@ -526,7 +538,7 @@ std::string PackageFiles::sGetIdFromPackage(const std::string& zipPath) {
     return id;
 }
 
-bool PackageFiles::sUnzip(const std::string& zipPath, const std::string& destDir) {
+bool PackageFiles::sUnzip(const std::string& zipPath, const std::string& destDir, UpgradeBackup* backup) {
     if (!datacenter::File::sExists(zipPath) || destDir.empty()) {
         return false;
     }
@@ -556,6 +568,7 @@ bool PackageFiles::sUnzip(const std::string& zipPath, const std::string& destDir
         return false;
     }
     Extraction extraction;
+    extraction.backup = backup;
     for (const Entry& entry : entries) {
         if (!extractEntry(archive, tree, entry, destDir, extraction)) {
             return false;

@@ -9,6 +9,8 @@
 
 #include "common/ApiErrorCode.h"
 
+class UpgradeBackup;
+
 class PackageFiles {
 public:
     // Checks `package`'s signature into the working directory below the plugin
@@ -33,7 +35,9 @@ public:
     // that are absolute, climb out with "..", are links, repeat a name, or
     // would not leave the copy reserve free on the destination. Refuses
     // during the copy data that does not match its declared size or CRC.
-    static bool sUnzip(const std::string& zipPath, const std::string& destDir);
+    // With `backup`, every entry an old version has at a name is moved aside
+    // into it before the name is written, and every new name is listed there.
+    static bool sUnzip(const std::string& zipPath, const std::string& destDir, UpgradeBackup* backup = nullptr);
     // The sandbox mount points and system folders that a file record leaves out.
     static std::map<std::string, bool> sGetIgnoreFiles(const std::string& dataDir);
     // Appends `path` and, depth first, everything below it except ignored paths.

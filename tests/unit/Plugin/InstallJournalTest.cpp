@@ -13,6 +13,7 @@
 #include "Plugin/PluginManager.h"
 #include "Plugin/installAction/InstallFromLocal.h"
 #include "Plugin/installAction/InstallJournal.h"
+#include "Plugin/installAction/UpgradeBackup.h"
 #include "common/Singleton.h"
 #include "support/LogCapture.h"
 #include "support/TestSupport.h"
@@ -106,23 +107,68 @@ TEST(InstallRecovery, RemovesTheTreeAndPayloadsOfAnInterruptedFreshInstall) {
     EXPECT_NE(std::string::npos, commands.find("chroot_umout.sh " + dataDir() + "\n")) << commands;
 }
 
-TEST(InstallRecovery, LeavesAnInterruptedUpgradeRecordedButDisabled) {
-    testsupport::putPlugin(kId, datacenter::ENABLED);
-    leaveDebris();
-    writeFile(dataDir() + "etc/manifest.tmp.AbC123", "half written");
-    leaveJournal(true, false);
-    testsupport::LogCapture log;
+// An upgrade that died: before it recorded its backup nothing of the old
+// version was touched; before its commit point the old version comes back
+// (moved files, added names, store record) and starts when it ran before;
+// after it the new version stays and only its file record is written.
+TEST(InstallRecovery, AnInterruptedUpgradeEndsWithOneCompleteVersion) {
+    struct Case {
+        bool backup;
+        bool committed;
+        const char* app;   // bin/app afterwards
+        bool added;        // the upgrade's new file is still there
+        bool started;      // the controller was asked to start the plugin
+        const char* note;  // the log line
+    };
+    const Case cases[] = {
+        {false, false, "new", true, false, "stopped before it changed anything"},
+        {true, false, "old", false, true, "was interrupted; the old version is back"},
+        {true, true, "new", true, false, "finished the upgrade of plugin"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.note);
+        boost::filesystem::remove_all(PluginManager::sGetPluginRootPath());
+        boost::filesystem::remove(underRoot("/tmp/sim-commands.log"));
+        testsupport::putPlugin(kId, datacenter::DISABLED);
+        writeFile(dataDir() + "bin/app", "old");
+        writeFile(dataDir() + "userdata/notes", "runtime data");
+        const std::string store = readFile(testsupport::storeManifest(kId));
+        {
+            UpgradeBackup backup(kId);
+            ASSERT_TRUE(c.backup ? backup.begin() : true);
+            ASSERT_TRUE(!c.backup || (backup.beforeFile("bin/app") && backup.beforeDirectory("new")));
+            ASSERT_TRUE(!c.backup || backup.beforeFile("new/file"));
+        }
+        writeFile(dataDir() + "bin/app", "new");
+        writeFile(dataDir() + "new/file", "added");
+        writeFile(testsupport::storeManifest(kId), "plugin_id = \"" + kId + "\";\nstatus = \"2\";\n");
+        InstallJournal::Entry entry;
+        entry.id = kId;
+        entry.upgrade = true;
+        entry.backup = c.backup;
+        entry.wasEnabled = true;
+        entry.committed = c.committed;
+        {
+            InstallJournal journal;
+            ASSERT_TRUE(journal.tryLock());
+            ASSERT_TRUE(journal.record(entry));
+        }
+        testsupport::LogCapture log;
+        std::string restart;
+        EXPECT_TRUE(InstallJournal::sRecover(&restart));
 
-    Singleton<PluginManager>::instance();
-
-    EXPECT_EQ(datacenter::DISABLED, testsupport::storedStatus(kId));
-    EXPECT_EQ("half", readFile(dataDir() + "bin/app"));
-    EXPECT_FALSE(exists(dataDir() + "verified_korvia.qpk"));
-    EXPECT_FALSE(exists(dataDir() + "etc/manifest.tmp.AbC123"));
-    EXPECT_FALSE(exists(PluginManager::sGetPluginRootPath() + "local_install_tmp"));
-    EXPECT_FALSE(exists(InstallJournal::sJournalPath()));
-    EXPECT_TRUE(
-        log.contains("upgrade of plugin " + kId + " was interrupted; it stays disabled and needs reinstalling"));
+        EXPECT_EQ(c.app, readFile(dataDir() + "bin/app"));
+        EXPECT_EQ(c.added, exists(dataDir() + "new"));
+        EXPECT_EQ("runtime data", readFile(dataDir() + "userdata/notes"));
+        EXPECT_EQ(c.started ? kId : "", restart);
+        if (c.backup && !c.committed) {
+            EXPECT_EQ(store, readFile(testsupport::storeManifest(kId)));
+        }
+        EXPECT_EQ(c.committed, exists(dataDir() + "init_files.record"));
+        EXPECT_FALSE(exists(PluginManager::sGetPluginRootPath() + "local_install_tmp"));
+        EXPECT_FALSE(exists(InstallJournal::sJournalPath()));
+        EXPECT_TRUE(log.contains(c.note));
+    }
 }
 
 TEST(InstallRecovery, KeepsAFolderThatExistedBeforeButDropsItsManifest) {
