@@ -9,6 +9,7 @@
 #include <boost/filesystem.hpp>
 #include <boost/thread/thread.hpp>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <mutex>
 
@@ -19,6 +20,21 @@ namespace {
 
 // Tells apart the temporary files of one process.
 std::atomic<unsigned> gTemporaryCounter(0);
+
+// Six letters and digits, as mkstemp makes them: the start-up recovery
+// knows half-written files by "<name>.tmp.XXXXXX".
+std::string temporarySuffix() {
+    static const char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+    unsigned long long mixed =
+        (static_cast<unsigned long long>(::getpid()) << 32) ^ gTemporaryCounter++ ^
+        static_cast<unsigned long long>(std::chrono::steady_clock::now().time_since_epoch().count());
+    std::string suffix;
+    for (int i = 0; i < 6; ++i) {
+        mixed = mixed * 6364136223846793005ULL + 1442695040888963407ULL;
+        suffix += kAlphabet[(mixed >> 33) % (sizeof kAlphabet - 1)];
+    }
+    return suffix;
+}
 
 std::mutex gSeamMutex;
 File::DiskSpaceQuery gDiskSpaceQuery;
@@ -258,7 +274,7 @@ bool File::sWriteAtomicallyAt(int dirFd, const std::string& leaf, const std::fun
     std::string temporary;
     int fd = -1;
     for (int attempt = 0; fd < 0 && attempt < 100; ++attempt) {
-        temporary = leaf + ".tmp." + std::to_string(::getpid()) + "." + std::to_string(gTemporaryCounter++);
+        temporary = leaf + ".tmp." + temporarySuffix();
         fd = ::openat(dirFd, temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
         if (fd < 0 && errno != EEXIST) {
             return false;

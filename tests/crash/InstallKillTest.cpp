@@ -11,6 +11,8 @@
 
 #include <boost/filesystem.hpp>
 #include <cstdio>
+#include <set>
+#include <sstream>
 #include <vector>
 
 #include "Plugin/installAction/InstallJournal.h"
@@ -109,6 +111,29 @@ Snapshot snapshot() {
             testsupport::readFile(appdata() + "app_infos/" + kId + ".manifest")};
 }
 
+// The lines of `a` missing from `b`, and the other way round, cut short.
+std::string differences(const Snapshot& a, const Snapshot& b) {
+    std::string text;
+    const auto lines = [](const std::string& s) {
+        std::set<std::string> set;
+        std::istringstream in(s);
+        for (std::string line; std::getline(in, line);) {
+            set.insert(line.substr(0, 120));
+        }
+        return set;
+    };
+    for (const auto& pair : {std::make_pair(a.tree + a.store, b.tree + b.store)}) {
+        const std::set<std::string> before = lines(pair.first), after = lines(pair.second);
+        for (const std::string& line : before) {
+            text += after.count(line) ? "" : "\n  - " + line;
+        }
+        for (const std::string& line : after) {
+            text += before.count(line) ? "" : "\n  + " + line;
+        }
+    }
+    return text;
+}
+
 // What is wrong with the plugin after an interrupted upgrade from `old` to a
 // version with `newBig` in "bin/big"; "" when one whole version runs.
 std::string upgradeProblem(const Snapshot& old, const std::string& newBig) {
@@ -118,7 +143,7 @@ std::string upgradeProblem(const Snapshot& old, const std::string& newBig) {
                              testsupport::readFile(appdata() + kId + "/bin/big") == newBig &&
                              exists(appdata() + kId + "/www/new.html");
     if (!oldIntact && !newComplete) {
-        return "neither the old version intact nor the new one complete";
+        return "neither the old version intact nor the new one complete; " + differences(old, now);
     }
     if (now.store.find("status = \"5\";") == std::string::npos ||
         !exists(underRoot("/tmp/sim-pluginControllor/" + kId + ".pid"))) {

@@ -379,7 +379,9 @@ int InstallAction::verifyIntoStaging(std::string& verified, int& type, int& err)
     // The signer's certificate goes into the plugin's folder as it was
     // checked, through its descriptor: never into a link put in its place.
     const datacenter::PluginTree dataDir(PluginManager::sGetPluginDataPath(pluginId_));
-    const std::string cert = dataDir.isOpen() ? dataDir.pinnedPath("dev_cert") : std::string();
+    // An upgrade's certificate replaces the installed one: that goes aside first.
+    const bool kept = !backup_ || backup_->beforeFile("dev_cert");
+    const std::string cert = dataDir.isOpen() && kept ? dataDir.pinnedPath("dev_cert") : std::string();
     errno = 0;
     const int code = verified.empty()
                          ? packagesign::kWriteFailed

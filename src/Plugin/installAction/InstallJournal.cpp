@@ -168,8 +168,9 @@ void removeTree(const std::string& path) {
     }
 }
 
-// Half-written replacements ("<name>.tmp.XXXXXX") that a killed writer left
-// in the plugin's folders.
+// Half-written replacements ("<name>.tmp.XXXXXX", and "<name>.tmp-XXXXXX"
+// from the signature step's certificate) that a killed writer left in the
+// plugin's folders.
 void removeTemporaryFiles(const std::string& id) {
     for (const std::string& dir :
          {PluginManager::sGetPluginDataPath(id), PluginManager::sGetPluginDataPath(id) + "etc/"}) {
@@ -180,7 +181,10 @@ void removeTemporaryFiles(const std::string& id) {
         }
         while (const dirent* item = readdir(stream)) {
             const std::string name = item->d_name;
-            const std::string::size_type mark = name.rfind(".tmp.");
+            std::string::size_type mark = name.rfind(".tmp.");
+            if (mark == std::string::npos) {
+                mark = name.rfind(".tmp-");
+            }
             struct stat st;
             if (mark != std::string::npos && name.size() == mark + 11 &&
                 fstatat(fd.fd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && !S_ISDIR(st.st_mode)) {
@@ -227,6 +231,7 @@ void recoverUpgrade(const InstallJournal::Entry& entry, std::string* restart) {
     UpgradeBackup backup(id);
     if (entry.committed) {
         backup.discard();
+        removeTemporaryFiles(id);
         InstallAction::sWriteInitFilesRecord(id);
         removeStagedFiles(id);
         LOG(WARNING) << "install recovery: finished the upgrade of plugin " << id;
