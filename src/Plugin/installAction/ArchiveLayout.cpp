@@ -45,7 +45,7 @@ uint64_t le64(const std::string& b, uint64_t at) {
     return static_cast<uint64_t>(le32(b, at)) | static_cast<uint64_t>(le32(b, at + 4)) << 32;
 }
 
-bool readAt(int fd, uint64_t offset, uint64_t length, std::string& out) {
+bool readDirect(int fd, uint64_t offset, uint64_t length, std::string& out) {
     out.assign(length, '\0');
     for (uint64_t done = 0; done < length;) {
         const ssize_t n = ::pread(fd, &out[done], length - done, static_cast<off_t>(offset + done));
@@ -53,12 +53,47 @@ bool readAt(int fd, uint64_t offset, uint64_t length, std::string& out) {
             continue;
         }
         if (n <= 0) {
+            out.resize(done);
             return false;
         }
         done += static_cast<uint64_t>(n);
     }
     return true;
 }
+
+// An entry's header, name and extra fields, and the end of its data with the
+// next entry's header, lie close together: one read of a small window serves
+// several of the checks, where a read each cost four system calls an entry.
+// The window stays small so that large entries' data is not read twice.
+// Only readArchiveLayout fills it, and empties it when it returns.
+struct ReadWindow {
+    int fd = -1;
+    uint64_t start = 0;
+    std::string bytes;
+};
+const uint64_t kWindowSize = 4 * 1024;
+thread_local ReadWindow gWindow;
+
+bool readAt(int fd, uint64_t offset, uint64_t length, std::string& out) {
+    if (length > kWindowSize || gWindow.fd != fd) {
+        return readDirect(fd, offset, length, out);
+    }
+    if (offset < gWindow.start || offset + length > gWindow.start + gWindow.bytes.size()) {
+        gWindow.start = offset;
+        readDirect(fd, offset, kWindowSize, gWindow.bytes);  // short at the end of the file
+        if (length > gWindow.bytes.size()) {
+            return false;
+        }
+    }
+    out.assign(gWindow.bytes, offset - gWindow.start, length);
+    return true;
+}
+
+// Lends the window to one reading of `fd`.
+struct WindowLease {
+    explicit WindowLease(int fd) { gWindow = ReadWindow{fd, 0, std::string()}; }
+    ~WindowLease() { gWindow = ReadWindow(); }
+};
 
 typedef std::map<uint16_t, std::string> ExtraFields;
 
@@ -463,6 +498,7 @@ std::string printableName(const std::string& name) {
 
 std::string readArchiveLayout(int fd, ArchiveLayout& layout) {
     layout = ArchiveLayout();
+    const WindowLease lease(fd);
     struct stat st;
     if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
         return "it cannot be read";
