@@ -109,14 +109,8 @@ bool walkKeepMap(int dirFd, const std::string& path, const std::map<std::string,
 // removeFileIterative for the start path itself, which is the caller's: a
 // file, a link or a directory that is not kept goes from its parent.
 bool removeStart(const std::string& path, const std::map<std::string, bool>& keep, std::string& error) {
-    std::string name = path;
-    while (name.size() > 1 && name.back() == '/') {
-        name.pop_back();
-    }
-    const size_t slash = name.rfind('/');
-    const std::string parentPath = slash == std::string::npos ? "." : slash == 0 ? "/" : name.substr(0, slash);
-    const std::string leaf = slash == std::string::npos ? name : name.substr(slash + 1);
-    const datacenter::UniqueFd parent(open(parentPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    std::string leaf;
+    const datacenter::UniqueFd parent = datacenter::openParentFolder(path, leaf);
     const TreeRemoval::Kind kind = parent.valid() ? TreeRemoval::sKindAt(parent.get(), leaf) : TreeRemoval::MISSING;
     const auto found = keep.find(path);
     if (kind == TreeRemoval::MISSING) {

@@ -111,14 +111,8 @@ bool createPrefix(const char* prefix, mode_t mode) {
 // link followed, no other file system entered. The folders leading to it are
 // the caller's. A missing path is no failure.
 ErrorCode removeTree(const std::string& path) {
-    std::string name = path;
-    while (name.size() > 1 && name.back() == '/') {
-        name.pop_back();
-    }
-    const size_t slash = name.rfind('/');
-    const std::string parentPath = slash == std::string::npos ? "." : slash == 0 ? "/" : name.substr(0, slash);
-    const std::string leaf = slash == std::string::npos ? name : name.substr(slash + 1);
-    const UniqueFd parent(::open(parentPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    std::string leaf;
+    const UniqueFd parent = openParentFolder(path, leaf);
     if (!parent.valid()) {
         const int err = errno;
         return err == ENOENT ? ErrorCode()

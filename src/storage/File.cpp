@@ -13,6 +13,8 @@
 #include <cstring>
 #include <mutex>
 
+#include "storage/UniqueFd.h"
+
 namespace fs = boost::filesystem;
 
 namespace datacenter {
@@ -248,24 +250,18 @@ ErrorCode File::sMove(const std::string& source, const std::string& destination)
 }
 
 bool File::sWriteAtomically(const std::string& path, const std::function<bool(FILE*)>& writer, unsigned newFileMode) {
-    const std::string::size_type slash = path.rfind('/');
-    const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
-    const std::string leaf = slash == std::string::npos ? path : path.substr(slash + 1);
     // The folder is resolved once; the temporary file and the rename both
     // work inside that very folder, whatever its path names meanwhile.
-    const int dirFd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (dirFd < 0 || leaf.empty()) {
-        LOG(ERROR) << "cannot write " << path << ": " << strerror(dirFd < 0 ? errno : EINVAL);
-        if (dirFd >= 0) {
-            ::close(dirFd);
-        }
+    std::string leaf;
+    const UniqueFd dirFd = openParentFolder(path, leaf);
+    if (!dirFd.valid() || leaf.empty() || leaf == "/") {
+        LOG(ERROR) << "cannot write " << path << ": " << strerror(dirFd.valid() ? EINVAL : errno);
         return false;
     }
-    const bool written = sWriteAtomicallyAt(dirFd, leaf, writer, newFileMode);
+    const bool written = sWriteAtomicallyAt(dirFd.get(), leaf, writer, newFileMode);
     if (!written) {
         LOG(ERROR) << "cannot write " << path << ": " << strerror(errno);
     }
-    ::close(dirFd);
     return written;
 }
 

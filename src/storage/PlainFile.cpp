@@ -69,14 +69,13 @@ bool PlainFile::sReadAt(int dirFd, const std::string& name, size_t limit, std::s
 }
 
 bool PlainFile::sRead(const std::string& path, size_t limit, std::string& text, std::string& why) {
-    const std::string::size_type slash = path.rfind('/');
-    const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
-    const UniqueFd dirFd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    std::string leaf;
+    const UniqueFd dirFd = openParentFolder(path, leaf);
     if (!dirFd.valid()) {
         text.clear();
         return refuseErrno("open folder", why);
     }
-    return sReadAt(dirFd.get(), slash == std::string::npos ? path : path.substr(slash + 1), limit, text, why);
+    return sReadAt(dirFd.get(), leaf, limit, text, why);
 }
 
 }  // namespace datacenter

@@ -2,6 +2,8 @@
 // An open file descriptor owned by one object and closed when it goes out of
 // scope, so that the descriptor walks through plugin trees cannot leak one on
 // an early return.
+#include <string>
+
 namespace datacenter {
 
 class UniqueFd {
@@ -26,5 +28,10 @@ public:
 private:
     int fd_;
 };
+
+// Opens the folder that holds the last component of `path` (trailing "/"
+// dropped; "." for a bare name), as named, and puts that component in
+// `leaf`. Invalid when the folder cannot be opened (errno says why).
+UniqueFd openParentFolder(const std::string& path, std::string& leaf);
 
 }  // namespace datacenter
