@@ -72,6 +72,20 @@ class Walker {
 public:
     Walker(const TreeRemoval::Rules& rules, std::string& error) : rules_(rules), error_(error) {}
 
+    // Enters the directory `name` (of identity `st`) with `names` to visit.
+    void push(const std::string& name, const struct stat& st, std::string path, bool removing,
+              std::vector<std::string> names) {
+        Frame frame;
+        frame.name = name;
+        frame.dev = st.st_dev;
+        frame.ino = st.st_ino;
+        frame.path = std::move(path);
+        frame.removing = removing;
+        std::reverse(names.begin(), names.end());
+        frame.pending = std::move(names);
+        frames_.push_back(std::move(frame));
+    }
+
     // Starts in the open directory `rootFd` with `names` to visit.
     bool run(int rootFd, const std::string& rootPath, std::vector<std::string> names) {
         struct stat st;
@@ -81,13 +95,7 @@ public:
         }
         rootDev_ = st.st_dev;
         rootMount_ = mountPlace(current_.get());
-        Frame root;
-        root.dev = st.st_dev;
-        root.ino = st.st_ino;
-        root.path = rootPath;
-        std::reverse(names.begin(), names.end());
-        root.pending = std::move(names);
-        frames_.push_back(std::move(root));
+        push(std::string(), st, rootPath, false, std::move(names));
         while (!stopped_) {
             Frame& top = frames_.back();
             if (!top.pending.empty()) {
@@ -160,15 +168,7 @@ private:
             fail(name, "list");
             return;
         }
-        Frame frame;
-        frame.path = removing ? std::string() : childPath(frames_.back().path, name);
-        frame.name = name;
-        frame.dev = st.st_dev;
-        frame.ino = st.st_ino;
-        frame.removing = removing;
-        std::reverse(names.begin(), names.end());
-        frame.pending = std::move(names);
-        frames_.push_back(std::move(frame));
+        push(name, st, removing ? std::string() : childPath(frames_.back().path, name), removing, std::move(names));
         current_ = std::move(child);
     }
 
