@@ -47,6 +47,15 @@ PackageReader::~PackageReader() {
 int PackageReader::open(const std::string& path) {
     // Without blocking: a FIFO or device in place of a package must not hang the reader.
     fd_ = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    return readFraming();
+}
+
+int PackageReader::open(int fd) {
+    fd_ = fd < 0 ? -1 : ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
+    return readFraming();
+}
+
+int PackageReader::readFraming() {
     struct stat st;
     if (fd_ < 0 || ::fstat(fd_, &st) != 0 || !S_ISREG(st.st_mode)) {
         return kUnreadableFile;

@@ -23,6 +23,9 @@ public:
     // Opens `path` and checks trailer and CMS structure. Returns kOk,
     // kUnreadableFile (cannot open or read, not a regular file) or kNotPackage.
     int open(const std::string& path);
+    // As open(path), on a descriptor the caller keeps: the reader reads
+    // through its own duplicate of it.
+    int open(int fd);
 
     const Trailer& trailer() const { return trailer_; }
     CMS_ContentInfo* cms() const { return cms_.get(); }
@@ -38,6 +41,7 @@ public:
     bool isSameFile(const std::string& path) const;
 
 private:
+    int readFraming();
     int parseSignature();
 
     int fd_ = -1;

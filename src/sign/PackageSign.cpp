@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <functional>
 #include <vector>
 
 #include "sign/AtomicFile.h"
@@ -51,9 +52,12 @@ int verifySignature(const PackageReader& reader, const std::string& caCertPath, 
     return checkSigner(signer, certificates.get(), caCertPath);
 }
 
-// Hashes the payload through the package's descriptor, copying it to `out`
+// Receives the payload's bytes as they are hashed; false stops the stream.
+typedef std::function<bool(const unsigned char*, size_t)> PayloadSink;
+
+// Hashes the payload through the package's descriptor, handing it to `sink`
 // when given, and compares the digest with the signed one.
-int streamPayload(const PackageReader& reader, const Descriptor& descriptor, AtomicFile* out) {
+int streamPayload(const PackageReader& reader, const Descriptor& descriptor, const PayloadSink& sink) {
     MdCtxPtr md(EVP_MD_CTX_new());
     if (!md || EVP_DigestInit_ex(md.get(), EVP_sha256(), nullptr) != 1) {
         return kBadSignature;
@@ -67,7 +71,7 @@ int streamPayload(const PackageReader& reader, const Descriptor& descriptor, Ato
         if (EVP_DigestUpdate(md.get(), buffer.data(), n) != 1) {
             return kBadSignature;
         }
-        if (out && !out->write(buffer.data(), n)) {
+        if (sink && !sink(buffer.data(), n)) {
             return kWriteFailed;
         }
         offset += n;
@@ -81,15 +85,17 @@ int streamPayload(const PackageReader& reader, const Descriptor& descriptor, Ato
     return kOk;
 }
 
+// Signature, signer and payload digest of an open package; the payload goes to `sink`.
+int verifyOpened(PackageReader& reader, const std::string& caCertPath, const PayloadSink& sink, Descriptor& descriptor,
+                 X509*& signer) {
+    int code = verifySignature(reader, caCertPath, descriptor, signer);
+    return code == kOk ? streamPayload(reader, descriptor, sink) : code;
+}
+
 int verify(const std::string& packagePath, const std::string* payloadPath, const std::string& devCertPath,
            const std::string& caCertPath, int* signType = nullptr) {
     PackageReader reader;
     int code = reader.open(packagePath);
-    Descriptor descriptor;
-    X509* signer = nullptr;
-    if (code == kOk) {
-        code = verifySignature(reader, caCertPath, descriptor, signer);
-    }
     if (code != kOk) {
         return code;
     }
@@ -99,7 +105,13 @@ int verify(const std::string& packagePath, const std::string* payloadPath, const
     if (payloadPath && !payload.open(*payloadPath, 0644, true)) {
         return kWriteFailed;
     }
-    code = streamPayload(reader, descriptor, payloadPath ? &payload : nullptr);
+    PayloadSink sink;
+    if (payloadPath) {
+        sink = [&payload](const unsigned char* data, size_t size) { return payload.write(data, size); };
+    }
+    Descriptor descriptor;
+    X509* signer = nullptr;
+    code = verifyOpened(reader, caCertPath, sink, descriptor, signer);
     if (code != kOk) {
         return code;
     }
@@ -113,6 +125,22 @@ int verify(const std::string& packagePath, const std::string* payloadPath, const
         *signType = descriptor.signType;
     }
     return kOk;
+}
+
+// Appends all of `size` bytes to `fd`.
+bool writeAll(int fd, const unsigned char* data, size_t size) {
+    while (size > 0) {
+        const ssize_t n = ::write(fd, data, size);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return false;
+        }
+        data += n;
+        size -= static_cast<size_t>(n);
+    }
+    return true;
 }
 
 // A failed verification leaves no payload behind, not even one from an
@@ -154,23 +182,41 @@ const char* describeResult(int code) {
     }
 }
 
+namespace {
+
+int readHeader(PackageReader& reader, int openCode, PackageHeader& header) {
+    Descriptor descriptor;
+    if (openCode != kOk) {
+        return openCode;
+    }
+    if (!reader.embeddedDescriptor(descriptor) || descriptor.payloadSize != reader.trailer().payloadSize) {
+        return kNotPackage;
+    }
+    X509* signer = reader.namedSigner();
+    ERR_clear_error();
+    header.signType = descriptor.signType;
+    header.payloadSize = descriptor.payloadSize;
+    header.signerSubject = signer ? subjectLine(signer) : std::string();
+    return kOk;
+}
+
+}  // namespace
+
 int readPackageHeader(const std::string& packagePath, PackageHeader& header) {
     try {
         PackageReader reader;
         const int code = reader.open(packagePath);
-        Descriptor descriptor;
-        if (code != kOk) {
-            return code;
-        }
-        if (!reader.embeddedDescriptor(descriptor) || descriptor.payloadSize != reader.trailer().payloadSize) {
-            return kNotPackage;
-        }
-        X509* signer = reader.namedSigner();
-        ERR_clear_error();
-        header.signType = descriptor.signType;
-        header.payloadSize = descriptor.payloadSize;
-        header.signerSubject = signer ? subjectLine(signer) : std::string();
-        return kOk;
+        return readHeader(reader, code, header);
+    } catch (const std::exception&) {
+        return kUnreadableFile;
+    }
+}
+
+int readPackageHeaderFd(int packageFd, PackageHeader& header) {
+    try {
+        PackageReader reader;
+        const int code = reader.open(packageFd);
+        return readHeader(reader, code, header);
     } catch (const std::exception&) {
         return kUnreadableFile;
     }
@@ -179,6 +225,35 @@ int readPackageHeader(const std::string& packagePath, PackageHeader& header) {
 int checkPackage(const std::string& packagePath, const std::string& devCertPath, const std::string& caCertPath) {
     try {
         return verify(packagePath, nullptr, devCertPath, caCertPath);
+    } catch (const std::exception&) {
+        return kUnreadableFile;
+    }
+}
+
+int verifyPackageFd(int packageFd, int payloadFd, const std::string& caCertPath, VerifiedPackage& verified) {
+    verified = VerifiedPackage();
+    try {
+        PackageReader reader;
+        int code = reader.open(packageFd);
+        PayloadSink sink;
+        if (payloadFd >= 0) {
+            sink = [payloadFd](const unsigned char* data, size_t size) { return writeAll(payloadFd, data, size); };
+        }
+        Descriptor descriptor;
+        X509* signer = nullptr;
+        if (code == kOk) {
+            code = verifyOpened(reader, caCertPath, sink, descriptor, signer);
+        }
+        const std::string pem = code == kOk ? certificatePem(signer) : std::string();
+        if (code == kOk && pem.empty()) {
+            code = kWriteFailed;
+        }
+        if (code == kOk) {
+            verified.signType = descriptor.signType;
+            verified.payloadSize = descriptor.payloadSize;
+            verified.signerPem = pem;
+        }
+        return code;
     } catch (const std::exception&) {
         return kUnreadableFile;
     }

@@ -50,6 +50,22 @@ int checkPackage(const std::string& packagePath, const std::string& devCertPath,
 int verifyPackageAndType(const std::string& packagePath, const std::string& payloadPath, const std::string& devCertPath,
                          const std::string& caCertPath, int& signType);
 
+// What a successful verification established about a package.
+struct VerifiedPackage {
+    int signType = -1;
+    uint64_t payloadSize = 0;  // the payload is bytes [0, payloadSize) of the package
+    std::string signerPem;     // the signer's certificate
+};
+
+// Verifies the package open at `packageFd`, reading it only by offset (its
+// file position is neither used nor moved). When `payloadFd` is not -1 the
+// payload is appended to it as it is hashed: bytes written there before a
+// failure are the caller's to discard. Fills `verified` on kOk only.
+int verifyPackageFd(int packageFd, int payloadFd, const std::string& caCertPath, VerifiedPackage& verified);
+
+// The framing and unverified descriptor of the package open at `packageFd`.
+int readPackageHeaderFd(int packageFd, PackageHeader& header);
+
 struct SignRequest {
     std::string payloadPath;  // the zip archive to sign
     std::string packagePath;  // the package to write

@@ -75,14 +75,18 @@ int checkSigner(X509* signer, STACK_OF(X509) * untrusted, const std::string& caP
     return chainHoldsAll(ctx.get(), untrusted) && hasCodeSigningUsage(signer) ? kOk : kUntrustedCertificate;
 }
 
-bool writeCertificatePem(X509* cert, const std::string& path) {
+std::string certificatePem(X509* cert) {
     BioPtr bio(BIO_new(BIO_s_mem()));
     if (!bio || PEM_write_bio_X509(bio.get(), cert) != 1) {
-        return false;
+        return std::string();
     }
-    const std::string pem = bioText(bio.get());
+    return bioText(bio.get());
+}
+
+bool writeCertificatePem(X509* cert, const std::string& path) {
+    const std::string pem = certificatePem(cert);
     AtomicFile file;
-    return file.open(path, 0644) && file.write(pem.data(), pem.size()) && file.commit();
+    return !pem.empty() && file.open(path, 0644) && file.write(pem.data(), pem.size()) && file.commit();
 }
 
 std::string subjectLine(X509* cert) {

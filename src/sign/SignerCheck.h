@@ -21,6 +21,9 @@ int checkSigner(X509* signer, STACK_OF(X509) * untrusted, const std::string& caP
 // Writes `cert` as PEM to `path` atomically. False on any error.
 bool writeCertificatePem(X509* cert, const std::string& path);
 
+// The certificate in PEM, or "" when it cannot be encoded.
+std::string certificatePem(X509* cert);
+
 // The one-line distinguished name of `cert`, e.g. "CN = Official Signer".
 std::string subjectLine(X509* cert);
 

@@ -1,6 +1,8 @@
 #include "system/CurlDownloader.h"
 
+#include <fcntl.h>
 #include <glog/logging.h>
+#include <unistd.h>
 
 #include <boost/bind/bind.hpp>
 
@@ -28,7 +30,12 @@ CurlDownloader::CurlDownloader(const std::string& url, const std::string& localP
     info_.localPath = localPath;
 }
 
-CurlDownloader::~CurlDownloader() = default;
+CurlDownloader::~CurlDownloader() {
+    // Only an output given but never downloaded into is still open here.
+    if (file_ != nullptr) {
+        fclose(file_);
+    }
+}
 
 void CurlDownloader::beginDownloadSync() {
     curlhttpdownload();
@@ -82,6 +89,17 @@ void CurlDownloader::curlhttpdownload() {
         curl_ = nullptr;
     }
     notifyDownloadStatusChange();
+}
+
+void CurlDownloader::setOutputDescriptor(int fd) {
+    if (file_ != nullptr) {
+        fclose(file_);
+    }
+    const int copy = fd < 0 ? -1 : fcntl(fd, F_DUPFD_CLOEXEC, 0);
+    file_ = copy < 0 ? nullptr : fdopen(copy, "wb");
+    if (file_ == nullptr && copy >= 0) {
+        close(copy);
+    }
 }
 
 bool CurlDownloader::openOutputFile() {

@@ -87,6 +87,9 @@ public:
     CurlDownloader& operator=(const CurlDownloader&) = delete;
 
     // Runs the transfer on the calling thread; the result is in getInfo().
+    // Writes the download into the open file `fd` (a duplicate of it is
+    // taken) instead of creating localPath, which then only names it.
+    void setOutputDescriptor(int fd);
     void beginDownloadSync();
     // Runs the transfer on a thread of its own and returns at once.
     void beginDownloadAsync();

@@ -45,6 +45,15 @@ void writeFile(const std::string& path, const std::string& content) {
     }
 }
 
+std::string readFd(int fd) {
+    std::string out;
+    char buffer[65536];
+    for (ssize_t n; (n = ::pread(fd, buffer, sizeof buffer, static_cast<off_t>(out.size()))) > 0;) {
+        out.append(buffer, static_cast<size_t>(n));
+    }
+    return out;
+}
+
 std::string readFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     std::ostringstream text;

@@ -19,6 +19,8 @@ void layOutRouter(const std::string& dir, const std::string& caFile = "");
 
 void writeFile(const std::string& path, const std::string& content);
 std::string readFile(const std::string& path);
+// Everything in the open file `fd`, read by offset from its start.
+std::string readFd(int fd);
 std::vector<std::string> readLines(const std::string& path);
 
 struct CommandResult {

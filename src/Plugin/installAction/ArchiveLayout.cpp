@@ -496,14 +496,14 @@ std::string printableName(const std::string& name) {
     return out;
 }
 
-std::string readArchiveLayout(int fd, ArchiveLayout& layout) {
+std::string readArchiveLayout(int fd, ArchiveLayout& layout, uint64_t size) {
     layout = ArchiveLayout();
     const WindowLease lease(fd);
     struct stat st;
     if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
         return "it cannot be read";
     }
-    const uint64_t fileSize = static_cast<uint64_t>(st.st_size);
+    const uint64_t fileSize = std::min(static_cast<uint64_t>(st.st_size), size);
     if (fileSize < kEndSize) {
         return "it is not a zip archive (no end of central directory record)";
     }

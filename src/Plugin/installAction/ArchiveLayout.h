@@ -37,10 +37,11 @@ struct ArchiveLayout {
 // General purpose bit 11: the name is UTF-8.
 const uint16_t kArchiveUtf8Flag = 0x0800;
 
-// Reads the layout of the archive in `fd`. Returns "" when it holds together,
+// Reads the layout of the archive in the first `size` bytes of `fd` (the
+// whole file when it is shorter). Returns "" when it holds together,
 // otherwise the reason in words. `layout.length` is 0 when not even the
 // archive's extent could be found; otherwise `start` and `length` are set.
-std::string readArchiveLayout(int fd, ArchiveLayout& layout);
+std::string readArchiveLayout(int fd, ArchiveLayout& layout, uint64_t size = UINT64_MAX);
 
 // A name as it can go into one log line: control characters as "\xNN".
 std::string printableName(const std::string& name);

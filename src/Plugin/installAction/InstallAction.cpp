@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <iostream>
 
 #include "DataBase/PluginStorageManager.h"
@@ -128,8 +129,17 @@ ApiErrorCode InstallAction::changeStatusBeforeInstall() {
     return manager()->changePluginStatus(pluginId_, datacenter::DISABLED);
 }
 
-ApiErrorCode InstallAction::downloadPackage(const std::string& target) {
-    boost::shared_ptr<datacenter::CurlDownloader> downloader(new datacenter::CurlDownloader(url_, target, nullptr, 0));
+ApiErrorCode InstallAction::downloadPackage(const std::string& label) {
+    // The download never has a name: nothing that reaches the user disk can
+    // open it and change it between its verification and its unpacking.
+    downloadLabel_ = label;
+    download_ = VerifiedPayload::sCreateUnnamed(PackageFiles::sStagingDir());
+    if (!download_.valid()) {
+        LOG(ERROR) << "cannot make an unnamed file in the staging folder: " << std::strerror(errno);
+        return API_DOWNLOAD_FAILED;
+    }
+    boost::shared_ptr<datacenter::CurlDownloader> downloader(new datacenter::CurlDownloader(url_, label, nullptr, 0));
+    downloader->setOutputDescriptor(download_.get());
     {
         std::lock_guard<std::mutex> lock(recordMutex_);
         downloader_ = downloader;
@@ -139,9 +149,7 @@ ApiErrorCode InstallAction::downloadPackage(const std::string& target) {
         }
     }
     downloader->beginDownloadSync();
-    const datacenter::DownloadInfo info = downloader->getInfo();
-    packagePath_ = info.localPath;
-    return info.errorCode;
+    return downloader->getInfo().errorCode;
 }
 
 datacenter::PluginInfo InstallAction::getPluginInfo() {
@@ -356,7 +364,19 @@ void InstallAction::cleanWhenFailed() {
 }
 
 void InstallAction::cleanPackage() {
-    datacenter::File::sDelete(packagePath_);
+    download_.reset();
+    payload_.reset();
+}
+
+std::string InstallAction::packageLabel() const {
+    return packagePath_.empty() && !downloadLabel_.empty() ? downloadLabel_ + " (unnamed)" : packagePath_;
+}
+
+std::string InstallAction::payloadLabel() const {
+    if (!download_.valid() && payload_.valid() && !downloadLabel_.empty()) {
+        return downloadLabel_ + " (unnamed, verified where it was downloaded)";
+    }
+    return PluginManager::sGetPluginRootPath() + sLocalInstallTmpDir + sVerifiedQpkLocalName + " (unnamed)";
 }
 
 ApiErrorCode InstallAction::refuseUnusableDataDir() const {
@@ -373,90 +393,110 @@ ApiErrorCode InstallAction::refuseUnusableDataDir() const {
     return API_UNZIP_FAILED;
 }
 
-int InstallAction::verifyIntoStaging(std::string& verified, int& type, int& err) {
+int InstallAction::verifyOnce() {
+    if (payload_.valid()) {
+        return packagesign::kOk;  // the payload step verified it already
+    }
+    if (download_.valid()) {
+        return payload_.verifyInPlace(std::move(download_));
+    }
+    if (packagePath_.empty()) {
+        return packagesign::kUnreadableFile;
+    }
     const std::string staging = PackageFiles::sStagingDir();
-    verified = staging.empty() ? std::string() : staging + sVerifiedQpkLocalName;
-    // The signer's certificate goes into the plugin's folder as it was
-    // checked, through its descriptor: never into a link put in its place.
-    const datacenter::PluginTree dataDir(PluginManager::sGetPluginDataPath(pluginId_));
-    // An upgrade's certificate replaces the installed one: that goes aside first.
-    const bool kept = !backup_ || backup_->beforeFile("dev_cert");
-    const std::string cert = dataDir.isOpen() && kept ? dataDir.pinnedPath("dev_cert") : std::string();
-    errno = 0;
-    const int code = verified.empty()
-                         ? packagesign::kWriteFailed
-                         : packagesign::verifyPackageAndType(packagePath_, verified, cert, sCaCertPath(), type);
-    err = errno;
-    return code;
+    return staging.empty() ? packagesign::kWriteFailed : payload_.copyFrom(packagePath_, staging);
 }
 
-ApiErrorCode InstallAction::finishVerification(int code, int err, const std::string& verified, bool keepOriginal) {
-    LOG(INFO) << "installPlugin packagepath is " << packagePath_;
-    LOG(INFO) << "installPlugin path is " << verified;
+bool InstallAction::writeSignerCertificate() {
+    // The signer's certificate goes into the plugin's folder as it was
+    // checked, through its descriptor: never into a link put in its place.
+    // An upgrade's certificate replaces the installed one: that goes aside first.
+    const datacenter::PluginTree dataDir(PluginManager::sGetPluginDataPath(pluginId_));
+    return dataDir.isOpen() && (!backup_ || backup_->beforeFile("dev_cert")) &&
+           datacenter::File::sWriteAtomically(dataDir.pinnedPath("dev_cert"), payload_.signerPem());
+}
+
+ApiErrorCode InstallAction::finishVerification(int code, int err, bool keepOriginal) {
+    LOG(INFO) << "installPlugin packagepath is " << packageLabel();
+    LOG(INFO) << "installPlugin path is " << payloadLabel();
+    if (code == packagesign::kOk && !writeSignerCertificate()) {
+        err = errno;
+        code = packagesign::kWriteFailed;
+    }
     LOG(INFO) << "installPlugin signCode is " << code;
     PackageFiles::sLogSignRefusal("installPlugin", code, err);
     if (code != 0) {
+        payload_.reset();
         return API_VERIFY_SIGN_FAILED;
     }
-    if (!keepOriginal) {
+    if (!keepOriginal && !packagePath_.empty()) {
         datacenter::File::sDelete(packagePath_);
     }
-    packagePath_ = verified;
     return API_SUCCESS;
 }
 
 ApiErrorCode InstallAction::verifySignChecked(std::initializer_list<int> accepted, bool keepOriginal) {
-    std::string verified;
-    int verifiedType = -1;
-    int err = 0;
-    const int code = verifyIntoStaging(verified, verifiedType, err);
-    // Only verified bytes decide what is installed; the type read from an
-    // unverified package merely picks which refusal is reported.
-    const int type = code == 0 ? verifiedType : getSignType(packagePath_);
+    errno = 0;
+    const int code = verifyOnce();
+    const int err = errno;
+    // Only verified bytes decide what is installed; the type an unverified
+    // package claims merely picks which refusal is reported.
+    const int type = code == 0 ? payload_.signType() : payload_.claimedSignType();
     LOG(INFO) << "installPlugin signType is " << type;
     if (std::find(accepted.begin(), accepted.end(), type) == accepted.end()) {
         LOG(INFO) << "installPlugin signType is PluginSignTypeError";
-        if (code == 0) {
-            datacenter::File::sDelete(verified);
-        }
+        payload_.reset();
         return API_SIGN_TYPE_UNSUPPORTED;
     }
-    return finishVerification(code, err, verified, keepOriginal);
+    return finishVerification(code, err, keepOriginal);
 }
 
 ApiErrorCode InstallAction::verifySignImpl(bool keepOriginal) {
-    std::string verified;
-    int type = -1;
-    int err = 0;
-    const int code = verifyIntoStaging(verified, type, err);
-    return finishVerification(code, err, verified, keepOriginal);
+    errno = 0;
+    const int code = verifyOnce();
+    return finishVerification(code, errno, keepOriginal);
 }
 
 ApiErrorCode InstallAction::readPayload(std::string& tmpDir, bool checkUpdate) {
-    std::string zipPath;
-    ApiErrorCode code = putPackageToTmpDir(packagePath_, tmpDir, zipPath);
+    ApiErrorCode code = API_SUCCESS;
+    if (!download_.valid() && packagePath_.empty()) {
+        LOG(ERROR) << "installFromLocal para is EMPTY!!";
+        code = API_EMPTY_ARGUMENT;
+    } else if (!download_.valid() && !datacenter::File::sExists(packagePath_)) {
+        code = API_PACKAGE_NOT_EXIST;
+    } else {
+        tmpDir = PackageFiles::sStagingDir();
+        errno = 0;
+        const int signCode = tmpDir.empty() ? packagesign::kWriteFailed : verifyOnce();
+        const int err = errno;
+        LOG(INFO) << "installFromLocal signCode is " << signCode;
+        PackageFiles::sLogSignRefusal("installFromLocal", signCode, err);
+        code = signCode == 0 ? API_SUCCESS : API_VERIFY_SIGN_FAILED;
+    }
     if (code == API_SUCCESS) {
-        const std::string id = getIdFromPackage(zipPath);
-        // The id names directories and ends up in command lines: only a plain token will do.
-        if (!datacenter::isSafePluginId(id)) {
-            LOG(ERROR) << "getPackage: the package carries no usable plugin id '" << id << "'";
-            return API_GET_PACKAGE_FAILED;
-        }
-        pluginId_ = id;
-        {
-            std::lock_guard<std::mutex> lock(recordMutex_);
-            pluginInfo_.id = id;
-        }
-        if (checkUpdate) {
-            checkIsUpdate();
-        }
-        if (!journalStep()) {
-            return API_GENERAL_FAILURE;
-        }
+        code = takePayloadId(checkUpdate);
     }
     const std::string dataDir = PluginManager::sGetPluginDataPath(pluginId_);
     if (!dataDir.empty() && !datacenter::Directory::sExists(dataDir)) {
         datacenter::Directory::sCreateDirectory(dataDir);
     }
     return code;
+}
+
+ApiErrorCode InstallAction::takePayloadId(bool checkUpdate) {
+    const std::string id = PackageFiles::sGetIdFromPayload(payload_.fd(), payload_.size(), payloadLabel());
+    // The id names directories and ends up in command lines: only a plain token will do.
+    if (!datacenter::isSafePluginId(id)) {
+        LOG(ERROR) << "getPackage: the package carries no usable plugin id '" << id << "'";
+        return API_GET_PACKAGE_FAILED;
+    }
+    pluginId_ = id;
+    {
+        std::lock_guard<std::mutex> lock(recordMutex_);
+        pluginInfo_.id = id;
+    }
+    if (checkUpdate) {
+        checkIsUpdate();
+    }
+    return journalStep() ? API_SUCCESS : API_GENERAL_FAILURE;
 }

@@ -12,8 +12,10 @@
 #include <string>
 #include <vector>
 
+#include "Plugin/installAction/VerifiedPayload.h"
 #include "common/ApiErrorCode.h"
 #include "common/PluginInfo.h"
+#include "storage/UniqueFd.h"
 
 class InstallJournal;
 class UpgradeBackup;
@@ -42,7 +44,8 @@ public:
     // Undoes a failed installation of a plugin that was not installed before.
     virtual void cleanWhenFailed();
     virtual std::string statOnceString() = 0;
-    // Removes the package file the pipeline worked on.
+    // Lets go of the package the pipeline worked on (a download and a
+    // verified payload have no name: closing them removes them).
     virtual void cleanPackage();
 
     // ---- The pipeline -----------------------------------------------------
@@ -57,8 +60,9 @@ public:
     void checkIsUpdate();
     // Disables an installed version before it is replaced: 0 or the status change's code.
     ApiErrorCode changeStatusBeforeInstall();
-    // Downloads url_ to `target` on the calling thread: 0, 2003 or 2007.
-    ApiErrorCode downloadPackage(const std::string& target);
+    // Downloads url_ on the calling thread into an unnamed file of the
+    // staging folder; `label` names it in log lines. 0, 2003 or 2007.
+    ApiErrorCode downloadPackage(const std::string& label);
     // A copy of the progress record, with the download's progress.
     datacenter::PluginInfo getPluginInfo();
     // The names of the steps entered so far, in order.
@@ -69,7 +73,7 @@ public:
     // with 2007 and the step that needed it fails. Steps past the download
     // run to their end, so that nothing is left half installed.
     void stopDownload();
-    // Checks the signature of packagePath_ into the staging folder and
+    // Checks the package's signature (unless the payload step did) and
     // continues with the verified payload: 0 or 2508.
     ApiErrorCode verifySignImpl(bool keepOriginal);
 
@@ -80,7 +84,8 @@ public:
     std::string getIdFromPackage(const std::string& zipPath);
     // Unpacks the payload into destDir; false for a bad or unsafe archive.
     bool unzip(std::string zipPath, std::string destDir);
-    // Unpacks packagePath_ into the data directory: 0, 2529 or 1008.
+    // Unpacks the verified payload (packagePath_ for a source without a
+    // signature) into the data directory: 0, 2529 or 1008.
     ApiErrorCode unzipFile();
     // Each check reads `manifest`, by default the plugin's own "etc/manifest".
     static bool sCheckSdkLevel(const std::string& id, const std::string& manifest = "");
@@ -117,10 +122,15 @@ public:
     const std::string& packagePath() const { return packagePath_; }
 
 protected:
-    // The payload step of local and URL sources: checks packagePath_'s
-    // signature into the working directory `tmpDir`, reads the plugin id and
-    // creates its data directory. 0, 2, 2503, 2508, or 2504 without a usable id.
+    // The payload step of local and URL sources: verifies the package once
+    // (the given file's payload copied into an unnamed file of the staging
+    // folder `tmpDir`, a download where it is), reads the plugin id from the
+    // verified payload and creates the data directory. 0, 2, 2503, 2508, or
+    // 2504 without a usable id.
     ApiErrorCode readPayload(std::string& tmpDir, bool checkUpdate);
+    // Reads the plugin id from the verified payload and records the
+    // installation in the journal: 0, 2504 or 4.
+    ApiErrorCode takePayloadId(bool checkUpdate);
     // Verifies packagePath_ and checks that the sign type inside the verified
     // bytes is one of `accepted`: 0, 2509 (type refused) or 2508.
     ApiErrorCode verifySignChecked(std::initializer_list<int> accepted, bool keepOriginal);
@@ -131,11 +141,16 @@ protected:
     void setStatus(datacenter::PluginStatus status);
     // Writes the step's name to standard output and keeps it for steps().
     void enterStep(const char* step);
-    // Verifies packagePath_ into the staging folder; the signing library's code.
     // 2529 when the plugin's directory is a link or not a folder.
     ApiErrorCode refuseUnusableDataDir() const;
-    int verifyIntoStaging(std::string& verified, int& type, int& err);
-    ApiErrorCode finishVerification(int code, int err, const std::string& verified, bool keepOriginal);
+    // Verifies the package where nothing did yet; the signing library's code.
+    int verifyOnce();
+    // Puts the signer's certificate into the plugin's folder as "dev_cert".
+    bool writeSignerCertificate();
+    ApiErrorCode finishVerification(int code, int err, bool keepOriginal);
+    // What log lines call the package and the verified payload.
+    std::string packageLabel() const;
+    std::string payloadLabel() const;
     void setFailure(ApiErrorCode code);
     // Before an installed version is disabled: records that the upgrade
     // keeps it aside and whether it was running. False when that failed.
@@ -169,4 +184,7 @@ protected:
     bool wasEnabled_ = false;        // the old version ran before the upgrade
     bool rolledBack_ = false;        // the old version and its records are back
     std::unique_ptr<UpgradeBackup> backup_;
+    std::string downloadLabel_;      // where a download would lie, had it a name
+    datacenter::UniqueFd download_;  // the downloaded package, until it is verified
+    VerifiedPayload payload_;        // what unpacking reads
 };

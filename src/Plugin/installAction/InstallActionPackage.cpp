@@ -75,7 +75,9 @@ bool InstallAction::unzip(std::string zipPath, std::string destDir) {
 
 ApiErrorCode InstallAction::unzipFile() {
     const std::string dataDir = PluginManager::sGetPluginDataPath(pluginId_);
-    const bool unpacked = unzip(packagePath_, dataDir);
+    const bool unpacked = payload_.valid() ? PackageFiles::sUnzipPayload(payload_.fd(), payload_.size(), payloadLabel(),
+                                                                         dataDir, backup_.get())
+                                           : unzip(packagePath_, dataDir);
     if (backup_) {
         backup_->sync();
     }

@@ -24,6 +24,7 @@ std::string InstallFromLocal::statOnceString() {
 }
 
 void InstallFromLocal::cleanPackage() {
+    InstallAction::cleanPackage();
     if (!keepPackage_) {
         datacenter::File::sDelete(packagePath_);
     }

@@ -26,7 +26,7 @@ ApiErrorCode InstallFromServer::getPackage() {
     if (staging.empty()) {
         return API_DOWNLOAD_FAILED;
     }
-    return downloadPackage(staging + "korvia.qpk");
+    return downloadPackage(staging + PluginManager::sDownloadQpkLocalName);
 }
 
 ApiErrorCode InstallFromServer::verifySign() {

@@ -29,5 +29,3 @@ ApiErrorCode InstallFromUrl::verifySign() {
 std::string InstallFromUrl::statOnceString() {
     return "plugin_install_url";
 }
-
-void InstallFromUrl::cleanPackage() {}

@@ -6,12 +6,11 @@ class InstallFromUrl : public InstallAction {
 public:
     explicit InstallFromUrl(const std::string& url);
     ApiErrorCode checkBeforeInstall(const std::string& id) override;
-    // Downloads to the staging folder, then reads the payload like a local package.
+    // Downloads into an unnamed file of the staging folder and verifies it
+    // there, then reads the payload's id like a local package's.
     ApiErrorCode getPackage() override;
     ApiErrorCode verifySign() override;
     std::string statOnceString() override;
-    // The downloaded and verified files stay for the developer to inspect.
-    void cleanPackage() override;
 
 private:
     std::string downloadPath_;

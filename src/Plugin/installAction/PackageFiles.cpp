@@ -67,19 +67,25 @@ bool sameEntries(zip_t* archive, const ArchiveLayout& layout) {
     return true;
 }
 
-// Opens the payload at `zipPath` through libzip over the archive's extent
-// only: a stub in front of it and junk behind it are no part of it. `problem`
-// says why its layout does not hold together; the archive may be open all
-// the same, for reading the manifest. libzip must see the same entries under
-// the same names as the layout, or the checks would be about other bytes.
-void openPayload(const std::string& zipPath, UnpackArchive& out, ArchiveLayout& layout, std::string& problem) {
-    FILE* file = std::fopen(zipPath.c_str(), "rbe");
+// Opens the payload in the first `size` bytes of `fd` through libzip over
+// the archive's extent only: a stub in front of it and junk (or a package's
+// signature) behind it are no part of it. `problem` says why its layout does
+// not hold together; the archive may be open all the same, for reading the
+// manifest. libzip must see the same entries under the same names as the
+// layout, or the checks would be about other bytes.
+void openPayload(int fd, uint64_t size, UnpackArchive& out, ArchiveLayout& layout, std::string& problem) {
+    const int copy = fd < 0 ? -1 : fcntl(fd, F_DUPFD_CLOEXEC, 0);
+    FILE* file = copy < 0 ? nullptr : fdopen(copy, "rb");
     if (!file) {
+        const int err = errno;
+        if (copy >= 0) {
+            close(copy);
+        }
         out.openError = ZIP_ER_OPEN;
-        problem = std::string("it cannot be opened: ") + std::strerror(errno);
+        problem = std::string("it cannot be opened: ") + std::strerror(err);
         return;
     }
-    problem = readArchiveLayout(fileno(file), layout);
+    problem = readArchiveLayout(fileno(file), layout, size);
     if (layout.length == 0) {
         out.openError = ZIP_ER_NOZIP;
         std::fclose(file);
@@ -107,6 +113,11 @@ void openPayload(const std::string& zipPath, UnpackArchive& out, ArchiveLayout& 
     if (out.archive && problem.empty() && !sameEntries(out.archive.get(), layout)) {
         problem = "libzip reads other entries than its central directory lists";
     }
+}
+
+// A payload named by path, opened without blocking on a FIFO put in its place.
+int openForReading(const std::string& path) {
+    return open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
 }
 
 struct Entry {
@@ -499,18 +510,20 @@ ApiErrorCode PackageFiles::sPutPackageToTmpDir(const std::string& package, std::
 }
 
 std::string PackageFiles::sGetIdFromPackage(const std::string& zipPath) {
-    if (!datacenter::File::sExists(zipPath)) {
-        return std::string();
-    }
+    const datacenter::UniqueFd fd(openForReading(zipPath));
+    return fd.valid() ? sGetIdFromPayload(fd.get(), UINT64_MAX, zipPath) : std::string();
+}
+
+std::string PackageFiles::sGetIdFromPayload(int fd, uint64_t size, const std::string& label) {
     // Only the manifest is read here; whether the archive may be unpacked is
     // the unpacking step's to say (2529), with its reason.
     UnpackArchive unpack;
     ArchiveLayout layout;
     std::string problem;
-    openPayload(zipPath, unpack, layout, problem);
+    openPayload(fd, size, unpack, layout, problem);
     if (!unpack.archive) {
         LOG(ERROR) << "getIdFromPackage unzip failed. zip open error. error is " << unpack.openError << "\npath is "
-                   << zipPath;
+                   << label;
         LOG(ERROR) << "getIdFromPackage: the payload is no readable zip archive: " << problem;
         return std::string();
     }
@@ -539,18 +552,24 @@ std::string PackageFiles::sGetIdFromPackage(const std::string& zipPath) {
 }
 
 bool PackageFiles::sUnzip(const std::string& zipPath, const std::string& destDir, UpgradeBackup* backup) {
-    if (!datacenter::File::sExists(zipPath) || destDir.empty()) {
+    const datacenter::UniqueFd fd(openForReading(zipPath));
+    return fd.valid() && sUnzipPayload(fd.get(), UINT64_MAX, zipPath, destDir, backup);
+}
+
+bool PackageFiles::sUnzipPayload(int fd, uint64_t size, const std::string& label, const std::string& destDir,
+                                 UpgradeBackup* backup) {
+    if (destDir.empty()) {
         return false;
     }
     datacenter::Directory::sCreateDirectory(destDir);
     UnpackArchive unpack;
     ArchiveLayout layout;
     std::string problem;
-    openPayload(zipPath, unpack, layout, problem);
+    openPayload(fd, size, unpack, layout, problem);
     zip_t* const archive = unpack.archive.get();
     if (!archive) {
         LOG(ERROR) << "unzip Function failed. zip open error. error is " << unpack.openError;
-        LOG(ERROR) << "path is " << zipPath;
+        LOG(ERROR) << "path is " << label;
     }
     if (!problem.empty()) {
         LOG(ERROR) << "unzip refused: the archive is malformed or unsupported: " << problem;

@@ -3,6 +3,7 @@
 // manager's helpers of the same names: checking a local package into a
 // working directory, reading the plugin id, unpacking, and the walk that
 // records the files a plugin brought.
+#include <cstdint>
 #include <map>
 #include <string>
 #include <vector>
@@ -29,6 +30,9 @@ public:
     // be followed, or when the manifest would pull in other files with
     // "@include".
     static std::string sGetIdFromPackage(const std::string& zipPath);
+    // The same for the payload in the first `size` bytes of `fd`; `label`
+    // names it in log lines.
+    static std::string sGetIdFromPayload(int fd, uint64_t size, const std::string& label);
     // Unpacks every entry below `destDir`. Refuses, before writing anything,
     // archives whose headers disagree (see ArchiveLayout.h) or that hold
     // encrypted entries, unsupported methods or several disks, and entries
@@ -38,6 +42,10 @@ public:
     // With `backup`, every entry an old version has at a name is moved aside
     // into it before the name is written, and every new name is listed there.
     static bool sUnzip(const std::string& zipPath, const std::string& destDir, UpgradeBackup* backup = nullptr);
+    // The same for the payload in the first `size` bytes of `fd`, read by
+    // offset only, so the bytes unpacked are those of that descriptor.
+    static bool sUnzipPayload(int fd, uint64_t size, const std::string& label, const std::string& destDir,
+                              UpgradeBackup* backup = nullptr);
     // The sandbox mount points and system folders that a file record leaves out.
     static std::map<std::string, bool> sGetIgnoreFiles(const std::string& dataDir);
     // Appends `path` and, depth first, everything below it except ignored paths.

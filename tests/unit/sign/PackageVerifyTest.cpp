@@ -1,4 +1,6 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <boost/filesystem.hpp>
 #include <set>
@@ -7,6 +9,7 @@
 
 #include "sign/PackageFormat.h"
 #include "sign/PackageSign.h"
+#include "storage/UniqueFd.h"
 #include "unit/sign/SignFixture.h"
 
 using namespace packagesign;
@@ -52,6 +55,19 @@ TEST_F(PackageVerify, RoundTripOfBothSignTypesWritesPayloadAndSignerCertificate)
         EXPECT_EQ(payload.size(), header.payloadSize);
         EXPECT_NE(std::string::npos, header.signerSubject.find(signer == std::string("official") ? "Official Signer"
                                                                                                  : "Developer Signer"));
+
+        // Through descriptors: the payload appended to a given file, or left in place.
+        const datacenter::UniqueFd in(::open(package.c_str(), O_RDONLY | O_CLOEXEC));
+        const datacenter::UniqueFd copy(::open(work("").c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
+        for (const int payloadFd : {copy.get(), -1}) {
+            VerifiedPackage verified;
+            ASSERT_EQ(kOk, verifyPackageFd(in.get(), payloadFd, ca(), verified));
+            EXPECT_EQ(type, verified.signType);
+            EXPECT_EQ(payload.size(), verified.payloadSize);
+            EXPECT_EQ(readFile(pki(std::string(signer) + ".pem")), verified.signerPem);
+        }
+        EXPECT_EQ(payload, testsupport::readFd(copy.get()));
+        EXPECT_EQ(0, ::lseek(in.get(), 0, SEEK_CUR));  // read by offset only
     }
 }
 
@@ -112,6 +128,11 @@ TEST_F(PackageVerify, FilesThatAreNotSignedPackagesAreRefused) {
         EXPECT_LT(getSignType(work(name)), 0) << name;
         EXPECT_NE(kOk, verifyPackage(work(name), work("out.zip"), work("cert"), ca())) << name;
         EXPECT_FALSE(exists(work("out.zip"))) << name;
+        const datacenter::UniqueFd in(::open(work(name).c_str(), O_RDONLY | O_CLOEXEC));
+        VerifiedPackage verified;
+        EXPECT_NE(kOk, verifyPackageFd(in.get(), -1, ca(), verified)) << name;
+        EXPECT_EQ(-1, verified.signType) << name;
+        EXPECT_EQ("", verified.signerPem) << name;
     }
     EXPECT_EQ(kNotPackage, verifyPackage(work("empty.qpk"), work("out.zip"), "", ca()));
     EXPECT_EQ(kUnreadableFile, getSignType(work("missing.qpk")));
