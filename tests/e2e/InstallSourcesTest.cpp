@@ -3,9 +3,11 @@
 // progress record shows and what a failure leaves.
 #include <gtest/gtest.h>
 
+#include <boost/filesystem.hpp>
 #include <chrono>
 #include <memory>
 #include <thread>
+#include <vector>
 
 #include "Plugin/PluginManager.h"
 #include "common/Singleton.h"
@@ -38,7 +40,61 @@ datacenter::PluginInfo finished(PluginManager* manager) {
     return info;
 }
 
+// The names in the staging folder (none when it does not exist).
+std::vector<std::string> stagedNames() {
+    std::vector<std::string> names;
+    const std::string staging = underRoot("/userdisk/appdata/local_install_tmp");
+    if (exists(staging)) {
+        for (const auto& entry : boost::filesystem::directory_iterator(staging)) {
+            names.push_back(entry.path().filename().string());
+        }
+    }
+    return names;
+}
+
 }  // namespace
+
+// Downloads and verified payloads live in files without a name: nothing that
+// reaches the user disk can open them while an installation runs, and
+// nothing of them is left whatever the outcome.
+TEST(InstallSources, NoPackageOrPayloadEverHasANameInTheStagingFolder) {
+    PackageFactory factory;
+    PackageSpec official;
+    official.signType = 1;
+    official.signer = "official";
+    official.files["big.bin"] = std::string(256 * 1024, 'x');
+    const std::string good = testsupport::readFile(factory.build(official, "named-official"));
+    std::string flipped = good;
+    flipped[20] = static_cast<char>(flipped[20] ^ 1);
+    HttpTestServer server;
+    server.route("/slow.qpk", HttpResponse::slow(good, 16 * 1024, 20));
+    server.route("/flipped.qpk", HttpResponse::text(200, flipped));
+    server.route("/dev.qpk", HttpResponse::text(200, testsupport::readFile(factory.build(PackageSpec(), "named-dev"))));
+    PluginManager* manager = Singleton<PluginManager>::instance();
+
+    ASSERT_EQ(API_SUCCESS, manager->installFromServer(official.id, server.url("/slow.qpk")));
+    datacenter::PluginInfo info;
+    for (int i = 0; i < 6000 && manager->getUrlInstallPlugin(info) == API_SUCCESS && info.progress < 10 &&
+                    info.status == datacenter::DOWNLOADING;
+         ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    EXPECT_EQ(std::vector<std::string>(), stagedNames()) << "while downloading";
+    EXPECT_EQ(API_SUCCESS, finished(manager).errorCode);
+    EXPECT_EQ(std::vector<std::string>(), stagedNames()) << "after a server installation";
+
+    const struct {
+        const char* what;
+        std::string url;
+        ApiErrorCode code;
+    } urls[] = {{"a flipped byte", server.url("/flipped.qpk"), API_VERIFY_SIGN_FAILED},
+                {"a developer package", server.url("/dev.qpk"), API_SUCCESS}};
+    for (const auto& row : urls) {
+        ASSERT_EQ(API_SUCCESS, manager->installFromUrl(row.url)) << row.what;
+        EXPECT_EQ(row.code, finished(manager).errorCode) << row.what;
+        EXPECT_EQ(std::vector<std::string>(), stagedNames()) << row.what;
+    }
+}
 
 TEST(InstallFromServer, RunsOnItsOwnThreadAndRefusesASecondInstallation) {
     PackageFactory factory;
