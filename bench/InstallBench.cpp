@@ -4,7 +4,9 @@
 // then unzipping it. The three take turns run by run, each in a fresh root,
 // and each program's time is the median of its runs. Also reports the peak
 // resident set size of installplugin (ru_maxrss of the child), and that of
-// the qpk sign that made each package: both stream the payload.
+// the qpk sign that made each package: both stream the payload. Downloaded
+// installations (plugincenter install-url and install-server from a loopback
+// HTTP server) report the bytes they write against payload + unpacked files.
 //
 // Environment: DC_BENCH_INSTALLPLUGIN and DC_BENCH_QPK override the programs
 // (the armhf build runs its own installplugin), DC_BENCH_EMULATOR is a
@@ -23,12 +25,14 @@
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "BenchRoot.h"
 #include "Plugin/installAction/InstallAction.h"
+#include "support/HttpTestServer.h"
 
 extern char** environ;
 
@@ -136,9 +140,15 @@ void copyProgram(const std::string& to) {
 
 struct Package {
     std::string qpk, zip, signature;
+    std::string officialQpk;   // the same payload signed as an official package
     long signPeakKiB = 0;      // peak RSS of the qpk sign that made it
     double unpackedBytes = 0;  // the files the payload holds
 };
+
+std::string readWhole(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
 
 double sizeOf(const std::string& path) {
     return static_cast<double>(fs::file_size(path));
@@ -151,6 +161,7 @@ public:
           template_(bench::underRoot("/template")),
           qpk_(setting("DC_BENCH_QPK", DC_BENCH_QPK)),
           installplugin_(setting("DC_BENCH_INSTALLPLUGIN", DC_BENCH_INSTALLPLUGIN)),
+          plugincenter_(setting("DC_BENCH_PLUGINCENTER", DC_BENCH_PLUGINCENTER)),
           emulator_(words(setting("DC_BENCH_EMULATOR", ""))) {
         mustRun({"bash", std::string(DC_SOURCE_DIR) + "/scripts/make-test-pki", work_ + "/pki"}, work_);
         // The root every installation starts from: the CA where the
@@ -170,7 +181,8 @@ public:
     Package make(int files, long megabytes) {
         const std::string name = std::to_string(files) + "-" + std::to_string(megabytes);
         const std::string tree = work_ + "/" + name + ".tree";
-        Package package{work_ + "/" + name + ".qpk", work_ + "/" + name + ".zip", work_ + "/" + name + ".sig"};
+        Package package{work_ + "/" + name + ".qpk", work_ + "/" + name + ".zip", work_ + "/" + name + ".sig",
+                        work_ + "/" + name + ".official.qpk"};
         if (fs::exists(package.qpk)) {
             std::ifstream(package.zip + ".unpacked") >> package.unpackedBytes;
             return package;
@@ -200,6 +212,9 @@ public:
             std::exit(1);
         }
         package.signPeakKiB = sign.peakKiB;
+        mustRun({qpk_, "sign", "--key", pki + "official.key", "--cert", pki + "official.pem", "--type", "1",
+                 package.zip, package.officialQpk},
+                work_);
         mustRun({"openssl", "cms", "-sign", "-binary", "-in", package.zip, "-signer", pki + "developer.pem", "-inkey",
                  pki + "developer.key", "-outform", "DER", "-out", package.signature},
                 work_);
@@ -215,6 +230,18 @@ public:
         argv.insert(argv.end(), {installplugin_, "-f", qpk});
         Run run = spawnAndWait(argv, root);
         // installplugin answers 0 either way; success leaves the plugin's manifest.
+        run.ok = run.ok && fs::exists(root + "/userdisk/appdata/app_infos/" + kPluginId + ".manifest");
+        fs::remove_all(root);
+        return run;
+    }
+
+    // plugincenter installing from `url`, with the words `how` ("install-url URL").
+    Run installDownloaded(const std::vector<std::string>& how) {
+        const std::string root = freshRoot();
+        std::vector<std::string> argv = emulator_;
+        argv.push_back(plugincenter_);
+        argv.insert(argv.end(), how.begin(), how.end());
+        Run run = spawnAndWait(argv, root);
         run.ok = run.ok && fs::exists(root + "/userdisk/appdata/app_infos/" + kPluginId + ".manifest");
         fs::remove_all(root);
         return run;
@@ -259,7 +286,7 @@ private:
         return root;
     }
 
-    std::string work_, template_, qpk_, installplugin_;
+    std::string work_, template_, qpk_, installplugin_, plugincenter_;
     std::vector<std::string> emulator_;
 };
 
@@ -311,6 +338,29 @@ void InstallVsUnzip(benchmark::State& state) {
     state.counters["content_kib"] = (sizeOf(package.zip) + package.unpackedBytes) / 1024;
 }
 
+// Arguments: file count, package size in MB. One iteration installs once
+// from a URL and once from the maker's server, both served from memory.
+void InstallDownloaded(benchmark::State& state) {
+    const Package package = gFixture->make(static_cast<int>(state.range(0)), state.range(1));
+    testsupport::HttpTestServer server;
+    server.route("/developer.qpk", testsupport::HttpResponse::text(200, readWhole(package.qpk)));
+    server.route("/official.qpk", testsupport::HttpResponse::text(200, readWhole(package.officialQpk)));
+    std::vector<double> url, fromServer;
+    for (auto _ : state) {
+        const Run byUrl = gFixture->installDownloaded({"install-url", server.url("/developer.qpk")});
+        const Run byServer = gFixture->installDownloaded({"install-server", kPluginId, server.url("/official.qpk")});
+        if (!byUrl.ok || !byServer.ok) {
+            state.SkipWithError("plugincenter did not install the downloaded package");
+            return;
+        }
+        url.push_back(byUrl.writtenBytes);
+        fromServer.push_back(byServer.writtenBytes);
+    }
+    state.counters["url_written_kib"] = median(url) / 1024;
+    state.counters["server_written_kib"] = median(fromServer) / 1024;
+    state.counters["content_kib"] = (sizeOf(package.zip) + package.unpackedBytes) / 1024;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -329,6 +379,11 @@ int main(int argc, char** argv) {
             ->Unit(benchmark::kMillisecond)
             ->UseRealTime();
     }
+    benchmark::RegisterBenchmark("InstallDownloaded", InstallDownloaded)
+        ->Args({3000, 50})
+        ->Iterations(runs)
+        ->Unit(benchmark::kMillisecond)
+        ->UseRealTime();
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
