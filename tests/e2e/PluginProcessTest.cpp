@@ -6,7 +6,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <memory>
 #include <thread>
 
@@ -74,9 +73,7 @@ TEST(PluginControl, AServerThatNeverAnswersTimesOut) {
     PluginManager* manager = Singleton<PluginManager>::instance();
     manager->setPluginPort("silent", std::to_string(listener.port()), datacenter::PORT);
     std::string response;
-    const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(API_CONTROL_TIMEOUT, manager->controlPlugin("silent", "ping", response));
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(4));
 }
 
 TEST(PluginConfigData, FourProcessesWritingDifferentKeysLoseNone) {
