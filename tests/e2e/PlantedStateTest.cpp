@@ -50,9 +50,7 @@ public:
         if (pid_ == 0) {
             _exit(0);
         }
-        for (int tries = 0; tries < 10000 && !isZombie(); ++tries) {
-            usleep(1000);
-        }
+        testsupport::waitUntil([this] { return isZombie(); });
     }
     ~Zombie() { waitpid(pid_, nullptr, 0); }
     pid_t pid() const { return pid_; }
