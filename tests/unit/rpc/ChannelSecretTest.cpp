@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 
+#include <boost/algorithm/hex.hpp>
 #include <ctime>
 #include <memory>
 #include <utility>
@@ -48,16 +49,6 @@ std::string hash(const EVP_MD* type, const std::string& data) {
     unsigned int length = 0;
     EVP_Digest(data.data(), data.size(), digest, &length, type, nullptr);
     return std::string(reinterpret_cast<char*>(digest), length);
-}
-
-std::string hex(const std::string& bytes) {
-    static const char digits[] = "0123456789abcdef";
-    std::string text;
-    for (const unsigned char c : bytes) {
-        text += digits[c >> 4];
-        text += digits[c & 15];
-    }
-    return text;
 }
 
 std::string decrypt(const std::string& key, const std::string& iv, const std::string& cipher) {
@@ -118,7 +109,7 @@ VerifiedQuery verifyAsServer(const std::string& query, const std::string& channe
     const std::string ivText = pairs[pairs.size() - 2].second;
     const std::string iv = decodeUrlSafeBase64(ivText);
     const std::string key = hash(EVP_sha256(), decodeBase64(channelSecret) + nonce);
-    result.keyHex = hex(key);
+    result.keyHex = boost::algorithm::hex_lower(key);
 
     std::string parameterText;
     for (size_t i = 1; i + 3 < pairs.size(); ++i) {
