@@ -29,11 +29,15 @@ std::string dataDir() {
     return PluginManager::sGetPluginDataPath(kId);
 }
 
-void leaveJournal(bool upgrade, bool freshTree, const std::string& id = kId) {
+// The record of an installer of kId that died; an upgrade's found the plugin running.
+void leaveJournal(bool upgrade, bool freshTree, bool backup = false, bool committed = false) {
     InstallJournal::Entry entry;
-    entry.id = id;
+    entry.id = kId;
     entry.upgrade = upgrade;
     entry.freshTree = freshTree;
+    entry.backup = backup;
+    entry.wasEnabled = upgrade;
+    entry.committed = committed;
     InstallJournal journal;
     ASSERT_TRUE(journal.tryLock());
     ASSERT_TRUE(journal.record(entry));
@@ -106,17 +110,7 @@ TEST(InstallRecovery, AnInterruptedUpgradeEndsWithOneCompleteVersion) {
         writeFile(dataDir() + "bin/app", "new");
         writeFile(dataDir() + "new/file", "added");
         writeFile(testsupport::storeManifest(kId), "plugin_id = \"" + kId + "\";\nstatus = \"2\";\n");
-        InstallJournal::Entry entry;
-        entry.id = kId;
-        entry.upgrade = true;
-        entry.backup = c.backup;
-        entry.wasEnabled = true;
-        entry.committed = c.committed;
-        {
-            InstallJournal journal;
-            ASSERT_TRUE(journal.tryLock());
-            ASSERT_TRUE(journal.record(entry));
-        }
+        leaveJournal(true, false, c.backup, c.committed);
         testsupport::LogCapture log;
         std::string restart;
         EXPECT_TRUE(InstallJournal::sRecover(&restart));
