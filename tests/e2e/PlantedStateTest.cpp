@@ -23,7 +23,6 @@
 
 #include "Plugin/PluginManager.h"
 #include "Plugin/TimeMachineMigration.h"
-#include "Plugin/installAction/InstallJournal.h"
 #include "common/Singleton.h"
 #include "support/Golden.h"
 #include "support/LockHolder.h"
@@ -347,17 +346,6 @@ TEST(PlantedState, AttacksAreRefusedAndNothingOutsideChanges) {
                        "id " + kNeighbour + "\nupgrade 0\nfresh_tree 1\nstaged " + store() + "\n");
          },
          list, listsBoth, [] { boost::filesystem::remove(appdata() + ".install.journal"); }},
-        {"the core's own journal names a listed plugin as a fresh install",
-         [] {
-             ASSERT_TRUE(InstallJournal::sEnsurePrivateDir());
-             writeFile(InstallJournal::sJournalPath(), "id " + kNeighbour + "\nupgrade 0\nfresh_tree 1\n");
-         },
-         list,
-         [&](const std::string& outcome) {
-             listsBoth(outcome);
-             EXPECT_FALSE(testsupport::exists(InstallJournal::sJournalPath()));
-         },
-         nothing},
         {"a plugin holds the old lock file",
          [&] {
              holder.reset(new testsupport::LockHolder(appdata() + ".install.lock"));
