@@ -2,6 +2,7 @@
 #include <openssl/evp.h>
 
 #include <boost/algorithm/hex.hpp>
+#include <boost/algorithm/string/split.hpp>
 #include <ctime>
 #include <memory>
 #include <utility>
@@ -70,15 +71,12 @@ std::string decrypt(const std::string& key, const std::string& iv, const std::st
 }
 
 std::vector<std::pair<std::string, std::string>> splitQuery(const std::string& query) {
+    std::vector<std::string> items;
+    boost::algorithm::split(items, query, [](char c) { return c == '&'; });
     std::vector<std::pair<std::string, std::string>> pairs;
-    size_t start = 0;
-    while (start <= query.size()) {
-        size_t end = query.find('&', start);
-        end = end == std::string::npos ? query.size() : end;
-        const std::string item = query.substr(start, end - start);
+    for (const std::string& item : items) {
         const size_t equals = item.find('=');
         pairs.emplace_back(item.substr(0, equals), equals == std::string::npos ? "" : item.substr(equals + 1));
-        start = end + 1;
     }
     return pairs;
 }
