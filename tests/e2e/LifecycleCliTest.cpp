@@ -5,9 +5,7 @@
 #include <sys/stat.h>
 
 #include <boost/filesystem.hpp>
-#include <chrono>
 #include <regex>
-#include <thread>
 
 #include "Plugin/PluginManager.h"
 #include "common/Singleton.h"
@@ -24,13 +22,6 @@ using testsupport::underRoot;
 namespace {
 
 const std::string kId = "5017400000000000100";
-
-bool waitForFile(const std::string& path) {
-    for (int i = 0; i < 200 && !boost::filesystem::exists(path); ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    return boost::filesystem::exists(path);
-}
 
 }  // namespace
 
@@ -106,7 +97,7 @@ TEST(PluginControllorStandIn, StartsABinaryBelowTheDataDirectoryAndRefusesOnesTh
                 .exitStatus;
         EXPECT_EQ(name == "bin/app" ? 0 : 2, status) << name;
     }
-    ASSERT_TRUE(waitForFile(marker));
+    ASSERT_TRUE(testsupport::waitUntil([&] { return boost::filesystem::exists(marker); }));
     EXPECT_EQ(dir.substr(0, dir.size() - 1) + "\n", readFile(marker));
 }
 

@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -24,9 +23,9 @@
 
 #include "Plugin/PluginManager.h"
 #include "Plugin/TimeMachineMigration.h"
-#include "Plugin/installAction/InstallJournal.h"
 #include "common/Singleton.h"
-#include "support/LogCapture.h"
+#include "support/Golden.h"
+#include "support/LockHolder.h"
 #include "support/PackageFactory.h"
 #include "support/SleepingChild.h"
 #include "support/TestSupport.h"
@@ -50,9 +49,7 @@ public:
         if (pid_ == 0) {
             _exit(0);
         }
-        for (int tries = 0; tries < 10000 && !isZombie(); ++tries) {
-            usleep(1000);
-        }
+        testsupport::waitUntil([this] { return isZombie(); });
     }
     ~Zombie() { waitpid(pid_, nullptr, 0); }
     pid_t pid() const { return pid_; }
@@ -73,14 +70,6 @@ int pidMax() {
     int value = 4194304;
     in >> value;
     return value;
-}
-
-std::string logText(const testsupport::LogCapture& log) {
-    std::string text;
-    for (const auto& line : log.records()) {
-        text += line.text + "\n";
-    }
-    return text;
 }
 
 size_t count(const std::string& text, const std::string& what) {
@@ -191,7 +180,7 @@ TEST(PlantedPids, OnlyThePluginsOwnProcessesAreStopped) {
         testsupport::LogCapture log;
         std::unique_ptr<AbsPlugin> plugin(manager->createPlugin("p"));
         plugin->killProcesses();
-        const std::string text = logText(log);
+        const std::string text = testsupport::logText(log);
         EXPECT_NE(std::string::npos, text.find(c.logged)) << c.name << "\n" << text;
         EXPECT_LE(count(text, "skip pid"), 64u) << c.name;
         if (c.ownPolite > 0) {
@@ -259,44 +248,6 @@ void undoTimeMachine() {
     boost::filesystem::remove_all(PluginManager::sGetPluginDataPath(TimeMachineInfo::getPluginId()) + "userdisk");
     boost::filesystem::remove_all(noSlash(timecapsuleNewdir()));
 }
-
-// Holds an flock on `path` in a child process until release() or the end.
-class LockHolder {
-public:
-    explicit LockHolder(const std::string& path) {
-        int ready[2];
-        if (pipe(ready) != 0 || pipe(done_) != 0) {
-            return;
-        }
-        pid_ = fork();
-        if (pid_ == 0) {
-            close(ready[0]);
-            close(done_[1]);
-            const int fd = ::open(path.c_str(), O_RDWR | O_CREAT, 0666);
-            const char ok = fd >= 0 && flock(fd, LOCK_EX) == 0 ? '1' : '0';
-            (void)!write(ready[1], &ok, 1);
-            char byte;
-            (void)!read(done_[0], &byte, 1);
-            _exit(0);
-        }
-        close(ready[1]);
-        close(done_[0]);
-        char ok = '0';
-        (void)!read(ready[0], &ok, 1);
-        close(ready[0]);
-        held_ = ok == '1';
-    }
-    ~LockHolder() {
-        close(done_[1]);
-        waitpid(pid_, nullptr, 0);
-    }
-    bool held() const { return held_; }
-
-private:
-    int done_[2] = {-1, -1};
-    pid_t pid_ = -1;
-    bool held_ = false;
-};
 
 // A plugin RPC server that answers one byte at a time, each just inside
 // the per-phase time-out, for as long as the client listens.
@@ -380,7 +331,7 @@ TEST(PlantedState, AttacksAreRefusedAndNothingOutsideChanges) {
         EXPECT_EQ(std::string::npos, outcome.find("TOPSECRET")) << outcome;
     };
     const auto nothing = [] {};
-    std::unique_ptr<LockHolder> holder;
+    std::unique_ptr<testsupport::LockHolder> holder;
     std::unique_ptr<TricklingServer> trickler;
     writeFile(outside() + "/tc/backup", "someone's file");
     writeFile(outside() + "/afp/share/file", "someone's share");
@@ -395,20 +346,9 @@ TEST(PlantedState, AttacksAreRefusedAndNothingOutsideChanges) {
                        "id " + kNeighbour + "\nupgrade 0\nfresh_tree 1\nstaged " + store() + "\n");
          },
          list, listsBoth, [] { boost::filesystem::remove(appdata() + ".install.journal"); }},
-        {"the core's own journal names a listed plugin as a fresh install",
-         [] {
-             ASSERT_TRUE(InstallJournal::sEnsurePrivateDir());
-             writeFile(InstallJournal::sJournalPath(), "id " + kNeighbour + "\nupgrade 0\nfresh_tree 1\n");
-         },
-         list,
-         [&](const std::string& outcome) {
-             listsBoth(outcome);
-             EXPECT_FALSE(testsupport::exists(InstallJournal::sJournalPath()));
-         },
-         nothing},
         {"a plugin holds the old lock file",
          [&] {
-             holder.reset(new LockHolder(appdata() + ".install.lock"));
+             holder.reset(new testsupport::LockHolder(appdata() + ".install.lock"));
              ASSERT_TRUE(holder->held());
          },
          [&] { return tool("installplugin", "-k -f " + package); },
@@ -472,18 +412,6 @@ TEST(PlantedState, AttacksAreRefusedAndNothingOutsideChanges) {
              boost::filesystem::remove(appdata() + "app_infos");
              boost::filesystem::rename(appdata() + "store.real", appdata() + "app_infos");
          }},
-        {"the plugin's RPC server trickles its answer",
-         [&] {
-             trickler.reset(new TricklingServer);
-             ASSERT_GT(trickler->port(), 0);
-             PluginManager::sSetPluginPort(kPlugin, std::to_string(trickler->port()), datacenter::PORT);
-         },
-         [] { return tool("plugincenter", "control " + kPlugin + " ping"); },
-         [](const std::string& outcome) {
-             EXPECT_EQ(0u, outcome.find("1 ")) << outcome;
-             EXPECT_NE(std::string::npos, outcome.find("1055")) << outcome;
-         },
-         [&] { trickler.reset(); }},
         {"the plugin's RPC server trickles its answer",
          [&] {
              trickler.reset(new TricklingServer);

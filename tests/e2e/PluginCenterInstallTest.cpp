@@ -6,11 +6,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <csignal>
 #include <regex>
 #include <sstream>
-#include <thread>
 
 #include "support/Golden.h"
 #include "support/HttpTestServer.h"
@@ -152,10 +150,8 @@ TEST(PluginCenterInstall, CtrlCStopsTheDownloadAndNothingIsInstalled) {
     }
     ASSERT_GT(child, 0);
     // Interrupted once the transfer shows progress.
-    for (int i = 0; i < 600 && !std::regex_search(testsupport::readFile(output), std::regex("download [1-9][0-9]*%"));
-         ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
+    testsupport::waitUntil(
+        [&] { return std::regex_search(testsupport::readFile(output), std::regex("download [1-9][0-9]*%")); });
     kill(child, SIGINT);
     int status = 0;
     ASSERT_EQ(child, waitpid(child, &status, 0));

@@ -9,6 +9,7 @@
 // shards that run as separate cases; without it they skip.
 #include <gtest/gtest.h>
 
+#include <boost/algorithm/string/split.hpp>
 #include <boost/filesystem.hpp>
 #include <fstream>
 #include <map>
@@ -97,14 +98,9 @@ std::string pluginFiles(const std::string& dir) {
 
 // The first lines that only one of two listings has, or "".
 std::string difference(const std::string& reference, const std::string& installed) {
-    std::istringstream a(reference), b(installed);
     std::set<std::string> left, right;
-    for (std::string line; std::getline(a, line);) {
-        left.insert(line);
-    }
-    for (std::string line; std::getline(b, line);) {
-        right.insert(line);
-    }
+    boost::algorithm::split(left, reference, [](char c) { return c == '\n'; });
+    boost::algorithm::split(right, installed, [](char c) { return c == '\n'; });
     std::string text;
     for (const std::string& line : left) {
         text += right.count(line) ? "" : "  Python: " + line.substr(0, 120) + "\n";

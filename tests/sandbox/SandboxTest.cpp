@@ -6,13 +6,11 @@
 #include <gtest/gtest.h>
 
 #include <boost/filesystem.hpp>
-#include <chrono>
 #include <cstdlib>
 #include <functional>
 #include <map>
 #include <memory>
 #include <sstream>
-#include <thread>
 
 #include "Plugin/BinaryPluginManger.h"
 #include "Plugin/PluginManager.h"
@@ -70,13 +68,6 @@ std::map<std::string, std::string> mountsBelow(const std::string& dir) {
     return mounts;
 }
 
-bool waitForFile(const std::string& path) {
-    for (int i = 0; i < 600 && !fs::exists(path); ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    return fs::exists(path);
-}
-
 // Every regular file below `dir` with its content.
 std::map<std::string, std::string> filesBelow(const std::string& dir) {
     std::map<std::string, std::string> files;
@@ -100,11 +91,8 @@ std::string probePid(const std::string& dir) {
     return at == std::string::npos ? std::string("0") : text.substr(at + 4, text.find('\n', at) - at - 4);
 }
 
-bool waitForGone(const std::string& path) {
-    for (int i = 0; i < 600 && fs::exists(path); ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    return !fs::exists(path);
+bool waitForFile(const std::string& path) {
+    return testsupport::waitUntil([&path] { return fs::exists(path); });
 }
 
 std::string tool(const std::string& name, const std::string& args) {
@@ -190,7 +178,7 @@ TEST(Sandbox, CapabilitiesDecideWhatAChrootedPluginSeesAndUninstallKeepsTheDisks
                                                             seeingPid + ";" + blindPid);
     std::unique_ptr<AbsPlugin>(Singleton<PluginManager>::instance()->createPlugin(kBlind))->killProcesses();
     EXPECT_TRUE(fs::exists("/proc/" + seeingPid + "/root"));
-    EXPECT_TRUE(waitForGone("/proc/" + blindPid + "/root"));
+    EXPECT_TRUE(testsupport::waitUntil([&] { return !fs::exists("/proc/" + blindPid + "/root"); }));
     EXPECT_EQ("sandbox", readFile(underRoot("/tmp/sim-mode")).substr(0, 7));
     // The plugin was already running when its files were recorded: nothing mounted is among them.
     const std::string record = readFile(seeing + "init_files.record");

@@ -31,35 +31,6 @@ std::vector<std::string> splitLines(const std::string& text) {
     return lines;
 }
 
-// A line diff from the longest common subsequence: " " kept, "-" only in the
-// expected text, "+" only in the actual one. Golden texts are short, so the
-// quadratic table is fine.
-std::string lineDiff(const std::vector<std::string>& expected, const std::vector<std::string>& actual) {
-    const size_t n = expected.size();
-    const size_t m = actual.size();
-    std::vector<std::vector<size_t>> common(n + 1, std::vector<size_t>(m + 1, 0));
-    for (size_t i = n; i-- > 0;) {
-        for (size_t j = m; j-- > 0;) {
-            common[i][j] =
-                expected[i] == actual[j] ? common[i + 1][j + 1] + 1 : std::max(common[i + 1][j], common[i][j + 1]);
-        }
-    }
-    std::string diff;
-    size_t i = 0;
-    size_t j = 0;
-    while (i < n || j < m) {
-        if (i < n && j < m && expected[i] == actual[j]) {
-            diff += "  " + expected[i++] + "\n";
-            ++j;
-        } else if (j < m && (i == n || common[i][j + 1] >= common[i + 1][j])) {
-            diff += "+ " + actual[j++] + "\n";
-        } else {
-            diff += "- " + expected[i++] + "\n";
-        }
-    }
-    return diff;
-}
-
 bool updating() {
     const char* update = std::getenv("DC_UPDATE_GOLDEN");
     return update && std::string(update) == "1";
@@ -118,13 +89,11 @@ std::string Placeholders::apply(const std::string& text) const {
     if (expected == produced) {
         return ::testing::AssertionSuccess();
     }
-    return ::testing::AssertionFailure() << "differs from tests/data/" << name << ".expected (- expected, + actual)"
-                                         << (expected.size() && expected.back() != '\n'
-                                                 ? " [expected lacks final newline]"
-                                                 : "")
-                                         << ":\n"
-                                         << lineDiff(splitLines(expected), splitLines(produced))
-                                         << "Rerun with DC_UPDATE_GOLDEN=1 if the change is deliberate.";
+    return ::testing::AssertionFailure()
+           << "differs from tests/data/" << name << ".expected (- expected, + actual)"
+           << (expected.size() && expected.back() != '\n' ? " [expected lacks final newline]" : "") << ":\n"
+           << ::testing::internal::edit_distance::CreateUnifiedDiff(splitLines(expected), splitLines(produced))
+           << "Rerun with DC_UPDATE_GOLDEN=1 if the change is deliberate.";
 }
 
 std::string joinLines(const std::vector<std::string>& lines) {

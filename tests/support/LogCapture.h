@@ -32,12 +32,6 @@ public:
         }
         return result;
     }
-    // Forgets what was captured so far.
-    void clear() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        lines_.clear();
-        severities_.clear();
-    }
     // True when a captured line contains `text`.
     bool contains(const std::string& text) {
         std::lock_guard<std::mutex> lock(mutex_);

@@ -8,10 +8,12 @@
 #include <algorithm>
 #include <array>
 #include <boost/filesystem.hpp>
+#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 
 namespace fs = boost::filesystem;
 
@@ -126,6 +128,14 @@ std::string installOutcome(const std::string& output) {
 
 bool exists(const std::string& path) {
     return fs::exists(fs::symlink_status(path));
+}
+
+bool waitUntil(const std::function<bool()>& condition) {
+    // The bound only turns a hang into a failure; no wait comes near it.
+    for (int i = 0; i < 6000 && !condition(); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return condition();
 }
 
 int inChildProcess(const std::function<int()>& work) {

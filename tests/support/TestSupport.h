@@ -46,6 +46,8 @@ std::string treeText(const std::string& dir, bool withContent = true);
 
 // Whether anything (a dangling link too) is at `path`.
 bool exists(const std::string& path);
+// Polls `condition` until it holds or a minute has passed; its last answer.
+bool waitUntil(const std::function<bool()>& condition);
 // `work` run in a forked child process; its result is the child's exit
 // status, -1 when the child did not exit normally.
 int inChildProcess(const std::function<int()>& work);

@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <random>
@@ -20,6 +19,9 @@
 #include "common/Singleton.h"
 #include "support/PackageFactory.h"
 #include "support/TestSupport.h"
+#include "unit/Plugin/PluginTestSupport.h"
+
+using testsupport::isListed;
 
 namespace {
 
@@ -28,13 +30,6 @@ const char* const kId = "5017400000000000100";
 // Every path below the user disk, sorted: what a trial must leave as it found.
 std::string userdiskTree() {
     return testsupport::runCommand("cd " + testsupport::underRoot("/userdisk") + " && find . | LC_ALL=C sort").output;
-}
-
-bool isListed(const std::string& id) {
-    std::vector<datacenter::PluginInfo> plugins;
-    Singleton<PluginManager>::instance()->getPluginList(plugins);
-    return std::any_of(plugins.begin(), plugins.end(),
-                       [&](const datacenter::PluginInfo& plugin) { return plugin.id == id; });
 }
 
 // Changes the byte at `offset` of the file in place and changes it back when done.

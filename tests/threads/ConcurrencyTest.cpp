@@ -26,19 +26,9 @@
 using datacenter::CurlDownloader;
 using datacenter::DownloadInfo;
 using datacenter::PluginInfo;
+using testsupport::isListed;
 
 namespace {
-
-bool isListed(const std::string& id) {
-    std::vector<PluginInfo> plugins;
-    Singleton<PluginManager>::instance()->getPluginList(plugins);
-    for (const PluginInfo& plugin : plugins) {
-        if (plugin.id == id) {
-            return true;
-        }
-    }
-    return false;
-}
 
 std::string packageFor(testsupport::PackageFactory& factory, const std::string& id) {
     testsupport::PackageSpec spec;

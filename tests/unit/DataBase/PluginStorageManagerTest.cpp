@@ -187,23 +187,6 @@ TEST(PluginStorageList, DuplicateIdsKeepTheLastReadAndUnknownIdsGiveADefaultReco
     EXPECT_EQ(expected, store()->getPluginInfoById("dup").name);
 }
 
-TEST(PluginStorageReload, MarkFileFromAnotherProcessForcesTheReload) {
-    writeManifest("a.manifest", simpleManifest("a", "before"));
-    ASSERT_EQ("before", store()->getPluginInfoById("a").name);
-    const time_t listed = modifiedAt(storeDir());
-
-    // Another process rewrites the manifest and leaves the mark. The store
-    // directory's time is put back, so only the mark can announce the change.
-    inAnotherProcess([] {
-        datacenter::ConfigInfo::sGetInstance()->setConfigToFile(storeDir() + "a.manifest", "name", "after");
-        writeFile(storeDir() + PluginStorageManager::sUpdatedFile, "");
-    });
-    settle(storeDir(), listed);
-
-    EXPECT_EQ("after", store()->getPluginInfoById("a").name);
-    EXPECT_FALSE(datacenter::File::sExists(storeDir() + PluginStorageManager::sUpdatedFile));
-}
-
 TEST(PluginStorageReload, AChangeInsideOneTimeTickIsNotMissed) {
     writeManifest("a.manifest", simpleManifest("a", "cached"));
     ASSERT_EQ("cached", store()->getPluginInfoById("a").name);

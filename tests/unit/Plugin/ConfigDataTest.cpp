@@ -11,7 +11,6 @@
 
 #include <atomic>
 #include <boost/filesystem.hpp>
-#include <chrono>
 #include <stdexcept>
 #include <thread>
 
@@ -50,10 +49,7 @@ TEST(ConfigDataLock, TheFlockLineComesBeforeTheWaitForAnotherHolder) {
 
     testsupport::LogCapture log;
     std::thread caller([&] { manager->controlConfigData("61", "k", value, noteRun); });
-    for (int waited = 0; !log.contains("controlConfigData flock") && waited < 30000; waited += 10) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    EXPECT_TRUE(log.contains("controlConfigData flock"));
+    EXPECT_TRUE(testsupport::waitUntil([&] { return log.contains("controlConfigData flock"); }));
     EXPECT_FALSE(gAccessorRan);
     flock(holder, LOCK_UN);
     close(holder);

@@ -1,12 +1,8 @@
 // The installation lock and the recovery that the core's start-up runs after
 // an installer died part-way. Each case starts the manager after arranging
 // what a dead installer would have left.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/file.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <boost/filesystem.hpp>
 
@@ -15,6 +11,7 @@
 #include "Plugin/installAction/InstallJournal.h"
 #include "Plugin/installAction/UpgradeBackup.h"
 #include "common/Singleton.h"
+#include "support/LockHolder.h"
 #include "support/LogCapture.h"
 #include "support/TestSupport.h"
 #include "unit/Plugin/PluginTestSupport.h"
@@ -32,11 +29,15 @@ std::string dataDir() {
     return PluginManager::sGetPluginDataPath(kId);
 }
 
-void leaveJournal(bool upgrade, bool freshTree, const std::string& id = kId) {
+// The record of an installer of kId that died; an upgrade's found the plugin running.
+void leaveJournal(bool upgrade, bool freshTree, bool backup = false, bool committed = false) {
     InstallJournal::Entry entry;
-    entry.id = id;
+    entry.id = kId;
     entry.upgrade = upgrade;
     entry.freshTree = freshTree;
+    entry.backup = backup;
+    entry.wasEnabled = upgrade;
+    entry.committed = committed;
     InstallJournal journal;
     ASSERT_TRUE(journal.tryLock());
     ASSERT_TRUE(journal.record(entry));
@@ -48,39 +49,6 @@ void leaveDebris() {
     writeFile(dataDir() + "etc/manifest", "plugin_id = \"" + kId + "\";\n");
     writeFile(dataDir() + "verified_korvia.qpk", "payload");
     writeFile(PluginManager::sGetPluginRootPath() + "local_install_tmp/korvia.zip", "zip");
-}
-
-// Holds the install lock in a child process until the returned pipe is closed.
-pid_t holdLockInChild(int& release) {
-    int ready[2];
-    int done[2];
-    if (pipe(ready) != 0 || pipe(done) != 0) {
-        return -1;
-    }
-    const pid_t child = fork();
-    if (child == 0) {
-        close(ready[0]);
-        close(done[1]);
-        const int fd = ::open(InstallJournal::sLockPath().c_str(), O_RDWR | O_CREAT, 0600);
-        const char ok = (fd >= 0 && flock(fd, LOCK_EX) == 0) ? '1' : '0';
-        (void)!write(ready[1], &ok, 1);
-        char byte;
-        (void)!read(done[0], &byte, 1);
-        _exit(0);
-    }
-    close(ready[1]);
-    close(done[0]);
-    char ok = '0';
-    (void)!read(ready[0], &ok, 1);
-    close(ready[0]);
-    release = done[1];
-    return ok == '1' ? child : -1;
-}
-
-void releaseChild(pid_t child, int release) {
-    close(release);
-    int status = 0;
-    waitpid(child, &status, 0);
 }
 
 }  // namespace
@@ -142,17 +110,7 @@ TEST(InstallRecovery, AnInterruptedUpgradeEndsWithOneCompleteVersion) {
         writeFile(dataDir() + "bin/app", "new");
         writeFile(dataDir() + "new/file", "added");
         writeFile(testsupport::storeManifest(kId), "plugin_id = \"" + kId + "\";\nstatus = \"2\";\n");
-        InstallJournal::Entry entry;
-        entry.id = kId;
-        entry.upgrade = true;
-        entry.backup = c.backup;
-        entry.wasEnabled = true;
-        entry.committed = c.committed;
-        {
-            InstallJournal journal;
-            ASSERT_TRUE(journal.tryLock());
-            ASSERT_TRUE(journal.record(entry));
-        }
+        leaveJournal(true, false, c.backup, c.committed);
         testsupport::LogCapture log;
         std::string restart;
         EXPECT_TRUE(InstallJournal::sRecover(&restart));
@@ -186,9 +144,8 @@ TEST(InstallRecovery, KeepsAFolderThatExistedBeforeButDropsItsManifest) {
 TEST(InstallRecovery, NeverTouchesWhatALiveInstallerWorksOn) {
     leaveDebris();
     leaveJournal(false, true);
-    int release = -1;
-    const pid_t child = holdLockInChild(release);
-    ASSERT_GT(child, 0);
+    testsupport::LockHolder installer(InstallJournal::sLockPath());
+    ASSERT_TRUE(installer.held());
 
     Singleton<PluginManager>::instance();
     EXPECT_EQ("half", readFile(dataDir() + "bin/app"));
@@ -205,7 +162,7 @@ TEST(InstallRecovery, NeverTouchesWhatALiveInstallerWorksOn) {
     EXPECT_FALSE(exists(PluginManager::sGetPluginDataPath("5017400000000000301")));
 
     // Once it is gone (the kernel drops its lock), the next start finishes its job.
-    releaseChild(child, release);
+    installer.release();
     EXPECT_TRUE(InstallJournal::sRecover());
     EXPECT_FALSE(exists(dataDir()));
     EXPECT_FALSE(InstallJournal::sRecover());

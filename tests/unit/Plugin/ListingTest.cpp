@@ -64,19 +64,6 @@ TEST(Listing, ProgressGivesOneRecordPerRequestedIdInOrder) {
     EXPECT_TRUE(records.empty());
 }
 
-TEST(Listing, ThePluginListIsPublishedInIdOrder) {
-    const auto runner = RecordingRunner::sInstall();
-    PluginManager* manager = Singleton<PluginManager>::instance();
-    manager->updatePluginListToServer();
-    EXPECT_TRUE(runner->commands().empty());
-    for (const char* id : {"id3", "id1", "id2"}) {
-        testsupport::putPlugin(id, datacenter::ENABLED);
-    }
-    manager->updatePluginListToServer();
-    EXPECT_EQ((std::vector<std::string>{"matool --method setKV --params plugin_id_list id1,id2,id3"}),
-              runner->commands());
-}
-
 TEST(Metrics, ParsesTopAndPidstatPerOwnPidAndStopsAtABadEntry) {
     const auto runner = RecordingRunner::sInstall();
     PluginManager* manager = Singleton<PluginManager>::instance();

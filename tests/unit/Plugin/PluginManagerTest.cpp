@@ -30,15 +30,18 @@ TEST(PluginManagerPaths, AnEmptyIdHasNoDataDirectory) {
 
 TEST(PluginManagerConstruction, CreatesPidFileAndStoreAndPublishesInstalledIds) {
     const auto runner = RecordingRunner::sInstall();
-    putPlugin("id1", datacenter::ENABLED);
-    putPlugin("id2", datacenter::DISABLED);
+    // Published in id order, whatever the order they were stored in.
+    putPlugin("id3", datacenter::ENABLED);
+    putPlugin("id1", datacenter::DISABLED);
+    putPlugin("id2", datacenter::ENABLED);
     testsupport::writeFile(testsupport::underRoot("/tmp/keep"), "");
     PluginManager* manager = Singleton<PluginManager>::instance();
     ASSERT_NE(nullptr, manager);
     struct stat st;
     ASSERT_EQ(0, stat(PluginManager::sGetPluginPidConfig().c_str(), &st));
     EXPECT_EQ(0777u, st.st_mode & 0777);
-    EXPECT_EQ((std::vector<std::string>{"matool --method setKV --params plugin_id_list id1,id2"}), runner->commands());
+    EXPECT_EQ((std::vector<std::string>{"matool --method setKV --params plugin_id_list id1,id2,id3"}),
+              runner->commands());
 
     // A second manager in a later process finds the pid file and keeps its entries.
     PluginManager::sSetPluginPort("id1", "77", datacenter::PID);
@@ -108,6 +111,8 @@ TEST(PluginManagerDeveloper, SshManifestHasTokenAndCapabilitiesAndIsCopied) {
 TEST(PluginManagerItems, CodesSelectItemsAndTheGlobalLinkSwitchesTraffic) {
     const auto runner = RecordingRunner::sInstall();
     PluginManager* manager = Singleton<PluginManager>::instance();
+    // With no plugin stored there is no list to publish: no command.
+    manager->updatePluginListToServer();
     EXPECT_FALSE(manager->getItem(static_cast<ApiPluginCode>(2)));
     ASSERT_TRUE(manager->getItem(API_PLUGIN_ORBIS_STORE));
     EXPECT_EQ(API_PLUGIN_ORBIS_STORE, manager->getItem(API_PLUGIN_ORBIS_STORE)->getCode());

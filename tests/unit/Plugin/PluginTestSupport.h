@@ -1,9 +1,12 @@
 #pragma once
 // Installs plugins into the manifest store the way an installation leaves
 // them, so that manager tests start from a known set of plugins.
+#include <algorithm>
 #include <string>
+#include <vector>
 
 #include "DataBase/PluginStorageManager.h"
+#include "Plugin/PluginManager.h"
 #include "common/PluginInfo.h"
 #include "common/Singleton.h"
 #include "storage/Directory.h"
@@ -29,6 +32,14 @@ inline void putPlugin(const std::string& id, datacenter::PluginStatus status) {
 
 inline datacenter::PluginStatus storedStatus(const std::string& id) {
     return Singleton<PluginStorageManager>::instance()->getPluginInfoById(id).status;
+}
+
+// Whether the manager's plugin list names `id`.
+inline bool isListed(const std::string& id) {
+    std::vector<datacenter::PluginInfo> plugins;
+    Singleton<PluginManager>::instance()->getPluginList(plugins);
+    return std::any_of(plugins.begin(), plugins.end(),
+                       [&id](const datacenter::PluginInfo& plugin) { return plugin.id == id; });
 }
 
 }  // namespace testsupport

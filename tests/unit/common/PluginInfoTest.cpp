@@ -11,6 +11,9 @@ namespace {
 int gConstructions = 0;
 int gFailuresLeft = 0;
 
+// Counts its constructions, slowly, failing the first gFailuresLeft; each
+// tag is a singleton of its own.
+template <int Tag>
 struct Counted {
     Counted() {
         if (gFailuresLeft > 0) {
@@ -21,32 +24,24 @@ struct Counted {
         boost::this_thread::sleep_for(boost::chrono::milliseconds(20));
     }
 };
-
-struct Flaky {
-    Flaky() {
-        if (gFailuresLeft > 0) {
-            --gFailuresLeft;
-            throw std::runtime_error("construction failed");
-        }
-    }
-};
+typedef Counted<1> Flaky;
 
 }  // namespace
 
 TEST(Singleton, ConcurrentFirstCallsConstructOnceAndShareThePointer) {
     const int threads = 8;
     boost::barrier start(threads);
-    std::vector<Counted*> seen(threads, nullptr);
+    std::vector<Counted<0>*> seen(threads, nullptr);
     boost::thread_group group;
     for (int i = 0; i < threads; ++i) {
         group.create_thread([&, i] {
             start.wait();
-            seen[i] = Singleton<Counted>::instance();
+            seen[i] = Singleton<Counted<0>>::instance();
         });
     }
     group.join_all();
     EXPECT_EQ(1, gConstructions);
-    for (Counted* p : seen) {
+    for (Counted<0>* p : seen) {
         EXPECT_EQ(seen[0], p);
     }
 }

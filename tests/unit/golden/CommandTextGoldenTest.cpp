@@ -3,6 +3,7 @@
 // shell or the pipe failing), compared with tests/data/commands/*.expected.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <map>
 
 #include "Plugin/Plugin.h"
@@ -35,72 +36,55 @@ private:
     }
 };
 
-const char* const kCommands[] = {"ok", "exit3", "killed", "noshell"};
-
 struct Scoped {
     Scoped() { datacenter::CommandRunner::sInstall(std::make_shared<StatusRunner>()); }
     ~Scoped() { datacenter::CommandRunner::sInstall(nullptr); }
 };
 
-// Runs `call` for each command, noting its result and the lines it logged.
-template <typename Call>
-std::string eachOutcome(const std::vector<std::string>& commands, Call call) {
-    Scoped runner;
-    std::string text;
-    for (const std::string& command : commands) {
-        testsupport::LogCapture log;
-        const std::string result = call(command);
-        text += "## " + command + " -> " + result + "\n" + testsupport::logText(log);
-    }
-    return text;
-}
-
-testsupport::Placeholders errnoTexts() {
-    // The error text after a failed call depends on what errno held before.
-    testsupport::Placeholders placeholders;
-    placeholders.addPattern("(error msg is: ?|error number is:).*", "$1<ERRNO TEXT>");
-    return placeholders;
-}
-
 }  // namespace
 
-TEST(CommandTextGolden, ShellForm) {
-    EXPECT_GOLDEN("commands/call-system",
-                  eachOutcome({"ok", "exit3", "killed", "noshell"},
-                              [](const std::string& c) { return std::to_string(CommonUtils::sCallSystem(c)); }),
-                  errnoTexts());
-}
-
-TEST(CommandTextGolden, PipeWithoutOutput) {
-    EXPECT_GOLDEN("commands/popen-no-output",
-                  eachOutcome({"ok", "exit3", "killed", "pclosefails", "nostart"},
-                              [](const std::string& c) { return std::to_string(CommonUtils::sCallPopenNoOutput(c)); }),
-                  errnoTexts());
-}
-
-TEST(CommandTextGolden, PipeWithOutput) {
-    EXPECT_GOLDEN("commands/popen-with-output",
-                  eachOutcome({"ok", "exit3", "killed", "pclosefails", "nostart"},
-                              [](const std::string& c) {
-                                  std::string output;
-                                  const int code = CommonUtils::sCallPopenWithOutput(c, output);
-                                  return std::to_string(code) + " [" + output + "]";
-                              }),
-                  errnoTexts());
-}
-
-TEST(CommandTextGolden, OutputForm) {
-    EXPECT_GOLDEN("commands/call-system-output", eachOutcome({"exit3", "nostart"}, [](const std::string& c) {
-                      std::string output;
-                      const bool started = CommonUtils::sCallSystem(c, output);
-                      return std::string(started ? "true" : "false") + " [" + output + "]";
-                  }));
-}
-
-TEST(CommandTextGolden, PluginCommands) {
-    std::vector<std::string> commands(std::begin(kCommands), std::end(kCommands));
-    commands.push_back("");
-    EXPECT_GOLDEN("commands/plugin-call-system", eachOutcome(commands, [](const std::string& c) {
-                      return std::to_string(callSystem(c, exitcode2Apicode));
-                  }));
+// Each helper run for each of its outcomes, with its result and the lines it logged.
+TEST(CommandTextGolden, EveryHelperAndOutcome) {
+    typedef std::function<std::string(const std::string&)> Call;
+    const auto withOutput = [](const std::string& c) {
+        std::string output;
+        const int code = CommonUtils::sCallPopenWithOutput(c, output);
+        return std::to_string(code) + " [" + output + "]";
+    };
+    const auto outputForm = [](const std::string& c) {
+        std::string output;
+        const bool started = CommonUtils::sCallSystem(c, output);
+        return std::string(started ? "true" : "false") + " [" + output + "]";
+    };
+    const struct {
+        const char* golden;
+        std::vector<std::string> commands;
+        Call call;
+    } helpers[] = {
+        {"call-system",
+         {"ok", "exit3", "killed", "noshell"},
+         [](const std::string& c) { return std::to_string(CommonUtils::sCallSystem(c)); }},
+        {"popen-no-output",
+         {"ok", "exit3", "killed", "pclosefails", "nostart"},
+         [](const std::string& c) { return std::to_string(CommonUtils::sCallPopenNoOutput(c)); }},
+        {"popen-with-output", {"ok", "exit3", "killed", "pclosefails", "nostart"}, withOutput},
+        {"call-system-output", {"exit3", "nostart"}, outputForm},
+        // A shell that cannot be started must not read as success.
+        {"plugin-call-system",
+         {"ok", "exit3", "killed", "noshell", ""},
+         [](const std::string& c) { return std::to_string(callSystem(c, exitcode2Apicode)); }},
+    };
+    // The error text after a failed call depends on what errno held before.
+    testsupport::Placeholders errnoTexts;
+    errnoTexts.addPattern("(error msg is: ?|error number is:).*", "$1<ERRNO TEXT>");
+    Scoped runner;
+    for (const auto& helper : helpers) {
+        std::string text;
+        for (const std::string& command : helper.commands) {
+            testsupport::LogCapture log;
+            const std::string result = helper.call(command);
+            text += "## " + command + " -> " + result + "\n" + testsupport::logText(log);
+        }
+        EXPECT_GOLDEN(std::string("commands/") + helper.golden, text, errnoTexts) << helper.golden;
+    }
 }

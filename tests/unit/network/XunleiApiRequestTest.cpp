@@ -134,11 +134,6 @@ TEST_F(XunleiApiRequestTest, UploadSendsFileAndFailedPostIsBadReply) {
 class UnbindTest : public XunleiApiRequestTest {
 protected:
     std::string flag_ = testsupport::underRoot("/userdisk/reset_flag_file");
-
-    void createFlag() {
-        boost::filesystem::create_directories(testsupport::underRoot("/userdisk"));
-        testsupport::writeFile(flag_, "");
-    }
 };
 
 TEST_F(UnbindTest, OnlyAConfirmedUnbindRemovesTheFlagFile) {
@@ -146,7 +141,7 @@ TEST_F(UnbindTest, OnlyAConfirmedUnbindRemovesTheFlagFile) {
     EXPECT_EQ(0, datacenter::tryUnbindXunleiAfterReset());  // no flag: nothing is sent
     EXPECT_TRUE(server_.requests().empty());
     EXPECT_EQ(0, datacenter::unbindXunleiRequest());
-    createFlag();
+    testsupport::writeFile(flag_, "");
     EXPECT_EQ(0, datacenter::tryUnbindXunleiAfterReset());
     EXPECT_FALSE(boost::filesystem::exists(flag_));
     ASSERT_EQ(2u, server_.requests().size());
@@ -159,7 +154,7 @@ TEST_F(UnbindTest, OnlyAConfirmedUnbindRemovesTheFlagFile) {
 }
 
 TEST_F(UnbindTest, AnyOtherReplyKeepsFlag) {
-    createFlag();
+    testsupport::writeFile(flag_, "");
     for (const std::string reply : {"[1]", "{\"rtn\":0}", "[]", "garbage", ""}) {
         if (reply.empty()) {
             server_.stop();

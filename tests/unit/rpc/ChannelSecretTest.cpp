@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 
+#include <boost/algorithm/hex.hpp>
+#include <boost/algorithm/string/split.hpp>
 #include <ctime>
 #include <memory>
 #include <utility>
@@ -50,16 +52,6 @@ std::string hash(const EVP_MD* type, const std::string& data) {
     return std::string(reinterpret_cast<char*>(digest), length);
 }
 
-std::string hex(const std::string& bytes) {
-    static const char digits[] = "0123456789abcdef";
-    std::string text;
-    for (const unsigned char c : bytes) {
-        text += digits[c >> 4];
-        text += digits[c & 15];
-    }
-    return text;
-}
-
 std::string decrypt(const std::string& key, const std::string& iv, const std::string& cipher) {
     std::unique_ptr<EVP_CIPHER_CTX, void (*)(EVP_CIPHER_CTX*)> context(EVP_CIPHER_CTX_new(), EVP_CIPHER_CTX_free);
     const EVP_CIPHER* type = key.size() == 16 ? EVP_aes_128_cbc() : EVP_aes_256_cbc();
@@ -79,15 +71,12 @@ std::string decrypt(const std::string& key, const std::string& iv, const std::st
 }
 
 std::vector<std::pair<std::string, std::string>> splitQuery(const std::string& query) {
+    std::vector<std::string> items;
+    boost::algorithm::split(items, query, [](char c) { return c == '&'; });
     std::vector<std::pair<std::string, std::string>> pairs;
-    size_t start = 0;
-    while (start <= query.size()) {
-        size_t end = query.find('&', start);
-        end = end == std::string::npos ? query.size() : end;
-        const std::string item = query.substr(start, end - start);
+    for (const std::string& item : items) {
         const size_t equals = item.find('=');
         pairs.emplace_back(item.substr(0, equals), equals == std::string::npos ? "" : item.substr(equals + 1));
-        start = end + 1;
     }
     return pairs;
 }
@@ -118,7 +107,7 @@ VerifiedQuery verifyAsServer(const std::string& query, const std::string& channe
     const std::string ivText = pairs[pairs.size() - 2].second;
     const std::string iv = decodeUrlSafeBase64(ivText);
     const std::string key = hash(EVP_sha256(), decodeBase64(channelSecret) + nonce);
-    result.keyHex = hex(key);
+    result.keyHex = boost::algorithm::hex_lower(key);
 
     std::string parameterText;
     for (size_t i = 1; i + 3 < pairs.size(); ++i) {

@@ -28,7 +28,6 @@ std::string globalFile() {
 
 TEST(ConfigGlobal, RoundTripsKeysAndAnEmptyValueDeletesTheKey) {
     ConfigInfo* config = ConfigInfo::sGetInstance();
-    EXPECT_EQ(globalFile(), config->getGlobalConfigPath());
     EXPECT_EQ("", config->getConfig("a"));
     config->setConfig("a", "1");
     config->setConfig("port_of_42", "8080");

@@ -36,7 +36,6 @@ std::string md5Hex(const std::string& text) {
 }
 
 void writeMacFilter(const std::string& content) {
-    datacenter::Directory::sCreateDirectory(underRoot("/etc/config"));
     writeFile(underRoot("/etc/config/macfilter"), content);
 }
 
@@ -72,7 +71,6 @@ TEST(MediaPrivacyTest, WhiteListIsRewrittenOnlyWhenItExists) {
     CommonUtils::sAuthAccessPrivacyData(kMac, true);
     EXPECT_FALSE(datacenter::File::sExists(list));
 
-    datacenter::Directory::sCreateDirectory(underRoot("/data/etc/datacenter"));
     writeFile(list, std::string("first\n") + kMac + " extra\nlast\n");
     CommonUtils::sAuthAccessPrivacyData(kMac, true);  // already listed: unchanged
     EXPECT_EQ(std::string("first\n") + kMac + " extra\nlast\n", readFile(list));
