@@ -109,11 +109,18 @@ bool UpgradeBackup::copyRecord(const std::string& from, const std::string& to) {
         LOG(INFO) << "upgrade of " << id_ << ": no " << from << " to keep: " << root_.lastError();
         return true;
     }
+    // The copy gets its name only once it is whole: a copy cut short by a
+    // crash would otherwise be put back over the intact record.
     std::string text;
     struct stat st;
-    const datacenter::UniqueFd out(root_.openFile(to, O_WRONLY | O_CREAT | O_TRUNC, 0600));
-    return readAll(in.get(), text) && ::fstat(in.get(), &st) == 0 && out.valid() && writeAll(out.get(), text) &&
-           ::fchmod(out.get(), st.st_mode & 07777) == 0 && ::fsync(out.get()) == 0;
+    const std::string partial = to + ".part";
+    bool ok = readAll(in.get(), text) && ::fstat(in.get(), &st) == 0;
+    {
+        const datacenter::UniqueFd out(ok ? root_.openFile(partial, O_WRONLY | O_CREAT | O_TRUNC, 0600) : -1);
+        ok = out.valid() && writeAll(out.get(), text) && ::fchmod(out.get(), st.st_mode & 07777) == 0 &&
+             ::fsync(out.get()) == 0;
+    }
+    return ok && root_.rename(partial, to);
 }
 
 bool UpgradeBackup::writeBack(const std::string& from, const std::string& to) {

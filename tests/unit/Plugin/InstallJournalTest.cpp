@@ -87,11 +87,13 @@ TEST(InstallRecovery, AnInterruptedUpgradeEndsWithOneCompleteVersion) {
         bool added;        // the upgrade's new file is still there
         bool started;      // the controller was asked to start the plugin
         const char* note;  // the log line
+        bool cutCopy;      // the kill came while the file record was being copied aside
     };
     const Case cases[] = {
-        {false, false, "new", true, false, "stopped before it changed anything"},
-        {true, false, "old", false, true, "was interrupted; the old version is back"},
-        {true, true, "new", true, false, "finished the upgrade of plugin"},
+        {false, false, "new", true, false, "stopped before it changed anything", false},
+        {true, false, "old", false, true, "was interrupted; the old version is back", false},
+        {true, false, "old", false, true, "was interrupted; the old version is back", true},
+        {true, true, "new", true, false, "finished the upgrade of plugin", false},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.note);
@@ -100,12 +102,20 @@ TEST(InstallRecovery, AnInterruptedUpgradeEndsWithOneCompleteVersion) {
         testsupport::putPlugin(kId, datacenter::DISABLED);
         writeFile(dataDir() + "bin/app", "old");
         writeFile(dataDir() + "userdata/notes", "runtime data");
+        writeFile(dataDir() + "init_files.record", "old record\n");
         const std::string store = readFile(testsupport::storeManifest(kId));
         {
             UpgradeBackup backup(kId);
             ASSERT_TRUE(c.backup ? backup.begin() : true);
             ASSERT_TRUE(!c.backup || (backup.beforeFile("bin/app") && backup.beforeDirectory("new")));
             ASSERT_TRUE(!c.backup || backup.beforeFile("new/file"));
+        }
+        if (c.cutCopy) {
+            // What a copy cut short leaves: part of it, under its working name.
+            const std::string copy =
+                PluginManager::sGetPluginRootPath() + UpgradeBackup::sFolderName(kId) + "/init_files.record";
+            boost::filesystem::remove(copy);
+            writeFile(copy + ".part", "old");
         }
         writeFile(dataDir() + "bin/app", "new");
         writeFile(dataDir() + "new/file", "added");
@@ -122,7 +132,7 @@ TEST(InstallRecovery, AnInterruptedUpgradeEndsWithOneCompleteVersion) {
         if (c.backup && !c.committed) {
             EXPECT_EQ(store, readFile(testsupport::storeManifest(kId)));
         }
-        EXPECT_EQ(c.committed, exists(dataDir() + "init_files.record"));
+        EXPECT_EQ(!c.committed, readFile(dataDir() + "init_files.record") == "old record\n");
         EXPECT_FALSE(exists(PluginManager::sGetPluginRootPath() + "local_install_tmp"));
         EXPECT_FALSE(exists(InstallJournal::sJournalPath()));
         EXPECT_TRUE(log.contains(c.note));
