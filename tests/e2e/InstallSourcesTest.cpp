@@ -54,48 +54,6 @@ std::vector<std::string> stagedNames() {
 
 }  // namespace
 
-// Downloads and verified payloads live in files without a name: nothing that
-// reaches the user disk can open them while an installation runs, and
-// nothing of them is left whatever the outcome.
-TEST(InstallSources, NoPackageOrPayloadEverHasANameInTheStagingFolder) {
-    PackageFactory factory;
-    PackageSpec official;
-    official.signType = 1;
-    official.signer = "official";
-    official.files["big.bin"] = std::string(256 * 1024, 'x');
-    const std::string good = testsupport::readFile(factory.build(official, "named-official"));
-    std::string flipped = good;
-    flipped[20] = static_cast<char>(flipped[20] ^ 1);
-    HttpTestServer server;
-    server.route("/slow.qpk", HttpResponse::slow(good, 16 * 1024, 20));
-    server.route("/flipped.qpk", HttpResponse::text(200, flipped));
-    server.route("/dev.qpk", HttpResponse::text(200, testsupport::readFile(factory.build(PackageSpec(), "named-dev"))));
-    PluginManager* manager = Singleton<PluginManager>::instance();
-
-    ASSERT_EQ(API_SUCCESS, manager->installFromServer(official.id, server.url("/slow.qpk")));
-    datacenter::PluginInfo info;
-    for (int i = 0; i < 6000 && manager->getUrlInstallPlugin(info) == API_SUCCESS && info.progress < 10 &&
-                    info.status == datacenter::DOWNLOADING;
-         ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    EXPECT_EQ(std::vector<std::string>(), stagedNames()) << "while downloading";
-    EXPECT_EQ(API_SUCCESS, finished(manager).errorCode);
-    EXPECT_EQ(std::vector<std::string>(), stagedNames()) << "after a server installation";
-
-    const struct {
-        const char* what;
-        std::string url;
-        ApiErrorCode code;
-    } urls[] = {{"a flipped byte", server.url("/flipped.qpk"), API_VERIFY_SIGN_FAILED},
-                {"a developer package", server.url("/dev.qpk"), API_SUCCESS}};
-    for (const auto& row : urls) {
-        ASSERT_EQ(API_SUCCESS, manager->installFromUrl(row.url)) << row.what;
-        EXPECT_EQ(row.code, finished(manager).errorCode) << row.what;
-        EXPECT_EQ(std::vector<std::string>(), stagedNames()) << row.what;
-    }
-}
-
 TEST(InstallFromServer, RunsOnItsOwnThreadAndRefusesASecondInstallation) {
     PackageFactory factory;
     PackageSpec spec;
@@ -119,15 +77,18 @@ TEST(InstallFromServer, RunsOnItsOwnThreadAndRefusesASecondInstallation) {
     EXPECT_TRUE(info.status == datacenter::DOWNLOADING || info.status == datacenter::INSTALLING);
     EXPECT_GE(info.progress, 0);
     EXPECT_LT(info.progress, 100);
+    // Downloads and verified payloads have no name: nothing that reaches the
+    // user disk can open them while the installation runs.
+    EXPECT_EQ(std::vector<std::string>(), stagedNames()) << "while downloading";
 
     info = finished(manager);
     EXPECT_EQ(datacenter::ENABLED, info.status);
     EXPECT_EQ(API_SUCCESS, info.errorCode);
     EXPECT_EQ(100, info.progress);
     EXPECT_EQ(datacenter::ENABLED, storedStatus(kId));
-    // The download and the verified payload are gone; the plugin's files stay.
+    // Nothing of the download is left; the plugin's files stay.
+    EXPECT_EQ(std::vector<std::string>(), stagedNames());
     EXPECT_FALSE(exists(dataDir() + "korvia.qpk"));
-    EXPECT_FALSE(exists(dataDir() + "verified_korvia.qpk"));
     EXPECT_TRUE(exists(dataDir() + "big.bin"));
 
     // A new-plugin install of an installed plugin is refused before any thread starts.
@@ -141,7 +102,11 @@ TEST(InstallFromServer, AcceptsOnlyOfficialPackagesAndTheIdItAskedFor) {
     PackageSpec official;
     official.signType = 1;
     official.signer = "official";
-    server.route("/other.qpk", HttpResponse::text(200, testsupport::readFile(factory.build(official, "other"))));
+    const std::string other = testsupport::readFile(factory.build(official, "other"));
+    std::string flipped = other;
+    flipped[20] = static_cast<char>(flipped[20] ^ 1);
+    server.route("/other.qpk", HttpResponse::text(200, other));
+    server.route("/flipped.qpk", HttpResponse::text(200, flipped));
     server.route("/missing.qpk", HttpResponse::text(404, "no"));
 
     PluginManager* manager = Singleton<PluginManager>::instance();
@@ -158,6 +123,14 @@ TEST(InstallFromServer, AcceptsOnlyOfficialPackagesAndTheIdItAskedFor) {
     EXPECT_EQ(datacenter::NOT_INSTALLED, failed.status);
 
     EXPECT_EQ(API_GET_PACKAGE_FAILED, manager->installFromServer("../escape", server.url("/other.qpk")));
+
+    // A URL download, refused or installed, leaves no file behind either.
+    for (const auto& row :
+         {std::make_pair("/flipped.qpk", API_VERIFY_SIGN_FAILED), std::make_pair("/dev.qpk", API_SUCCESS)}) {
+        ASSERT_EQ(API_SUCCESS, manager->installFromUrl(server.url(row.first))) << row.first;
+        EXPECT_EQ(row.second, finished(manager).errorCode) << row.first;
+        EXPECT_EQ(std::vector<std::string>(), stagedNames()) << row.first;
+    }
 }
 
 // While an upgrade runs, the listing of that plugin and its progress show
