@@ -57,10 +57,10 @@ bool AtomicFile::open(const std::string& target, unsigned mode, bool scratch) {
     return true;
 }
 
-bool AtomicFile::write(const void* data, size_t size) {
+bool writeAll(int fd, const void* data, size_t size) {
     const auto* bytes = static_cast<const char*>(data);
-    while (size > 0 && fd_ >= 0) {
-        const ssize_t n = ::write(fd_, bytes, size);
+    while (size > 0) {
+        const ssize_t n = ::write(fd, bytes, size);
         if (n < 0 && errno == EINTR) {
             continue;
         }
@@ -70,7 +70,11 @@ bool AtomicFile::write(const void* data, size_t size) {
         bytes += n;
         size -= static_cast<size_t>(n);
     }
-    return fd_ >= 0;
+    return true;
+}
+
+bool AtomicFile::write(const void* data, size_t size) {
+    return fd_ >= 0 && writeAll(fd_, data, size);
 }
 
 bool AtomicFile::commit() {

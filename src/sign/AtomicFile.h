@@ -8,6 +8,9 @@
 
 namespace packagesign {
 
+// Writes all of `size` bytes to `fd`, again after a short write or EINTR.
+bool writeAll(int fd, const void* data, size_t size);
+
 class AtomicFile {
 public:
     AtomicFile() = default;

@@ -127,22 +127,6 @@ int verify(const std::string& packagePath, const std::string* payloadPath, const
     return kOk;
 }
 
-// Appends all of `size` bytes to `fd`.
-bool writeAll(int fd, const unsigned char* data, size_t size) {
-    while (size > 0) {
-        const ssize_t n = ::write(fd, data, size);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return false;
-        }
-        data += n;
-        size -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
 // A failed verification leaves no payload behind, not even one from an
 // earlier call, unless that path is the package itself.
 void removeStalePayload(const std::string& packagePath, const std::string& payloadPath) {
