@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <boost/lexical_cast.hpp>
 #include <cstdio>
 #include <cstring>
 
@@ -84,12 +83,7 @@ std::string getStateoffStr() {
 
 PluginStorageManager::PluginStorageManager() : manifestRootPath(sGetManifestRootPath()), lastModified(0) {
     boost::mutex::scoped_lock lock(mutex_);
-    try {
-        refreshLocked();
-    } catch (const boost::bad_lexical_cast&) {
-        // Left unrecorded by the scan: the first lookup reads it again and
-        // passes the error on to its caller.
-    }
+    refreshLocked();
 }
 
 PluginStorageManager::~PluginStorageManager() = default;
@@ -134,23 +128,11 @@ std::map<std::string, PluginInfo> PluginStorageManager::getPluginInfos() {
 }
 
 std::map<std::string, PluginInfo> PluginStorageManager::getListablePluginInfos() {
-    boost::mutex::scoped_lock lock(mutex_);
-    try {
-        refreshLocked();
-    } catch (const boost::bad_lexical_cast&) {
-        // Already logged with the manifest's path; the readable ones are cached.
-    }
-    return pluginInfos_;
+    return getPluginInfos();
 }
 
 PluginInfo PluginStorageManager::getListablePluginInfoById(const std::string& id) {
-    try {
-        return getPluginInfoById(id);
-    } catch (const boost::bad_lexical_cast&) {
-        boost::mutex::scoped_lock lock(mutex_);
-        const auto found = pluginInfos_.find(id);
-        return found == pluginInfos_.end() ? PluginInfo() : found->second;
-    }
+    return getPluginInfoById(id);
 }
 
 PluginInfo PluginStorageManager::getPluginInfoById(const std::string& id) {

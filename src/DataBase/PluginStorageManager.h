@@ -46,27 +46,24 @@ public:
     bool isValidManifest(const std::string& path);
     // Fills `info` from the manifest at `path` (one parse). False for an
     // invalid path or plugin id, or a file that cannot be read or parsed (it
-    // is kept); a manifest that parses without "plugin_id" is deleted. Throws
-    // boost::bad_lexical_cast when a numeric key is not a decimal number; an
-    // install time beyond the 32-bit range is clamped to it.
+    // is kept), or a numeric key that is not a whole number of its field's
+    // range (logged; never thrown); a manifest that parses without
+    // "plugin_id" is deleted. An install time beyond the 32-bit range is
+    // clamped to it.
     bool getPluginInfoFromManifest(const std::string& path, datacenter::PluginInfo& info);
     // Reads the manifest at `path` and caches its record under its id.
-    // Throws boost::bad_lexical_cast like getPluginInfoFromManifest.
     void addToList(const std::string& path);
-    // The cached records by id, brought up to date first. Throws
-    // boost::bad_lexical_cast while a manifest holds a number that does not
-    // convert; the other records are still brought up to date.
+    // The cached records by id, brought up to date first. A manifest whose
+    // number does not convert is logged and left out; the others are listed.
     std::map<std::string, datacenter::PluginInfo> getPluginInfos();
     // The record of `id`; a record with an empty id when there is none.
-    // Throws like getPluginInfos.
     datacenter::PluginInfo getPluginInfoById(const std::string& id);
-    // The same two look-ups for callers that must not fail: a manifest whose
-    // number does not convert is logged and left out, the others are listed.
+    // The same two look-ups under the names older callers use.
     std::map<std::string, datacenter::PluginInfo> getListablePluginInfos();
     datacenter::PluginInfo getListablePluginInfoById(const std::string& id);
     // Stamps the plugin's own manifest with the install time, copies it into
     // the store and reads it into `info` and the cache. False for an empty
-    // argument or a failed copy; throws like getPluginInfoFromManifest.
+    // argument or a failed copy.
     bool insertToStorage(const std::string& id, const std::string& manifestPath, datacenter::PluginInfo& info);
     // Writes the status (or use status) to the stored manifest and the cache.
     // False for an empty id or a missing manifest.
@@ -94,12 +91,11 @@ private:
     enum class ReadResult { Read, NotManifest, Unreadable, NoId, BadId };
 
     // One parse of the manifest at `path` into `info`; `stamp` is the stamp
-    // of the version read. Throws boost::bad_lexical_cast.
+    // of the version read.
     ReadResult readManifest(const std::string& path, datacenter::PluginInfo& info, Stamp& stamp);
     // Brings the cache up to date with the directory; the mutex is held.
     void refreshLocked();
     // Rescans the directory, parsing only the entries whose stamp changed.
-    // Throws the first conversion error after the scan has finished.
     void rescanLocked(const timespec& scanStart);
     // Whether the record cached for `path` can be kept as it is.
     bool unchangedLocked(const std::string& path, const Entry& entry) const;

@@ -7,7 +7,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <boost/lexical_cast.hpp>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -18,6 +17,7 @@
 #include <vector>
 
 #include "DataBase/PluginStorageManager.h"
+#include "common/DecimalNumber.h"
 #include "common/PluginId.h"
 #include "storage/Directory.h"
 #include "storage/File.h"
@@ -80,25 +80,37 @@ std::vector<std::string> list(const Members& root, const char* key) {
 }
 
 // Sets `field` from the decimal text of `key` unless the text is empty.
+// False, with `field` untouched, for text that is not a whole number of
+// the field's range.
 template <typename Field>
-void number(const Members& root, const char* key, Field& field) {
+bool number(const Members& root, const char* key, Field& field) {
     const std::string value = text(root, key);
-    if (!value.empty()) {
-        field = static_cast<Field>(boost::lexical_cast<int32_t>(value));
+    int32_t parsed = 0;
+    if (value.empty()) {
+        return true;
     }
+    if (!datacenter::DecimalNumber::sParse(value, parsed)) {
+        return false;
+    }
+    field = static_cast<Field>(parsed);
+    return true;
 }
 
 // The install time is a 32-bit field; a later (or earlier) time than it can
 // hold is kept at its limit rather than making the plugin unlisted.
-void installTime(const Members& root, int32_t& field) {
+bool installTime(const Members& root, int32_t& field) {
     const std::string value = text(root, PluginStorageManager::sManifestInstallTimeKey.c_str());
+    int64_t seconds = 0;
     if (value.empty()) {
-        return;
+        return true;
     }
-    const int64_t seconds = boost::lexical_cast<int64_t>(value);
+    if (!datacenter::DecimalNumber::sParse(value, seconds)) {
+        return false;
+    }
     const int64_t low = std::numeric_limits<int32_t>::min();
     const int64_t high = std::numeric_limits<int32_t>::max();
     field = static_cast<int32_t>(seconds < low ? low : (seconds > high ? high : seconds));
+    return true;
 }
 
 // The plain text fields of a manifest and where each goes in the record.
@@ -124,21 +136,25 @@ const TextField kTextFields[] = {
     {"authorize_id", &PluginInfo::authorizeId},
 };
 
-// Fills the record from a parsed manifest. Reading a text field cannot
-// fail, so the numbers, which can, come after all of them.
-void fillRecord(const Members& root, PluginInfo& info) {
+// Fills the record from a parsed manifest. Returns the first numeric key
+// whose text is not a number of its field's range, or nullptr.
+const char* fillRecord(const Members& root, PluginInfo& info) {
     for (const TextField& field : kTextFields) {
         info.*field.member = text(root, field.key);
     }
     info.sdkToken = text(root, PluginStorageManager::sManifestSdkTokenKey.c_str());
     info.capabilityList = list(root, "capability_list");
     info.modelList = list(root, "model_list");
-    if (info.id != kWelcomePluginId) {
-        number(root, PluginStorageManager::sManifestStatusKey.c_str(), info.status);
+    if (info.id != kWelcomePluginId && !number(root, PluginStorageManager::sManifestStatusKey.c_str(), info.status)) {
+        return PluginStorageManager::sManifestStatusKey.c_str();
     }
-    number(root, "use_status", info.useStatus);
-    number(root, "sdk_level", info.sdkLevel);
-    installTime(root, info.installTime);
+    if (!number(root, "use_status", info.useStatus)) {
+        return "use_status";
+    }
+    if (!number(root, "sdk_level", info.sdkLevel)) {
+        return "sdk_level";
+    }
+    return installTime(root, info.installTime) ? nullptr : PluginStorageManager::sManifestInstallTimeKey.c_str();
 }
 
 // The welcome page's status is not read from its manifest; the one this
@@ -300,7 +316,13 @@ PluginStorageManager::ReadResult PluginStorageManager::readManifest(const std::s
         LOG(INFO) << path << " is not valid manifest";
         return ReadResult::BadId;
     }
-    fillRecord(root, info);
+    if (const char* key = fillRecord(root, info)) {
+        // Installation refuses such a number; this record was written by an
+        // older version or by hand. It is not listed, never thrown about.
+        LOG(ERROR) << path << " has a value that is not a number: " << key;
+        info = PluginInfo();
+        return ReadResult::NotManifest;
+    }
     return ReadResult::Read;
 }
 
@@ -321,7 +343,6 @@ void PluginStorageManager::rescanLocked(const timespec& scanStart) {
     std::unordered_map<std::string, Entry> entries;
     std::map<std::string, PluginInfo> infos;
     std::unordered_map<std::string, std::string> owners;
-    std::exception_ptr conversionError;
     bool racy = false;
     for (const std::string& path : listStore(manifestRootPath)) {
         const auto known = entries_.find(path);
@@ -336,15 +357,7 @@ void PluginStorageManager::rescanLocked(const timespec& scanStart) {
         }
         PluginInfo info;
         Entry entry;
-        ReadResult result = ReadResult::Unreadable;
-        try {
-            result = readManifest(path, info, entry.stamp);
-        } catch (const boost::bad_lexical_cast& e) {
-            LOG(ERROR) << path << " has a value that is not a number: " << e.what();
-            if (!conversionError) {
-                conversionError = std::current_exception();
-            }
-        }
+        const ReadResult result = readManifest(path, info, entry.stamp);
         if (result == ReadResult::Unreadable || result == ReadResult::NoId) {
             // Not recorded: looked at again by the next lookup.
             racy = racy || result == ReadResult::Unreadable;
@@ -363,10 +376,7 @@ void PluginStorageManager::rescanLocked(const timespec& scanStart) {
     entries_.swap(entries);
     pluginInfos_.swap(infos);
     ownerOf_.swap(owners);
-    racyLeft_ = racyLeft_ || racy || conversionError;
-    if (conversionError) {
-        std::rethrow_exception(conversionError);
-    }
+    racyLeft_ = racyLeft_ || racy;
 }
 
 void PluginStorageManager::refreshLocked() {

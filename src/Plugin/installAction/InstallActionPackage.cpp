@@ -16,6 +16,7 @@
 #include "Plugin/installAction/InstallAction.h"
 #include "Plugin/installAction/PackageFiles.h"
 #include "Plugin/installAction/UpgradeBackup.h"
+#include "common/DecimalNumber.h"
 #include "common/Singleton.h"
 #include "storage/Directory.h"
 #include "storage/File.h"
@@ -34,15 +35,9 @@ std::string manifestValue(const std::string& id, const std::string& key, const s
 }
 
 // An SDK level: empty means 1; text that is not a whole number is no level at all.
-bool parseLevel(const std::string& text, long& level) {
-    if (text.empty()) {
-        level = 1;
-        return true;
-    }
-    char* end = nullptr;
-    errno = 0;
-    level = std::strtol(text.c_str(), &end, 10);
-    return errno == 0 && *end == '\0' && level >= INT_MIN && level <= INT_MAX;
+bool parseLevel(const std::string& text, int32_t& level) {
+    level = 1;
+    return text.empty() || datacenter::DecimalNumber::sParse(text, level);
 }
 
 // Creates "etc/plugin_config" for the plugin to write its settings to, open to
@@ -106,8 +101,8 @@ bool InstallAction::sCheckSdkLevel(const std::string& id, const std::string& man
     if (datacenter::File::sExists(levelFile)) {
         romText = datacenter::ConfigInfo::sGetInstance()->getConfigFromFile(levelFile, "sdk_level");
     }
-    long romLevel = 1;
-    long pluginLevel = 1;
+    int32_t romLevel = 1;
+    int32_t pluginLevel = 1;
     if (!parseLevel(romText, romLevel) || !parseLevel(manifestValue(id, "sdk_level", manifest), pluginLevel)) {
         LOG(ERROR) << "appid is " << id << ": sdk_level is not a number";
         return false;
@@ -137,6 +132,14 @@ bool InstallAction::sCheckRomVersion(const std::string& id, const std::string& m
 }
 
 ApiErrorCode InstallAction::sCheckCompatibility(const std::string& id, const std::string& manifest) {
+    // The store reads this number with the same reader: a package whose
+    // record it could not list is not installed.
+    const std::string useStatus = manifestValue(id, "use_status", manifest);
+    int32_t ignored = 0;
+    if (!useStatus.empty() && !datacenter::DecimalNumber::sParse(useStatus, ignored)) {
+        LOG(ERROR) << "appid is " << id << ": use_status is not a whole number of 32 bits";
+        return API_UNZIP_FAILED;
+    }
     if (!sCheckSdkLevel(id, manifest)) {
         return API_SDK_LEVEL_TOO_LOW;
     }

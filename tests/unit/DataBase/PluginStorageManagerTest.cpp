@@ -7,13 +7,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <boost/lexical_cast.hpp>
 #include <ctime>
 
 #include "DataBase/PluginStorageManager.h"
 #include "common/Singleton.h"
 #include "storage/Directory.h"
 #include "storage/File.h"
+#include "support/Golden.h"
+#include "support/LogCapture.h"
 #include "support/TestSupport.h"
 #include "system/ConfigInfo.h"
 
@@ -80,7 +81,7 @@ TEST(PluginStorageRead, EveryKeyIsConverted) {
     std::string text =
         "plugin_id = \"p1\";\nstatus = \"5\";\nuse_status = \"-7\";\nsdk_level = \"3\";\n"
         "capability_list = [\"net\", \"disk\"];\nmodel_list = [\"R1\"];\n"
-        "install_time = \"+1700000000\";\nextra_key = \"ignored\";\n";
+        "install_time = \"1700000000\";\nextra_key = \"ignored\";\n";
     for (const std::string& key : keys) {
         text += key + " = \"" + key + "\";\n";
     }
@@ -108,29 +109,33 @@ TEST(PluginStorageRead, EveryKeyIsConverted) {
     EXPECT_EQ(3, info.sdkLevel);
 }
 
-TEST(PluginStorageRead, WelcomeStatusIsNotReadAndBadNumbersThrow) {
+TEST(PluginStorageRead, WelcomeStatusIsNotReadAndBadNumbersLeaveOnlyTheirRecordOut) {
     writeManifest("w.manifest", "plugin_id = \"5017400000000000005\";\nstatus = \"5\";\n");
     PluginInfo welcome;
     ASSERT_TRUE(store()->getPluginInfoFromManifest(storeDir() + "w.manifest", welcome));
     EXPECT_EQ(datacenter::NOT_INSTALLED, welcome.status);
 
-    writeManifest("bad.manifest", "plugin_id = \"bad\";\nsdk_level = \"two\";\n");
-    PluginInfo info;
-    EXPECT_THROW(store()->getPluginInfoFromManifest(storeDir() + "bad.manifest", info), boost::bad_lexical_cast);
-    // The error reaches the callers of listings and lookups too, as long as
-    // the manifest stays as it is; the other records are kept up to date.
-    EXPECT_THROW(store()->getPluginInfos(), boost::bad_lexical_cast);
-    EXPECT_THROW(store()->getPluginInfoById("5017400000000000005"), boost::bad_lexical_cast);
-    // Listings that must not fail leave only the bad manifest out.
-    const auto listable = store()->getListablePluginInfos();
-    EXPECT_EQ(1u, listable.count("5017400000000000005"));
-    EXPECT_EQ(0u, listable.count("bad"));
-    EXPECT_EQ("5017400000000000005", store()->getListablePluginInfoById("5017400000000000005").id);
-    EXPECT_EQ("", store()->getListablePluginInfoById("bad").id);
-    writeManifest("bad.manifest", "plugin_id = \"bad\";\nsdk_level = \"2\";\n");
+    // What a package or a hand edit can put where a number belongs: the
+    // record is left out with a log line, never thrown about, and the other
+    // records stay listed.
+    for (const char* bad : {"use_status = \"x\"", "use_status = \"99999999999\"", "sdk_level = \" 1\"",
+                            "sdk_level = \"1 \"", "sdk_level = \"+1\"", "sdk_level = \"0x10\"", "status = \"5.0\"",
+                            "status = \"-\"", "install_time = \"99999999999999999999\"", "install_time = \"1e9\""}) {
+        SCOPED_TRACE(bad);
+        writeManifest("bad.manifest", std::string("plugin_id = \"bad\";\n") + bad + ";\n");
+        PluginInfo info;
+        testsupport::LogCapture log;
+        EXPECT_FALSE(store()->getPluginInfoFromManifest(storeDir() + "bad.manifest", info));
+        const auto infos = store()->getPluginInfos();
+        EXPECT_EQ(1u, infos.count("5017400000000000005"));
+        EXPECT_EQ(0u, infos.count("bad"));
+        EXPECT_EQ("", store()->getPluginInfoById("bad").id);
+        EXPECT_NE(std::string::npos, testsupport::logText(log).find("has a value that is not a number"));
+    }
+    writeManifest("bad.manifest", "plugin_id = \"bad\";\nsdk_level = \"-2\";\n");
     const auto infos = store()->getPluginInfos();
     EXPECT_EQ(1u, infos.count("5017400000000000005"));
-    EXPECT_EQ(2, infos.at("bad").sdkLevel);
+    EXPECT_EQ(-2, infos.at("bad").sdkLevel);
 }
 
 TEST(PluginStorageRead, InstallTimesBeyondTheFieldAreClampedNotDropped) {
