@@ -1,5 +1,17 @@
+// No input a package or a plugin can supply ends the tool with abort():
+// whatever escapes is reported with a message and exit status 1.
+#include <exception>
+#include <iostream>
+
 #include "Plugin/installPlugin.h"
 
 int main(int argc, char** argv) {
-    return installPluginMain(argc, argv);
+    try {
+        return installPluginMain(argc, argv);
+    } catch (const std::exception& e) {
+        std::cerr << "installplugin: " << e.what() << std::endl;
+    } catch (...) {
+        std::cerr << "installplugin: unknown error" << std::endl;
+    }
+    return 1;
 }

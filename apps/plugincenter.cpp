@@ -1,5 +1,17 @@
+// No input a package or a plugin can supply ends the tool with abort():
+// whatever escapes is reported with a message and exit status 1.
+#include <exception>
+#include <iostream>
+
 #include "Plugin/pluginCenter.h"
 
 int main(int argc, char** argv) {
-    return pluginCenterMain(argc, argv);
+    try {
+        return pluginCenterMain(argc, argv);
+    } catch (const std::exception& e) {
+        std::cerr << "plugincenter: " << e.what() << std::endl;
+    } catch (...) {
+        std::cerr << "plugincenter: unknown error" << std::endl;
+    }
+    return 1;
 }

@@ -47,8 +47,6 @@ bool contains(const std::vector<std::string>& sorted, const std::string& value) 
 }
 
 const char* const kController = "pluginControllor";
-// A record is one line per file of the package; far above any real one.
-const size_t kRecordLimit = 16u << 20;
 
 // True for a line that names the data directory or something below it
 // without climbing back out of it.
@@ -178,7 +176,7 @@ ApiErrorCode PluginManager::cleanPlugin(const std::string& id) {
     std::string record;
     std::string why = "the plugin's directory cannot be opened";
     if (!dirFd.valid() ||
-        !datacenter::PlainFile::sReadAt(dirFd.get(), InstallAction::sInitFilesRecordName, kRecordLimit, record, why)) {
+        !datacenter::PlainFile::sReadAt(dirFd.get(), InstallAction::sInitFilesRecordName, InstallAction::sInitFilesRecordLimit, record, why)) {
         LOG(ERROR) << "File(read) Open error " << API_INIT_FILES_RECORD_FAILED;
         LOG(ERROR) << "cleanPlugin: " << dir << InstallAction::sInitFilesRecordName << ": " << why;
         return API_INIT_FILES_RECORD_FAILED;

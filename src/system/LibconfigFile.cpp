@@ -8,6 +8,7 @@
 #include <cctype>
 #include <cerrno>
 #include <fstream>
+#include <sstream>
 #include <vector>
 
 #include "storage/File.h"
@@ -20,6 +21,9 @@ namespace {
 const char* const kIncludeRefused = "@include is not allowed";
 // Settings files are small; more than this is not one, and is not read.
 const size_t kMaxSettingsBytes = 16 * 1024 * 1024;
+// A torn write cuts a file's end; past this many lines off the end the
+// repair gives the file up instead of parsing it again and again.
+const int kMaxRepairCuts = 64;
 
 }  // namespace
 
@@ -94,7 +98,15 @@ void LibconfigFile::sWrite(const libconfig::Config& config, const std::string& p
 }
 
 std::string LibconfigFile::sLongestParsablePrefix(const std::string& path) {
-    std::ifstream in(path);
+    // Another program can write this file; read it like the parsers do,
+    // bounded, and try only the cuts a torn write leaves: its last lines.
+    std::string content;
+    std::string why;
+    if (!PlainFile::sRead(path, kMaxSettingsBytes, content, why)) {
+        LOG(ERROR) << "config file " << path << " cannot be repaired: " << why;
+        return std::string();
+    }
+    std::istringstream in(content);
     std::string text;
     std::string lastLine;
     std::vector<size_t> lineLengths;
@@ -103,8 +115,8 @@ std::string LibconfigFile::sLongestParsablePrefix(const std::string& path) {
         text += line + "\n";
         lineLengths.push_back(line.size() + 1);
     }
-    while (!text.empty()) {
-        const size_t cut = lineLengths.empty() ? text.size() : lineLengths.back();
+    for (int tries = 0; !text.empty(); ++tries) {
+        const size_t cut = lineLengths.empty() || tries == kMaxRepairCuts ? text.size() : lineLengths.back();
         if (!lineLengths.empty()) {
             lineLengths.pop_back();
         }

@@ -28,6 +28,7 @@
 const std::string InstallAction::sVerifiedQpkLocalName = "verified_korvia.qpk";
 const std::string InstallAction::sLocalInstallTmpDir = "local_install_tmp/";
 const std::string InstallAction::sInitFilesRecordName = "init_files.record";
+const size_t InstallAction::sInitFilesRecordLimit = 16u << 20;
 const std::string InstallAction::sRomType = "netvale_rom";
 
 namespace {
@@ -190,6 +191,31 @@ bool InstallAction::journalStep() {
 }
 
 ApiErrorCode InstallAction::run() {
+    try {
+        return runSteps();
+    } catch (const std::exception& e) {
+        LOG(ERROR) << "install ERROR: exception " << e.what();
+    } catch (...) {
+        LOG(ERROR) << "install ERROR: unknown exception";
+    }
+    return finishAfterException();
+}
+
+ApiErrorCode InstallAction::finishAfterException() {
+    // No step may leave half an installation: the journal knows what this
+    // one had begun, so the recovery the next start would run runs now.
+    setFailure(API_GENERAL_FAILURE);
+    installing_ = false;
+    if (journal_) {
+        journal_->unlock();
+        journal_.reset();
+        InstallJournal::sRecover();
+    }
+    finished_ = true;
+    return API_GENERAL_FAILURE;
+}
+
+ApiErrorCode InstallAction::runSteps() {
     if (!journal_) {
         std::shared_ptr<InstallJournal> own = std::make_shared<InstallJournal>();
         if (!own->tryLock()) {
@@ -486,8 +512,9 @@ ApiErrorCode InstallAction::readPayload(std::string& tmpDir, bool checkUpdate) {
 ApiErrorCode InstallAction::takePayloadId(bool checkUpdate) {
     const std::string id = PackageFiles::sGetIdFromPayload(payload_.fd(), payload_.size(), payloadLabel());
     // The id names directories and ends up in command lines: only a plain token will do.
-    if (!datacenter::isSafePluginId(id)) {
-        LOG(ERROR) << "getPackage: the package carries no usable plugin id '" << id << "'";
+    const std::string problem = datacenter::pluginIdProblem(id);
+    if (!problem.empty()) {
+        LOG(ERROR) << "getPackage: the package carries no usable plugin id '" << id << "': " << problem;
         return API_GET_PACKAGE_FAILED;
     }
     pluginId_ = id;

@@ -30,6 +30,9 @@ public:
     static const std::string sVerifiedQpkLocalName;  // "verified_korvia.qpk"
     static const std::string sLocalInstallTmpDir;    // "local_install_tmp/", below the plugin root
     static const std::string sInitFilesRecordName;   // "init_files.record"
+    // The most a plugin's "init_files.record" may hold: one line per file of
+    // a package, far above any real one; a larger one is refused, not read.
+    static const size_t sInitFilesRecordLimit;
     static const std::string sRomType;               // "netvale_rom"
 
     InstallAction(const std::string& id, const std::string& url, const std::string& packagePath);
@@ -138,6 +141,11 @@ protected:
     bool journalStep();
     // Ends a run that could not record itself: 4, with nothing written.
     ApiErrorCode finishUnstarted();
+    // The steps of run(); exceptions that escape them end in finishAfterException.
+    ApiErrorCode runSteps();
+    // Ends an installation a step left by an exception: the record says 4
+    // and what the journal knows of is recovered at once.
+    ApiErrorCode finishAfterException();
     void setStatus(datacenter::PluginStatus status);
     // Writes the step's name to standard output and keeps it for steps().
     void enterStep(const char* step);

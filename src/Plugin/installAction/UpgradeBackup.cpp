@@ -36,9 +36,21 @@ std::string joined(const std::string& folder, const std::string& name) {
     return folder.empty() ? name : folder + "/" + name;
 }
 
-bool readAll(int fd, std::string& text) {
+// A plugin can grow its records to any size (a sparse file of gigabytes
+// costs it nothing): a copy of one is refused past the record limit.
+const size_t kRecordLimit = InstallAction::sInitFilesRecordLimit;
+// The list of added names is the installer's own, one line per file of a
+// package; its bound only keeps a damaged list from exhausting memory.
+const size_t kAddedListLimit = 64u << 20;
+
+// Reads the rest of `fd`; false on a read error or past `limit` bytes.
+bool readAll(int fd, std::string& text, size_t limit) {
     char buffer[16 * 1024];
     for (;;) {
+        if (text.size() > limit) {
+            errno = EFBIG;
+            return false;
+        }
         const ssize_t got = ::read(fd, buffer, sizeof(buffer));
         if (got < 0 && errno == EINTR) {
             continue;
@@ -114,7 +126,10 @@ bool UpgradeBackup::copyRecord(const std::string& from, const std::string& to) {
     std::string text;
     struct stat st;
     const std::string partial = to + ".part";
-    bool ok = readAll(in.get(), text) && ::fstat(in.get(), &st) == 0;
+    bool ok = readAll(in.get(), text, kRecordLimit) && ::fstat(in.get(), &st) == 0;
+    if (!ok) {
+        LOG(ERROR) << "upgrade of " << id_ << ": cannot keep " << from << ": " << strerror(errno);
+    }
     {
         const datacenter::UniqueFd out(ok ? root_.openFile(partial, O_WRONLY | O_CREAT | O_TRUNC, 0600) : -1);
         ok = out.valid() && writeAll(out.get(), text) && ::fchmod(out.get(), st.st_mode & 07777) == 0 &&
@@ -131,7 +146,7 @@ bool UpgradeBackup::writeBack(const std::string& from, const std::string& to) {
     std::string text;
     struct stat st;
     const std::string temporary = to + ".restore";
-    bool ok = readAll(in.get(), text) && ::fstat(in.get(), &st) == 0;
+    bool ok = readAll(in.get(), text, kRecordLimit) && ::fstat(in.get(), &st) == 0;
     {
         const datacenter::UniqueFd out(ok ? root_.openFile(temporary, O_WRONLY | O_CREAT | O_TRUNC, 0600) : -1);
         ok = out.valid() && writeAll(out.get(), text) && ::fchmod(out.get(), st.st_mode & 07777) == 0 &&
@@ -243,7 +258,7 @@ bool UpgradeBackup::restore() {
     {
         const datacenter::UniqueFd list(root_.openFile(folder_ + kAddedName, O_RDONLY, 0));
         if (list.valid()) {
-            readAll(list.get(), text);
+            readAll(list.get(), text, kAddedListLimit);
         }
     }
     std::vector<std::string> added;
