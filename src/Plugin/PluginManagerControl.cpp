@@ -14,6 +14,7 @@
 #include "common/PluginId.h"
 #include "rpc/DataCenterRpcClient.h"
 #include "storage/Directory.h"
+#include "storage/FileLock.h"
 #include "storage/PluginTree.h"
 #include "storage/UniqueFd.h"
 #include "system/ConfigInfo.h"
@@ -28,8 +29,9 @@ const char* const kConfigLeaf = "plugin_config";
 // Opens the plugin's configuration file inside its tree, never through a link
 // or special file the plugin planted, and takes the exclusive lock on it.
 // The file is replaced by rename on every write, so the lock is only good
-// when the locked file is still the one the name leads to. Returns the
-// locked descriptor, -1 when the file cannot be opened, -2 when it cannot be locked.
+// when the locked file is still the one the name leads to. The plugin can
+// hold the lock for ever, so the wait has a bound. Returns the locked
+// descriptor, -1 when the file cannot be opened, -2 when it cannot be locked.
 int openLocked(datacenter::PluginTree& tree, int etcFd) {
     bool announced = false;
     for (;;) {
@@ -43,11 +45,13 @@ int openLocked(datacenter::PluginTree& tree, int etcFd) {
             LOG(INFO) << "controlConfigData flock";
             announced = true;
         }
-        int rc;
-        do {
-            rc = flock(fd, LOCK_EX);
-        } while (rc != 0 && errno == EINTR);
-        if (rc != 0) {
+        const datacenter::FileLock::Result lock = datacenter::FileLock::sLockExclusive(fd);
+        if (lock != datacenter::FileLock::LOCKED) {
+            LOG(ERROR) << "controlConfigData: "
+                       << (lock == datacenter::FileLock::TIMED_OUT
+                               ? "the configuration file stayed locked by another process for "
+                               : "cannot lock the configuration file; waited ")
+                       << datacenter::FileLock::kDefaultWaitMs << " ms at most";
             close(fd);
             return -2;
         }
@@ -96,6 +100,10 @@ void setDataFun(const std::string& path, const std::string& key, std::string& va
 
 ApiErrorCode PluginManager::controlPlugin(const std::string& id, const std::string& request, std::string& response) {
     LOG(INFO) << "controlPlugin, id is " << id;
+    if (!datacenter::isSafePluginId(id)) {
+        LOG(ERROR) << "controlPlugin: invalid plugin id '" << id << "'";
+        return API_FAILED;
+    }
     const std::string port = datacenter::ConfigInfo::sGetInstance()->getConfig(getPortKeyPrefix() + id);
     if (port.empty()) {
         LOG(ERROR) << "controlPlugin no port info in config";

@@ -1,64 +1,35 @@
 #include "storage/FileLock.h"
 
-#include <fcntl.h>
-#include <glog/logging.h>
 #include <sys/file.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <cstring>
+
+#include "system/Environment.h"
 
 namespace datacenter {
-namespace {
 
-bool sameInode(int fd, const std::string& path) {
-    struct stat byFd;
-    struct stat byPath;
-    return fstat(fd, &byFd) == 0 && ::stat(path.c_str(), &byPath) == 0 && byFd.st_dev == byPath.st_dev &&
-           byFd.st_ino == byPath.st_ino;
-}
-
-}  // namespace
-
-FileLock::FileLock(const std::string& path, unsigned mode) {
-    for (;;) {
-        const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, mode);
-        if (fd < 0) {
-            LOG(ERROR) << "cannot open " << path << " for locking: " << strerror(errno);
-            openFailed_ = true;
-            return;
+FileLock::Result FileLock::sLockExclusive(int fd, int waitMs) {
+    // Short naps first, so that a lock held for a moment costs little.
+    int napMs = 5;
+    for (int waited = 0;;) {
+        if (flock(fd, LOCK_EX | LOCK_NB) == 0) {
+            return LOCKED;
         }
-        int rc;
-        do {
-            rc = flock(fd, LOCK_EX);
-        } while (rc != 0 && errno == EINTR);
-        if (rc != 0) {
-            LOG(ERROR) << "cannot lock " << path << ": " << strerror(errno);
-            ::close(fd);
-            return;
+        if (errno == EINTR) {
+            continue;
         }
-        if (sameInode(fd, path)) {
-            fd_ = fd;
-            return;
+        if (errno != EWOULDBLOCK) {
+            return FAILED;
         }
-        // The file was replaced while we waited: lock the current one instead.
-        ::close(fd);
+        if (waited >= waitMs) {
+            return TIMED_OUT;
+        }
+        const int nap = std::min(napMs, waitMs - waited);
+        Environment::sSleepMilliseconds(nap);
+        waited += nap;
+        napMs = std::min(napMs * 2, 100);
     }
-}
-
-FileLock::~FileLock() {
-    unlock();
-}
-
-bool FileLock::unlock() {
-    if (fd_ < 0) {
-        return true;
-    }
-    const bool released = flock(fd_, LOCK_UN) == 0;
-    ::close(fd_);
-    fd_ = -1;
-    return released;
 }
 
 }  // namespace datacenter

@@ -1,31 +1,19 @@
 #pragma once
-// An exclusive flock on a file itself, shared with other processes. Files
-// written crash-safely are replaced by rename, which gives the path a new
-// inode; a lock on the old inode would not exclude a process that opened the
-// path afterwards. So after locking, the locked descriptor's inode is compared
-// with the path's, and on a mismatch the file is reopened and locked again.
-#include <string>
-
+// An exclusive flock on a file that another process, perhaps a plugin, can
+// lock too. A plugin holds its own locks as long as it likes, so the core
+// never waits for one without a bound: it asks again and again until the
+// lock is free or the time is up.
 namespace datacenter {
 
 class FileLock {
 public:
-    // Opens (creating it with `mode` if missing) and locks `path`, waiting for other holders.
-    explicit FileLock(const std::string& path, unsigned mode = 0777);
-    ~FileLock();
-    FileLock(const FileLock&) = delete;
-    FileLock& operator=(const FileLock&) = delete;
+    enum Result { LOCKED, TIMED_OUT, FAILED };
+    // How long the core waits for a lock a plugin may hold, by default.
+    static const int kDefaultWaitMs = 3000;
 
-    // True when the lock is held.
-    bool locked() const { return fd_ >= 0; }
-    // True when the file could not even be opened (as opposed to not locked).
-    bool openFailed() const { return openFailed_; }
-    // Releases the lock; false when the release failed. Safe to call twice.
-    bool unlock();
-
-private:
-    int fd_ = -1;
-    bool openFailed_ = false;
+    // Takes the exclusive lock on the open file `fd`, waiting at most
+    // `waitMs` milliseconds for another holder to let go.
+    static Result sLockExclusive(int fd, int waitMs = kDefaultWaitMs);
 };
 
 }  // namespace datacenter
