@@ -1,16 +1,26 @@
 #include "system/ConfigInfo.h"
 
+#include <fcntl.h>
 #include <glog/logging.h>
 
+#include <cerrno>
+#include <cstring>
 #include <ctime>
 
 #include "storage/Directory.h"
 #include "storage/File.h"
 #include "storage/FileStamp.h"
+#include "storage/PluginTree.h"
+#include "storage/TreeRemoval.h"
 #include "system/LibconfigFile.h"
 #include "system/RootPrefix.h"
 
 namespace datacenter {
+namespace {
+
+const char* const kGlobalFileName = "config.cfg";
+
+}  // namespace
 
 ConfigInfo* ConfigInfo::sGetInstance() {
     static ConfigInfo instance;
@@ -37,9 +47,27 @@ std::string ConfigInfo::getConfig(const std::string& key) {
     return std::string();
 }
 
+UniqueFd ConfigInfo::openConfigFolder() const {
+    std::string leaf;
+    const UniqueFd parent = openParentFolder(configRoot, leaf);
+    UniqueFd folder(parent.valid() ? ::openat(parent.get(), leaf.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)
+                                   : -1);
+    if (!folder.valid() && errno != ENOENT) {
+        LOG(ERROR) << "the configuration folder " << configRoot << " is refused (" << strerror(errno)
+                   << "): a link or something other than a folder stands in its place, and it is never followed";
+    }
+    return folder;
+}
+
+std::string ConfigInfo::sGlobalFileIn(const UniqueFd& folder) {
+    return PluginTree::sPinnedPath(folder.get(), kGlobalFileName);
+}
+
 void ConfigInfo::refreshGlobalLocked() {
+    const UniqueFd folder = openConfigFolder();
+    const std::string path = sGlobalFileIn(folder);
     FileStamp stamp;
-    if (!FileStamp::sOf(globalConfigPath, stamp)) {
+    if (!folder.valid() || !FileStamp::sOf(path, stamp)) {
         globalLoaded_ = false;
         return;
     }
@@ -48,7 +76,7 @@ void ConfigInfo::refreshGlobalLocked() {
     }
     std::string error;
     ++globalReads_;
-    globalLoaded_ = LibconfigFile::sRead(config_, globalConfigPath, error);
+    globalLoaded_ = LibconfigFile::sRead(config_, path, error);
     if (!globalLoaded_) {
         LOG(ERROR) << "parse config file error :" << error << "\npath is " << globalConfigPath;
     }
@@ -61,9 +89,14 @@ void ConfigInfo::setConfig(const std::string& key, const std::string& value) {
     // What is in memory now is not what the file held, whether the write works or not.
     globalLoaded_ = false;
     try {
+        const UniqueFd folder = openConfigFolder();
+        if (!folder.valid()) {
+            LOG(ERROR) << "save config file error: the configuration folder cannot be used";
+            return;
+        }
         LibconfigFile::sSetString(config_, key, value);
         LOG(INFO) << "write file:" << globalConfigPath;
-        LibconfigFile::sWrite(config_, globalConfigPath);
+        LibconfigFile::sWrite(config_, sGlobalFileIn(folder));
         LOG(INFO) << "ConfigInfo setConfig end";
     } catch (const std::exception& e) {
         LOG(ERROR) << "save config file error: " << e.what();
@@ -157,30 +190,38 @@ void ConfigInfo::init() {
             return;
         }
     }
-    Directory::sDelete(configRoot + "/DataBase/", true);
-    Directory::sDelete(getUserdiskRootPath() + "/.thumbnails/", true);
-    if (File::sExists(globalConfigPath)) {
+    Directory::sDelete(getUserdiskRootPath() + "/.thumbnails", true);
+    const UniqueFd folder = openConfigFolder();
+    if (!folder.valid()) {
+        return;
+    }
+    std::string error;
+    if (!TreeRemoval::sRemoveAt(folder.get(), "DataBase", error)) {
+        LOG(ERROR) << "cannot remove " << configRoot << "/DataBase/: " << error;
+    }
+    if (File::sExists(sGlobalFileIn(folder))) {
         boost::mutex::scoped_lock lock(configMutex_);
-        loadGlobalFileLocked();
+        loadGlobalFileLocked(folder);
     }
 }
 
-void ConfigInfo::loadGlobalFileLocked() {
+void ConfigInfo::loadGlobalFileLocked(const UniqueFd& folder) {
+    const std::string path = sGlobalFileIn(folder);
     globalLoaded_ = false;
     try {
         // Stamped before the read: a change while reading makes the next lookup read again.
         FileStamp stamp;
-        const bool stamped = FileStamp::sOf(globalConfigPath, stamp);
-        LibconfigFile::sReadPlain(config_, globalConfigPath);
+        const bool stamped = FileStamp::sOf(path, stamp);
+        LibconfigFile::sReadPlain(config_, path);
         ++globalReads_;
         globalStamp_ = stamp;
         globalLoaded_ = stamped;
     } catch (const libconfig::ParseException& e) {
         LOG(ERROR) << "parse config file error at :" << e.getLine() << " - " << e.getError() << "\npath is "
                    << globalConfigPath;
-        fixDamagedFile(globalConfigPath);
+        fixDamagedFile(path);
         std::string error;
-        LibconfigFile::sRead(config_, globalConfigPath, error);
+        LibconfigFile::sRead(config_, path, error);
     } catch (const std::exception&) {
         LOG(ERROR) << "open config file error;";
     }

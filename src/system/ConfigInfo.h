@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "storage/FileStamp.h"
+#include "storage/UniqueFd.h"
 
 namespace datacenter {
 
@@ -188,7 +189,14 @@ public:
 
 private:
     ConfigInfo();
-    void loadGlobalFileLocked();
+    // The configuration folder, opened without following a link: it lies on
+    // the user disk, where a plugin with "access_userdata" can put a link in
+    // its place. Invalid (and logged) when a link or anything but a folder
+    // stands there; then nothing in it is deleted, read or written.
+    UniqueFd openConfigFolder() const;
+    // The global file reached through the folder `folder` opened above.
+    static std::string sGlobalFileIn(const UniqueFd& folder);
+    void loadGlobalFileLocked(const UniqueFd& folder);
     // Reads the global file into config_ unless config_ already holds the
     // version on disk (same stamp, old enough to be trusted): the port of a
     // plugin and other settings are looked up on every call.
