@@ -19,14 +19,20 @@
 
 namespace {
 
-// The cross-process install lock, or null when another installer holds it.
-std::shared_ptr<InstallJournal> takeInstallLock() {
-    std::shared_ptr<InstallJournal> journal = std::make_shared<InstallJournal>();
+// Takes the cross-process install lock into `journal`: 0, 2506 when
+// another installer holds it, 4 when the core's private folder, where the
+// lock lives, cannot be used (logged with the reason).
+ApiErrorCode takeInstallLock(std::shared_ptr<InstallJournal>& journal) {
+    if (!InstallJournal::sEnsurePrivateDir()) {
+        return API_GENERAL_FAILURE;
+    }
+    journal = std::make_shared<InstallJournal>();
     if (!journal->tryLock()) {
         LOG(WARNING) << "another installation is running";
-        return nullptr;
+        journal.reset();
+        return API_INSTALL_IN_PROGRESS;
     }
-    return journal;
+    return API_SUCCESS;
 }
 
 void startDetached(const boost::shared_ptr<InstallAction>& action) {
@@ -53,8 +59,12 @@ bool PluginManager::replaceAction(const boost::shared_ptr<InstallAction>& action
 ApiErrorCode PluginManager::installFromLocal(const std::string& path, bool keepPackage) {
     LOG(INFO) << "installFromLocal path:" << path << " keepPackage:" << keepPackage;
     const boost::shared_ptr<InstallAction> action(new InstallFromLocal(path, keepPackage));
-    const std::shared_ptr<InstallJournal> lock = takeInstallLock();
-    if (!lock || !replaceAction(action)) {
+    std::shared_ptr<InstallJournal> lock;
+    const ApiErrorCode locked = takeInstallLock(lock);
+    if (locked != API_SUCCESS) {
+        return locked;
+    }
+    if (!replaceAction(action)) {
         return API_INSTALL_IN_PROGRESS;
     }
     action->setJournal(lock);
@@ -63,8 +73,12 @@ ApiErrorCode PluginManager::installFromLocal(const std::string& path, bool keepP
 
 ApiErrorCode PluginManager::startServerInstall(const boost::shared_ptr<InstallAction>& action, const std::string& id) {
     boost::mutex::scoped_lock lock(installMutex_);
-    const std::shared_ptr<InstallJournal> installLock = takeInstallLock();
-    if (!installLock || !replaceAction(action)) {
+    std::shared_ptr<InstallJournal> installLock;
+    const ApiErrorCode locked = takeInstallLock(installLock);
+    if (locked != API_SUCCESS) {
+        return locked;
+    }
+    if (!replaceAction(action)) {
         return API_INSTALL_IN_PROGRESS;
     }
     // The id names the data directory and ends up in command lines.
@@ -93,8 +107,12 @@ ApiErrorCode PluginManager::upgradeFromServer(const std::string& id, const std::
 ApiErrorCode PluginManager::installFromUrl(const std::string& url) {
     LOG(INFO) << "installFromUrl begin";
     const boost::shared_ptr<InstallAction> action(new InstallFromUrl(url));
-    const std::shared_ptr<InstallJournal> lock = takeInstallLock();
-    if (!lock || !replaceAction(action)) {
+    std::shared_ptr<InstallJournal> lock;
+    const ApiErrorCode locked = takeInstallLock(lock);
+    if (locked != API_SUCCESS) {
+        return locked;
+    }
+    if (!replaceAction(action)) {
         return API_INSTALL_IN_PROGRESS;
     }
     action->setJournal(lock);

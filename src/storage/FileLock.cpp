@@ -4,8 +4,8 @@
 
 #include <algorithm>
 #include <cerrno>
-
-#include "system/Environment.h"
+#include <chrono>
+#include <thread>
 
 namespace datacenter {
 
@@ -26,7 +26,7 @@ FileLock::Result FileLock::sLockExclusive(int fd, int waitMs) {
             return TIMED_OUT;
         }
         const int nap = std::min(napMs, waitMs - waited);
-        Environment::sSleepMilliseconds(nap);
+        std::this_thread::sleep_for(std::chrono::milliseconds(nap));
         waited += nap;
         napMs = std::min(napMs * 2, 100);
     }

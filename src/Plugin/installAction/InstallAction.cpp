@@ -217,6 +217,9 @@ ApiErrorCode InstallAction::finishAfterException() {
 
 ApiErrorCode InstallAction::runSteps() {
     if (!journal_) {
+        if (!InstallJournal::sEnsurePrivateDir()) {
+            return API_GENERAL_FAILURE;
+        }
         std::shared_ptr<InstallJournal> own = std::make_shared<InstallJournal>();
         if (!own->tryLock()) {
             LOG(ERROR) << "another installation is running";

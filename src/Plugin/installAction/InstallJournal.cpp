@@ -19,13 +19,13 @@
 #include "common/PluginId.h"
 #include "common/Singleton.h"
 #include "storage/File.h"
+#include "storage/PrivateState.h"
 #include "system/CommonUtils.h"
 #include "system/ConfigInfo.h"
 #include "system/RootPrefix.h"
 
 namespace {
 
-const char* const kPrivateDir = "/data/etc/datacenter/";
 const char* const kLockName = "install.lock";
 const char* const kJournalName = "install.journal";
 
@@ -195,20 +195,6 @@ void removeTemporaryFiles(const std::string& id) {
     }
 }
 
-// Whether the data directory of `id` would be one of the core's own folders
-// under the plugin root (the manifest store, the staging folder).
-bool namesTheCoresOwnFolder(const std::string& id) {
-    const auto plain = [](std::string path) {
-        for (std::string::size_type twice; (twice = path.find("//")) != std::string::npos;) {
-            path.erase(twice, 1);
-        }
-        return path;
-    };
-    const std::string dataDir = plain(PluginManager::sGetPluginDataPath(id));
-    return dataDir == plain(PluginStorageManager::sGetManifestRootPath()) ||
-           dataDir == plain(PluginManager::sGetPluginRootPath() + InstallAction::sLocalInstallTmpDir);
-}
-
 // Whether the store lists `id` as an installed plugin (enabled or disabled).
 bool listedAsInstalled(const std::string& id) {
     const datacenter::PluginInfo info = Singleton<PluginStorageManager>::instance()->getPluginInfoById(id);
@@ -290,16 +276,6 @@ void recoverPlugin(const InstallJournal::Entry& entry, std::string* restart) {
     }
 }
 
-// Opens (creating when missing, mode `mode`) the folder `name` in `parent`
-// without following a link. -1 when it cannot be opened as a folder.
-int openOrMakeFolder(int parent, const std::string& name, mode_t mode) {
-    int fd = openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0 && errno == ENOENT && mkdirat(parent, name.c_str(), mode) == 0) {
-        fd = openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    }
-    return fd;
-}
-
 }  // namespace
 
 void InstallJournal::sRemoveBelowRoot(const std::string& path) {
@@ -311,7 +287,7 @@ InstallJournal::~InstallJournal() {
 }
 
 std::string InstallJournal::sPrivateDir() {
-    return datacenter::RootPrefix::sPath(kPrivateDir);
+    return datacenter::PrivateState::sDir();
 }
 
 std::string InstallJournal::sLockPath() {
@@ -323,27 +299,7 @@ std::string InstallJournal::sJournalPath() {
 }
 
 bool InstallJournal::sEnsurePrivateDir() {
-    const std::string root = datacenter::RootPrefix::sRoot();
-    Fd dir(::open(root.empty() ? "/" : root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    const std::string parts = std::string(kPrivateDir).substr(1);
-    std::string::size_type start = 0;
-    while (dir.fd >= 0 && start < parts.size()) {
-        const std::string::size_type slash = parts.find('/', start);
-        const std::string name = parts.substr(start, slash - start);
-        start = slash + 1;
-        const bool last = start >= parts.size();
-        const int next = openOrMakeFolder(dir.fd, name, last ? 0700 : 0755);
-        ::close(dir.fd);
-        dir.fd = next;
-    }
-    struct stat st;
-    if (dir.fd < 0 || fstat(dir.fd, &st) != 0 || st.st_uid != geteuid() ||
-        ((st.st_mode & 07777) != 0700 && fchmod(dir.fd, 0700) != 0)) {
-        LOG(ERROR) << "the core's private folder " << sPrivateDir()
-                   << " cannot be made: a link, a file or a folder of another owner is in its way";
-        return false;
-    }
-    return true;
+    return datacenter::PrivateState::sEnsure();
 }
 
 bool InstallJournal::tryLock() {
@@ -435,7 +391,7 @@ bool InstallJournal::sRecover(std::string* restart) {
     LOG(WARNING) << "install recovery: an installer stopped while installing '" << entry.id << "'";
     // An id that is not a plain token was never used to write anything; with
     // no id yet, only the installer's own folder may hold something.
-    if (datacenter::isSafePluginId(entry.id) && !namesTheCoresOwnFolder(entry.id)) {
+    if (datacenter::isSafePluginId(entry.id)) {
         recoverPlugin(entry, restart);
     } else {
         if (!entry.id.empty()) {

@@ -2,8 +2,8 @@
 // One installer at a time across processes, and a record of what it is doing.
 //
 // Both the lock and the record live in the core's private folder
-// "/data/etc/datacenter/" (0700, never on the user disk that plugins can
-// reach). The installer holds an exclusive flock on the lock file for the
+// "/data/etc/datacenter/state/" (PrivateState: 0700, never on the user disk
+// that plugins can reach). The installer holds an exclusive flock on the lock file for the
 // whole installation; the kernel drops it when the holder dies, so a killed
 // installer never blocks the next one. Before the installer writes anything it
 // records, durably, which plugin it works on and two flags: whether that
@@ -37,19 +37,17 @@ public:
     InstallJournal(const InstallJournal&) = delete;
     InstallJournal& operator=(const InstallJournal&) = delete;
 
-    // The core's private folder "/data/etc/datacenter/" (root prefixed), and
-    // the lock file and the record in it.
+    // The core's private folder (PrivateState::sDir()), and the lock file
+    // and the record in it.
     static std::string sPrivateDir();
     static std::string sLockPath();
     static std::string sJournalPath();
-    // Creates the private folder when missing, without following a link on
-    // the way, and makes it 0700. False (logged) when a link, a folder of
-    // another owner or anything else stands in its place.
+    // PrivateState::sEnsure(): false (logged) when the private folder cannot be used.
     static bool sEnsurePrivateDir();
 
     // Takes the installation lock without waiting: true when this object holds
-    // it now, false when another installer (in any process) does or the lock
-    // file cannot be opened.
+    // it now, false when another installer (in any process) does, the lock
+    // file cannot be opened or the private folder cannot be used.
     bool tryLock();
     bool locked() const { return fd_ >= 0; }
     // Drops the lock (the record stays).

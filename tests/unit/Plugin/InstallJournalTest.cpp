@@ -3,8 +3,10 @@
 // what a dead installer would have left.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <boost/filesystem.hpp>
+#include <functional>
 
 #include "Plugin/PluginManager.h"
 #include "Plugin/installAction/InstallFromLocal.h"
@@ -229,22 +231,103 @@ TEST(InstallLock, OneHolderAtATimeAndFreedWithItsHolder) {
     first.unlock();
     EXPECT_TRUE(second.tryLock());
     second.unlock();
-    // The lock lives in the core's private folder, 0700; a link planted in
-    // place of the lock file or of the folder is not followed.
-    struct stat st;
-    ASSERT_EQ(0, lstat(InstallJournal::sPrivateDir().c_str(), &st));
-    EXPECT_EQ(040700u, st.st_mode);
+    // A link planted in place of the lock file is not followed.
     boost::filesystem::remove(InstallJournal::sLockPath());
     writeFile(underRoot("/target"), "untouched");
     boost::filesystem::create_symlink(underRoot("/target"), InstallJournal::sLockPath());
     EXPECT_FALSE(first.tryLock());
     EXPECT_EQ("untouched", readFile(underRoot("/target")));
-    boost::filesystem::remove_all(InstallJournal::sPrivateDir());
-    boost::filesystem::create_directory(underRoot("/elsewhere"));
-    boost::filesystem::create_directory_symlink(underRoot("/elsewhere"), underRoot("/data/etc/datacenter"));
-    EXPECT_FALSE(first.tryLock());
-    InstallJournal::Entry entry;
-    entry.id = kId;
-    EXPECT_FALSE(first.record(entry));
-    EXPECT_EQ("", testsupport::treeText(underRoot("/elsewhere")));
+}
+
+// The private state lives in a folder of its own below "/data/etc/datacenter/",
+// whose parent also holds the privacy white list other programs read: the
+// parent keeps its owner and mode, the state folder is the core's, 0700, and
+// what stands in its way is refused with its own code, not "installing".
+TEST(PrivateState, TheStateFolderIsTheCoresOwnAndItsParentIsLeftAlone) {
+    const std::string parent = underRoot("/data/etc/datacenter");
+    const std::string state = parent + "/state";
+    struct Case {
+        const char* name;
+        std::function<void()> plant;
+        bool usable;
+        bool needsRoot;  // gives a folder to another user
+    };
+    const std::vector<Case> cases{
+        {"a parent of another owner and mode, with the white list",
+         [&] {
+             boost::filesystem::create_directories(parent);
+             writeFile(parent + "/whitelist", "app");
+             ASSERT_EQ(0, chown(parent.c_str(), 4321, 4321));
+             ASSERT_EQ(0, chmod(parent.c_str(), 0751));
+         },
+         true, true},
+        {"a state folder open to all", [&] { boost::filesystem::create_directories(state); chmod(state.c_str(), 0777); },
+         true, false},
+        {"a link in place of the state folder",
+         [&] {
+             boost::filesystem::create_directories(parent);
+             boost::filesystem::create_directory_symlink(underRoot("/elsewhere"), state);
+         },
+         false, false},
+        {"a link in place of the parent",
+         [&] {
+             boost::filesystem::create_directories(underRoot("/data/etc"));
+             boost::filesystem::create_directory_symlink(underRoot("/elsewhere"), parent);
+         },
+         false, false},
+        {"a state folder of another user",
+         [&] {
+             boost::filesystem::create_directories(state);
+             ASSERT_EQ(0, chown(state.c_str(), 4321, 4321));
+         },
+         false, true},
+    };
+    Singleton<PluginManager>::instance();
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        if (c.needsRoot && geteuid() != 0) {
+            continue;
+        }
+        boost::filesystem::remove_all(underRoot("/data"));
+        boost::filesystem::remove_all(underRoot("/elsewhere"));
+        boost::filesystem::create_directory(underRoot("/elsewhere"));
+        c.plant();
+        struct stat before {};
+        lstat(parent.c_str(), &before);
+        InstallJournal journal;
+        InstallJournal::Entry entry;
+        entry.id = kId;
+        EXPECT_EQ(c.usable, journal.tryLock());
+        EXPECT_EQ(c.usable, journal.record(entry));
+        journal.unlock();
+        const ApiErrorCode code = Singleton<PluginManager>::instance()->installFromLocal(underRoot("/none.qpk"), false);
+        EXPECT_EQ(c.usable ? API_PACKAGE_NOT_EXIST : API_GENERAL_FAILURE, code);
+        struct stat after {};
+        lstat(parent.c_str(), &after);
+        EXPECT_EQ(before.st_mode, after.st_mode);
+        EXPECT_EQ(before.st_uid, after.st_uid);
+        EXPECT_EQ("", testsupport::treeText(underRoot("/elsewhere")));
+        if (c.usable) {
+            struct stat st;
+            ASSERT_EQ(0, lstat(state.c_str(), &st));
+            EXPECT_EQ(040700u, st.st_mode);
+            EXPECT_EQ(geteuid(), st.st_uid);
+        }
+    }
+    boost::filesystem::remove_all(underRoot("/data"));
+}
+
+// A journal an older version left beside the white list moves into the state
+// folder, and recovery finds it there.
+TEST(PrivateState, AJournalLeftAtTheFormerPlaceIsRecovered) {
+    testsupport::putPlugin(kId, datacenter::ENABLED);
+    writeFile(dataDir() + "bin/app", "installed");
+    writeFile(dataDir() + "bin/half", "half");
+    boost::filesystem::remove_all(underRoot("/data"));
+    writeFile(underRoot("/data/etc/datacenter/install.journal"), "id " + kId + "\nupgrade 1\nfresh_tree 0\n");
+    chmod(underRoot("/data/etc/datacenter").c_str(), 0700);
+    EXPECT_TRUE(InstallJournal::sRecover());
+    EXPECT_FALSE(exists(underRoot("/data/etc/datacenter/install.journal")));
+    EXPECT_FALSE(exists(InstallJournal::sJournalPath()));
+    EXPECT_EQ("installed", readFile(dataDir() + "bin/app"));
 }
