@@ -18,6 +18,7 @@
 #include <chrono>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <memory>
 #include <thread>
 
@@ -30,6 +31,7 @@
 #include "support/SleepingChild.h"
 #include "support/TestSupport.h"
 #include "system/ConfigInfo.h"
+#include "storage/PrivateState.h"
 #include "system/ProcessOwnership.h"
 #include "unit/Plugin/PluginTestSupport.h"
 
@@ -299,6 +301,33 @@ private:
     std::thread thread_;
 };
 
+// Installs a package of `id` with the manifest settings `settings`.
+std::string installWith(PackageFactory& factory, const std::string& id,
+                        const std::map<std::string, std::string>& settings) {
+    PackageSpec spec;
+    spec.id = id;
+    for (const auto& setting : settings) {
+        spec.manifest[setting.first] = setting.second;
+    }
+    return tool("installplugin", "-f " + factory.build(spec, "input-" + std::to_string(std::hash<std::string>()(
+                                                                            id + settings.begin()->second))));
+}
+
+// The installer under a limit of 1 GiB of address space, which the sanitizers
+// cannot run under: there the refusal is checked without the limit.
+std::string installUnderMemoryLimit(const std::string& package) {
+#if defined(__SANITIZE_ADDRESS__)
+    const std::string limit;
+#else
+    const std::string limit = "ulimit -v 1048576 && ";
+#endif
+    const testsupport::CommandResult result =
+        testsupport::runCommand(limit + "DATACENTER_INSTALLPLUGIN_DELAY_MS=0 DATACENTER_ROOT=" + testsupport::root() +
+                                " timeout 120 " + testsupport::buildDir() + "/apps/installplugin -k -f " + package +
+                                " 2>&1");
+    return std::to_string(result.exitStatus) + " " + result.output;
+}
+
 }  // namespace
 
 // Files planted where the core looks next, each refused or contained.
@@ -339,7 +368,93 @@ TEST(PlantedState, AttacksAreRefusedAndNothingOutsideChanges) {
         Singleton<PluginManager>::instance()->moveTimeMachineData(TimeMachineInfo::getPluginId());
         return std::string();
     };
+    const std::string record = PluginManager::sGetPluginDataPath(kPlugin) + "init_files.record";
+    const std::string configFolder = testsupport::underRoot("/userdisk/datacenterConfig");
     const std::vector<Case> cases{
+        {"packages named after the core's own entries, in any case", nothing,
+         [&] {
+             std::string outcomes;
+             for (const char* id : {"app_infos", "Local_Install_Tmp", "app_package", "plugin_id_info.cfg", ".hidden"}) {
+                 outcomes += installWith(factory, id, {{"name", id}}) + "\n";
+             }
+             return outcomes + tool("plugincenter", "uninstall app_infos") + tool("plugincenter", "list --json");
+         },
+         [&](const std::string& outcome) {
+             EXPECT_EQ(5u, count(outcome, "\ninstallplugin failed. code is 2504")) << outcome;
+             EXPECT_EQ(0u, count(outcome, "\ninstallplugin succeed!")) << outcome;
+             EXPECT_NE(std::string::npos, outcome.find(kNeighbour)) << outcome;
+             EXPECT_FALSE(testsupport::exists(store() + "manifest"));
+             EXPECT_FALSE(testsupport::exists(appdata() + "Local_Install_Tmp"));
+         },
+         nothing},
+        {"packages with numbers that do not convert", nothing,
+         [&] {
+             return installWith(factory, "5017400000000000120", {{"use_status", "x"}}) +
+                    installWith(factory, "5017400000000000121", {{"use_status", "99999999999"}}) +
+                    installWith(factory, "5017400000000000122", {{"sdk_level", " 1"}}) + "\n--\n" + list();
+         },
+         [&](const std::string& outcome) {
+             EXPECT_EQ(2u, count(outcome, "\ninstallplugin failed. code is 2529")) << outcome;
+             EXPECT_EQ(1u, count(outcome, "\ninstallplugin failed. code is 2513")) << outcome;
+             const std::string listing = outcome.substr(outcome.find("\n--\n") + 4);
+             listsBoth(listing);
+             EXPECT_EQ(std::string::npos, listing.find("501740000000000012")) << listing;
+         },
+         nothing},
+        {"a store record with a number out of range",
+         [] {
+             writeFile(store() + "5017400000000000123.manifest",
+                       "plugin_id = \"5017400000000000123\";\nstatus = \"5\";\nuse_status = \"99999999999\";\n");
+         },
+         [&] { return list() + tool("plugincenter", "info 5017400000000000123"); },
+         [&](const std::string& outcome) {
+             listsBoth(outcome);
+             EXPECT_EQ(std::string::npos, outcome.find("\"5017400000000000123\"")) << outcome;
+         },
+         [] { boost::filesystem::remove(store() + "5017400000000000123.manifest"); }},
+        {"an 8 GB sparse file record on upgrade, under a memory limit",
+         [&] { ASSERT_EQ(0, truncate(record.c_str(), 8LL << 30)); },
+         [&] { return installUnderMemoryLimit(package) + list(); },
+         [&](const std::string& outcome) {
+             EXPECT_EQ(0u, outcome.find("0 ")) << outcome;
+             EXPECT_NE(std::string::npos, outcome.find("installplugin failed. code is 4")) << outcome;
+             EXPECT_NE(std::string::npos, outcome.find(kPlugin)) << outcome;
+             EXPECT_FALSE(testsupport::exists(datacenter::PrivateState::sPath("install.journal")));
+             EXPECT_EQ(8LL << 30, static_cast<long long>(boost::filesystem::file_size(record)));
+         },
+         [&] {
+             ASSERT_EQ(0, truncate(record.c_str(), 0));
+             tool("plugincenter", "enable " + kPlugin);
+         }},
+        {"a plugin holds the lock of its configuration file",
+         [&] {
+             holder.reset(new testsupport::LockHolder(PluginManager::sGetPluginDataPath(kPlugin) + "etc/plugin_config"));
+             ASSERT_TRUE(holder->held());
+         },
+         [] { return tool("plugincenter", "config get " + kPlugin + " colour"); },
+         [](const std::string& outcome) {
+             EXPECT_EQ(0u, outcome.find("1 ")) << outcome;
+             EXPECT_NE(std::string::npos, outcome.find("2518")) << outcome;
+         },
+         [&] { holder.reset(); }},
+        {"a link in place of the configuration folder",
+         [&] {
+             writeFile(outside() + "/cfg/DataBase/kept", "someone's database");
+             writeFile(outside() + "/cfg/config.cfg", "not { a valid = file");
+             boost::filesystem::rename(configFolder, configFolder + ".real");
+             boost::filesystem::create_directory_symlink(outside() + "/cfg", configFolder);
+         },
+         [&] { return list() + tool("plugincenter", "control " + kPlugin + " ping"); },
+         [&](const std::string& outcome) {
+             EXPECT_EQ(0u, outcome.find("0 ")) << outcome;
+             EXPECT_EQ("someone's database", readFile(outside() + "/cfg/DataBase/kept"));
+             EXPECT_EQ("not { a valid = file", readFile(outside() + "/cfg/config.cfg"));
+         },
+         [&] {
+             boost::filesystem::remove(configFolder);
+             boost::filesystem::rename(configFolder + ".real", configFolder);
+             boost::filesystem::remove_all(outside() + "/cfg");
+         }},
         {"a journal planted on the user disk names the neighbour as a fresh install",
          [] {
              writeFile(appdata() + ".install.journal",
