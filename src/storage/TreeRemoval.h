@@ -70,6 +70,10 @@ public:
     // held by a mount below it; on failure `error` names the entry and the
     // reason.
     static bool sRemoveAt(int dirFd, const std::string& name, std::string& error);
+
+    // For tests: walk as on a kernel whose statx() reports no mount ids
+    // (before Linux 5.8), where only the device number tells a mount.
+    static void sPretendNoMountIds(bool pretend);
 };
 
 }  // namespace datacenter

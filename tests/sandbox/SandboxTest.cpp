@@ -15,6 +15,7 @@
 #include "Plugin/BinaryPluginManger.h"
 #include "Plugin/PluginManager.h"
 #include "common/Singleton.h"
+#include "storage/TreeRemoval.h"
 #include "support/PackageFactory.h"
 #include "support/TestSupport.h"
 #include "system/ConfigInfo.h"
@@ -312,6 +313,8 @@ TEST(Sandbox, CleanAndUninstallNeverWalkThroughTheSandboxMounts) {
 
 // The removal walk meets mounts it did not expect (another file system, or
 // a bind mount of its own): it leaves them, and the folders holding them.
+// Where the kernel gives no mount ids, the device number alone still keeps
+// another file system.
 TEST(Sandbox, TheRemovalWalkLeavesEveryMountPointInPlace) {
     SKIP_WITHOUT_MOUNTS();
     const std::string dir = PluginManager::sGetPluginDataPath("7");
@@ -319,8 +322,10 @@ TEST(Sandbox, TheRemovalWalkLeavesEveryMountPointInPlace) {
     const std::map<std::string, std::string> kinds = {
         {"bind mount of the same file system", "mount --bind " + outside},
         {"another file system", "mount -t tmpfs walled"},
+        {"another file system, no mount ids", "mount -t tmpfs walled"},
     };
     for (const auto& kind : kinds) {
+        datacenter::TreeRemoval::sPretendNoMountIds(kind.first.find("no mount ids") != std::string::npos);
         const std::string point = dir + "junk/inner";
         fs::create_directories(point);
         writeFile(dir + "junk/file", "goes");
@@ -333,5 +338,6 @@ TEST(Sandbox, TheRemovalWalkLeavesEveryMountPointInPlace) {
         EXPECT_EQ("stays", readFile(dir + "etc/manifest")) << kind.first;
         EXPECT_EQ(0, runCommand("umount " + point).exitStatus) << kind.first;
     }
+    datacenter::TreeRemoval::sPretendNoMountIds(false);
     EXPECT_EQ("held", readFile(outside + "/held"));
 }

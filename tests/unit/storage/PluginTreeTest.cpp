@@ -4,9 +4,13 @@
 #include <unistd.h>
 
 #include <boost/filesystem.hpp>
+#include <functional>
+#include <vector>
 
 #include "common/ShellArgument.h"
+#include "storage/PlainFile.h"
 #include "storage/PluginTree.h"
+#include "storage/UniqueFd.h"
 #include "support/TestSupport.h"
 
 namespace fs = boost::filesystem;
@@ -152,6 +156,45 @@ TEST(PluginTreeFiles, AHardLinkToAFileOutsideIsReplacedNotWritten) {
     EXPECT_EQ("new", readFile(layout.tree + "config"));
     EXPECT_EQ("secret", readFile(layout.outside + "/secret"));
     EXPECT_EQ(0600u, modeOf(layout.outside + "/secret") & 0777);
+}
+
+// The reader of files a plugin controls reads a plain file of its size and
+// refuses, without blocking, whatever else was planted in its place.
+TEST(PlainFileRead, OnlyAPlainFileWithinItsLimitIsRead) {
+    const Layout layout = makeLayout("plainfile");
+    const std::string target = layout.tree + "record";
+    struct Case {
+        const char* name;
+        std::function<void()> plant;
+        const char* refusal;  // nullptr: read
+    };
+    const std::vector<Case> cases{
+        {"a plain file", [&] { writeFile(target, "a\nb\n"); }, nullptr},
+        {"a link to a file outside", [&] { fs::create_symlink(layout.outside + "/secret", target); }, "open"},
+        {"a FIFO", [&] { mkfifo(target.c_str(), 0666); }, "not a regular file"},
+        {"a hard link to a file outside", [&] { link((layout.outside + "/secret").c_str(), target.c_str()); },
+         "more than one link"},
+        {"a file over the limit", [&] { writeFile(target, std::string(65, 'x')); }, "larger than the limit"},
+        {"a folder", [&] { fs::create_directory(target); }, "not a regular file"},
+        {"nothing", [] {}, "open"},
+    };
+    const datacenter::UniqueFd folder(::open(layout.tree.c_str(), O_RDONLY | O_DIRECTORY));
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        fs::remove_all(target);
+        c.plant();
+        for (const bool relative : {false, true}) {
+            std::string text = "stale";
+            std::string why;
+            const bool read = relative ? datacenter::PlainFile::sReadAt(folder.get(), "record", 64, text, why)
+                                       : datacenter::PlainFile::sRead(target, 64, text, why);
+            EXPECT_EQ(c.refusal == nullptr, read);
+            EXPECT_EQ(c.refusal ? "" : "a\nb\n", text);
+            EXPECT_NE(std::string::npos, why.find(c.refusal ? c.refusal : "")) << why;
+        }
+    }
+    fs::remove_all(target);
+    expectOutsideUntouched(layout);
 }
 
 TEST(ShellArgument, PlainWordsStayAsTheyAreEverythingElseIsQuoted) {
