@@ -1,9 +1,9 @@
 // No input a package or a plugin can supply ends the tool with abort():
 // whatever escapes is reported with a message and exit status 1.
+#include "Plugin/installPlugin.h"
+
 #include <exception>
 #include <iostream>
-
-#include "Plugin/installPlugin.h"
 
 int main(int argc, char** argv) {
     try {

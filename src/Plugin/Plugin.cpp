@@ -63,7 +63,9 @@ ApiErrorCode AbsPlugin::disableImpl() const {
     return disablePluginStatus();
 }
 
-void AbsPlugin::killProcesses() const {}
+bool AbsPlugin::killProcesses() const {
+    return true;
+}
 
 ApiErrorCode AbsPlugin::enablePluginStatus() const {
     LOG(INFO) << "AbsPlugin enablePluginStatus";
@@ -88,7 +90,10 @@ ApiErrorCode AbsPlugin::disablePluginStatus() const {
     ApiErrorCode result = API_SUCCESS;
     try {
         result = disableHook();
-        killProcesses();
+        if (!killProcesses() && result == API_SUCCESS) {
+            LOG(ERROR) << "AbsPlugin::disablePluginStatus  plugin " << id_ << " could not be stopped";
+            result = API_GENERAL_FAILURE;
+        }
         if (result == API_SUCCESS) {
             LOG(INFO) << "AbsPlugin::disablePluginStatus  updateStatusToStorage";
             if (!Singleton<PluginStorageManager>::instance()->updateStatusToStorage(id_, datacenter::DISABLED)) {
@@ -127,7 +132,7 @@ ApiErrorCode BinaryPlugin::disableHook() const {
                       exitcode2Apicode);
 }
 
-void BinaryPlugin::killProcesses() const {
+bool BinaryPlugin::killProcesses() const {
     const std::string pids = datacenter::ConfigInfo::sGetInstance()->getConfigFromFile(
         PluginManager::sGetPluginPidConfig(), PluginManager::getPidKeyPrefix() + id());
     // The pid file is world-writable: only the plugin's own processes, as
@@ -139,6 +144,9 @@ void BinaryPlugin::killProcesses() const {
         datacenter::Environment::sSleepMilliseconds(1000);
     }
     Singleton<PluginManager>::instance()->resetPluginPids(id());
+    // The pid file holds only what the plugin chose to write: a daemon it
+    // forked into a session of its own is found through /proc.
+    return datacenter::ProcessOwnership::sStopAll(id(), dataDir) == 0;
 }
 
 BuildinPlugin::BuildinPlugin(PluginManager* manager, const std::string& id, const std::string& enablecmd,

@@ -36,13 +36,15 @@ public:
     virtual ApiErrorCode disableImpl() const;
     virtual ApiErrorCode enableHook() const = 0;
     virtual ApiErrorCode disableHook() const = 0;
-    virtual void killProcesses() const;
+    // Ends the kind's processes; false when some could not be stopped.
+    virtual bool killProcesses() const;
 
     // Enable: reset the pid entry, run the hook, store ENABLED. 0, the hook's
     // code, 2510 when the store refuses, 4 on an exception.
     ApiErrorCode enablePluginStatus() const;
     // Disable: run the hook, kill the processes, store DISABLED when the hook
-    // succeeded. 0, the hook's code, 2510 when the store refuses, 4 on an exception.
+    // succeeded and every process ended. 0, the hook's code, 2510 when the
+    // store refuses, 4 on an exception or when a process could not be stopped.
     ApiErrorCode disablePluginStatus() const;
 
     const std::string& id() const { return id_; }
@@ -59,8 +61,10 @@ public:
     BinaryPlugin(PluginManager* manager, const std::string& id);
     ApiErrorCode enableHook() const override;
     ApiErrorCode disableHook() const override;
-    // SIGTERM to every recorded process, up to five one-second waits, then SIGKILL.
-    void killProcesses() const override;
+    // SIGTERM to every recorded process, up to five one-second waits, then
+    // SIGKILL; then every other process of the plugin that /proc shows
+    // (ProcessOwnership::sStopAll). False when one could not be stopped.
+    bool killProcesses() const override;
 };
 
 // A router service switched on and off by two fixed commands.

@@ -18,6 +18,7 @@
 #include "storage/PlainFile.h"
 #include "storage/TreeRemoval.h"
 #include "system/CommonUtils.h"
+#include "system/ProcessOwnership.h"
 #include "system/RootPrefix.h"
 
 using datacenter::TreeRemoval;
@@ -171,12 +172,16 @@ ApiErrorCode PluginManager::cleanPlugin(const std::string& id) {
     }
     CommonUtils::sCallSystem(std::string(kController) + " -k " + id);
     const std::string dir = sGetPluginDataPath(id);
+    if (datacenter::ProcessOwnership::sStopAll(id, dir) != 0) {
+        LOG(ERROR) << "cleanPlugin: plugin " << id << " could not be stopped";
+        return API_FAILED;
+    }
     LOG(INFO) << "plugin install dir is " << dir;
     const datacenter::UniqueFd dirFd = TreeRemoval::sOpenDirectory(dir);
     std::string record;
     std::string why = "the plugin's directory cannot be opened";
-    if (!dirFd.valid() ||
-        !datacenter::PlainFile::sReadAt(dirFd.get(), InstallAction::sInitFilesRecordName, InstallAction::sInitFilesRecordLimit, record, why)) {
+    if (!dirFd.valid() || !datacenter::PlainFile::sReadAt(dirFd.get(), InstallAction::sInitFilesRecordName,
+                                                          InstallAction::sInitFilesRecordLimit, record, why)) {
         LOG(ERROR) << "File(read) Open error " << API_INIT_FILES_RECORD_FAILED;
         LOG(ERROR) << "cleanPlugin: " << dir << InstallAction::sInitFilesRecordName << ": " << why;
         return API_INIT_FILES_RECORD_FAILED;

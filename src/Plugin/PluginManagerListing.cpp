@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <iostream>
 #include <mutex>
+#include <set>
 #include <stdexcept>
 #include <vector>
 
@@ -46,6 +47,14 @@ void sample(const char* format, const std::string& pid, double& first, double& s
     CommonUtils::sCallSystem(command, output);
     sscanf(output.c_str(), "%lf %lf", &first, &second);
     std::cout << output << std::endl;
+}
+
+// Samples the process of `metrics`: top for CPU and memory, pidstat for disk rates.
+void sampleProcess(PidMetrics& metrics) {
+    const std::string pid = std::to_string(metrics.pid);
+    sample("top -p %s -b -n 1 |sed -n 8p|grep %s| awk '{print  $9, $10}'", pid, metrics.cpuPercent, metrics.memPercent);
+    sample("pidstat -p %s -d 1 1 |tail -n 1|grep %s|awk '{print  $3, $4}'", pid, metrics.readKBPerSec,
+           metrics.writeKBPerSec);
 }
 
 bool isMacAddress(const std::string& mac) {
@@ -159,6 +168,7 @@ bool PluginManager::getPluginMetrics(const std::string& id, std::vector<PidMetri
     const std::string dataDir = sGetPluginDataPath(id);
     size_t looked = 0;
     size_t sampled = 0;
+    std::set<int> sampledPids;
     for (const std::string& entry : entries) {
         if (entry.empty()) {
             continue;
@@ -192,12 +202,21 @@ bool PluginManager::getPluginMetrics(const std::string& id, std::vector<PidMetri
             LOG(ERROR) << "skip pid '" << entry << "' of plugin " << id << ": " << reason;
             continue;
         }
-        sample("top -p %s -b -n 1 |sed -n 8p|grep %s| awk '{print  $9, $10}'", entry, metrics.cpuPercent,
-               metrics.memPercent);
-        sample("pidstat -p %s -d 1 1 |tail -n 1|grep %s|awk '{print  $3, $4}'", entry, metrics.readKBPerSec,
-               metrics.writeKBPerSec);
+        sampleProcess(metrics);
+        sampledPids.insert(metrics.pid);
         out.push_back(metrics);
         ++sampled;
+    }
+    // The pid file holds what the plugin chose to write; the rest of its
+    // processes are found as a stop finds them.
+    for (const int pid : datacenter::ProcessOwnership::sFind(dataDir)) {
+        PidMetrics metrics;
+        metrics.pid = pid;
+        if (sampled < kMaxSampledProcesses && sampledPids.insert(pid).second) {
+            sampleProcess(metrics);
+            out.push_back(metrics);
+            ++sampled;
+        }
     }
     return true;
 }

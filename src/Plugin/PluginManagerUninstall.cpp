@@ -14,6 +14,7 @@
 #include "storage/TreeRemoval.h"
 #include "system/CommonUtils.h"
 #include "system/DeviceMountInfo.h"
+#include "system/ProcessOwnership.h"
 #include "tools/Statistics.h"
 
 using datacenter::TreeRemoval;
@@ -61,6 +62,11 @@ ApiErrorCode PluginManager::uninstallPlugin(const std::string& id) {
         if (disabled != API_SUCCESS) {
             LOG(ERROR) << "uninstallFromLocal changePluginStatus ERROR, code:" << disabled;
             return disabled;
+        }
+        // A plugin disabled before may have left a daemon running.
+        if (datacenter::ProcessOwnership::sStopAll(id, sGetPluginDataPath(id)) != 0) {
+            LOG(ERROR) << "uninstallPlugin: plugin " << id << " could not be stopped";
+            return API_FAILED;
         }
         CommonUtils::sCallSystem(std::string(kController) + " -d " + id);
         {

@@ -53,8 +53,8 @@ void adoptFormerFiles(int parent, int state) {
     bool moved = false;
     for (const char* name : kFormerFiles) {
         struct stat st;
-        if (::fstatat(parent, name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode) &&
-            st.st_uid == ::geteuid() && ::fstatat(state, name, &st, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT &&
+        if (::fstatat(parent, name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode) && st.st_uid == ::geteuid() &&
+            ::fstatat(state, name, &st, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT &&
             ::renameat(parent, name, state, name) == 0) {
             LOG(INFO) << "moved " << name << " of an older version into " << PrivateState::sDir();
             moved = true;

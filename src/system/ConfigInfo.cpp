@@ -50,8 +50,8 @@ std::string ConfigInfo::getConfig(const std::string& key) {
 UniqueFd ConfigInfo::openConfigFolder() const {
     std::string leaf;
     const UniqueFd parent = openParentFolder(configRoot, leaf);
-    UniqueFd folder(parent.valid() ? ::openat(parent.get(), leaf.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)
-                                   : -1);
+    UniqueFd folder(
+        parent.valid() ? ::openat(parent.get(), leaf.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC) : -1);
     if (!folder.valid() && errno != ENOENT) {
         LOG(ERROR) << "the configuration folder " << configRoot << " is refused (" << strerror(errno)
                    << "): a link or something other than a folder stands in its place, and it is never followed";

@@ -1,5 +1,6 @@
 #include "system/ProcessOwnership.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <glog/logging.h>
 #include <sys/stat.h>
@@ -11,6 +12,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
+#include <map>
 #include <set>
 
 #include "system/Environment.h"
@@ -47,9 +49,9 @@ bool gone(int pid) {
     return state == 0 || state == 'Z' || state == 'X';
 }
 
-// The data directory as the kernel names it: links resolved, no trailing
-// slash. Empty when it is not a directory (a link in its place is refused).
-std::string physicalDirectory(const std::string& dataDir) {
+}  // namespace
+
+std::string ProcessOwnership::sPhysicalDirectory(const std::string& dataDir) {
     std::string path = dataDir;
     while (path.size() > 1 && path.back() == '/') {
         path.pop_back();
@@ -66,6 +68,8 @@ std::string physicalDirectory(const std::string& dataDir) {
     std::free(real);
     return result;
 }
+
+namespace {
 
 bool isInside(const std::string& path, const std::string& directory) {
     return path == directory || (path.size() > directory.size() && path.compare(0, directory.size(), directory) == 0 &&
@@ -128,9 +132,16 @@ bool ProcessOwnership::sBelongsTo(int pid, const std::string& dataDir, std::stri
         reason = "the process has ended (zombie)";
         return false;
     }
-    const std::string directory = physicalDirectory(dataDir);
+    return sBelongsToDirectory(pid, sPhysicalDirectory(dataDir), reason);
+}
+
+bool ProcessOwnership::sBelongsToDirectory(int pid, const std::string& directory, std::string& reason) {
     if (directory.empty()) {
         reason = "the plugin's data directory is missing or not a directory";
+        return false;
+    }
+    if (pid <= 1 || pid == static_cast<int>(::getpid())) {
+        reason = "not a process of a plugin";
         return false;
     }
     const std::string root = procLink(pid, "root");
@@ -219,6 +230,139 @@ size_t ProcessOwnership::sStop(const std::vector<int>& pids, const std::string& 
         }
     }
     return targets.size();
+}
+
+namespace {
+
+const long kKillWaitMilliseconds = 2000;
+const int kKillRounds = 3;
+// Passes of the freeze: each stops what the one before found new.
+const int kFreezePasses = 64;
+
+// The processes a stop holds, each through a descriptor opened before it
+// was found to be the plugin's, so a reused pid is never hit.
+class Frozen {
+public:
+    explicit Frozen(std::string directory) : directory_(std::move(directory)) {}
+    ~Frozen() {
+        for (const auto& held : held_) {
+            if (held.second >= 0) {
+                ::close(held.second);
+            }
+        }
+    }
+    Frozen(const Frozen&) = delete;
+    Frozen& operator=(const Frozen&) = delete;
+
+    // Stops every process of the plugin with SIGSTOP, scanning again until a
+    // pass finds nothing new. True when the picture held still.
+    bool freeze() {
+        for (int pass = 0; pass < kFreezePasses; ++pass) {
+            bool found = false;
+            for (const int pid : ProcessOwnership::sFind(directory_)) {
+                if (held_.count(pid) == 0) {
+                    found = hold(pid) || found;
+                }
+            }
+            if (!found) {
+                return true;
+            }
+        }
+        return false;
+    }
+    // Sends `signal` to every process held, then SIGCONT so that it acts.
+    void signalAll(int signal) {
+        for (const auto& held : held_) {
+            sendSignal(held.first, held.second, signal);
+            sendSignal(held.first, held.second, SIGCONT);
+        }
+    }
+    // Waits up to `milliseconds` for every held process to end; forgets those that did.
+    void waitGone(long milliseconds) {
+        for (long waited = 0;; waited += kStopPollMilliseconds) {
+            for (auto it = held_.begin(); it != held_.end();) {
+                if (gone(it->first)) {
+                    if (it->second >= 0) {
+                        ::close(it->second);
+                    }
+                    it = held_.erase(it);
+                } else {
+                    ++it;
+                }
+            }
+            if (held_.empty() || waited >= milliseconds) {
+                return;
+            }
+            Environment::sSleepMilliseconds(kStopPollMilliseconds);
+        }
+    }
+    size_t size() const { return held_.size(); }
+
+private:
+    bool hold(int pid) {
+        const int descriptor = openProcessDescriptor(pid);
+        std::string reason;
+        if (!ProcessOwnership::sBelongsToDirectory(pid, directory_, reason) || gone(pid)) {
+            if (descriptor >= 0) {
+                ::close(descriptor);
+            }
+            return false;
+        }
+        sendSignal(pid, descriptor, SIGSTOP);
+        held_[pid] = descriptor;
+        return true;
+    }
+
+    std::string directory_;
+    std::map<int, int> held_;  // pid -> process descriptor (-1 without one)
+};
+
+}  // namespace
+
+std::vector<int> ProcessOwnership::sFind(const std::string& dataDir) {
+    std::vector<int> found;
+    const std::string directory = sPhysicalDirectory(dataDir);
+    DIR* proc = directory.empty() ? nullptr : ::opendir("/proc");
+    if (!proc) {
+        return found;
+    }
+    while (const struct dirent* entry = ::readdir(proc)) {
+        int pid = 0;
+        std::string reason;
+        if (sParsePid(entry->d_name, pid) && sBelongsToDirectory(pid, directory, reason) && !gone(pid)) {
+            found.push_back(pid);
+            if (found.size() == kMaxFound) {
+                break;
+            }
+        }
+    }
+    ::closedir(proc);
+    return found;
+}
+
+size_t ProcessOwnership::sStopAll(const std::string& id, const std::string& dataDir) {
+    Frozen frozen(sPhysicalDirectory(dataDir));
+    frozen.freeze();
+    if (frozen.size() == 0) {
+        return 0;
+    }
+    LOG(WARNING) << "plugin " << id << ": stopping " << frozen.size() << " more process(es) found in /proc";
+    frozen.signalAll(SIGTERM);
+    frozen.waitGone(kStopWaitMilliseconds);
+    for (int round = 0; round < kKillRounds; ++round) {
+        // Whatever forked in the meantime is stopped with the rest.
+        frozen.freeze();
+        if (frozen.size() == 0) {
+            return 0;
+        }
+        frozen.signalAll(SIGKILL);
+        frozen.waitGone(kKillWaitMilliseconds);
+    }
+    const std::vector<int> left = sFind(dataDir);
+    for (const int pid : left) {
+        LOG(ERROR) << "plugin " << id << ": process " << pid << " could not be stopped";
+    }
+    return left.size();
 }
 
 }  // namespace datacenter

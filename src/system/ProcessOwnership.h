@@ -26,6 +26,11 @@ public:
     // plugin whose data directory is `dataDir`; otherwise false with the
     // reason in `reason`.
     static bool sBelongsTo(int pid, const std::string& dataDir, std::string& reason);
+    // The same for a directory already resolved by sPhysicalDirectory.
+    static bool sBelongsToDirectory(int pid, const std::string& directory, std::string& reason);
+    // The data directory as the kernel names it (links resolved, no trailing
+    // slash); empty when it is missing, a link or not a directory.
+    static std::string sPhysicalDirectory(const std::string& dataDir);
 
     // The pids of `entries` that pass sParsePid and sBelongsTo, each once, in
     // order, at most kMaxEntries entries read. Every skipped entry is logged
@@ -39,6 +44,21 @@ public:
     // has them, so a pid reused in between is never hit. Returns how many
     // processes were signalled.
     static size_t sStop(const std::vector<int>& pids, const std::string& dataDir);
+
+    // Every live process of the plugin whose data directory is `dataDir`, as
+    // /proc shows them (sBelongsTo), whatever the pid file says: children
+    // that changed session or process group too. At most kMaxFound.
+    static std::vector<int> sFind(const std::string& dataDir);
+    static const size_t kMaxFound = 4096;
+
+    // Ends every process of the plugin, not only those it listed: the
+    // processes found are stopped (SIGSTOP) and /proc is scanned again until
+    // a pass finds none it has not stopped, so a process that keeps forking
+    // cannot outrun the stop; then SIGTERM (and SIGCONT), up to five seconds
+    // to end, and rounds of the same with SIGKILL. Returns how many
+    // processes are still alive afterwards (0: the plugin is stopped); each
+    // survivor is logged with `id`.
+    static size_t sStopAll(const std::string& id, const std::string& dataDir);
 };
 
 }  // namespace datacenter

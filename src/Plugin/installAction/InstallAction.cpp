@@ -22,6 +22,7 @@
 #include "system/CommonUtils.h"
 #include "system/ConfigInfo.h"
 #include "system/CurlDownloader.h"
+#include "system/ProcessOwnership.h"
 #include "system/RootPrefix.h"
 #include "tools/Statistics.h"
 
@@ -345,6 +346,8 @@ void InstallAction::commitUpgrade() {
 
 void InstallAction::rollBackUpgrade() {
     CommonUtils::sCallSystem(datacenter::planformGetPluginControllorPath() + " -k " + pluginId_);
+    // Nothing of either version may write while the old files go back.
+    datacenter::ProcessOwnership::sStopAll(pluginId_, PluginManager::sGetPluginDataPath(pluginId_));
     if (!backup_->restore()) {
         LOG(ERROR) << "upgrade of " << pluginId_ << ": the installed version could not be put back completely";
     }

@@ -33,7 +33,7 @@ public:
     // The most a plugin's "init_files.record" may hold: one line per file of
     // a package, far above any real one; a larger one is refused, not read.
     static const size_t sInitFilesRecordLimit;
-    static const std::string sRomType;               // "netvale_rom"
+    static const std::string sRomType;  // "netvale_rom"
 
     InstallAction(const std::string& id, const std::string& url, const std::string& packagePath);
     virtual ~InstallAction();

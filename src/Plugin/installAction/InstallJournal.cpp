@@ -22,6 +22,7 @@
 #include "storage/PrivateState.h"
 #include "system/CommonUtils.h"
 #include "system/ConfigInfo.h"
+#include "system/ProcessOwnership.h"
 #include "system/RootPrefix.h"
 
 namespace {
@@ -224,6 +225,7 @@ void recoverUpgrade(const InstallJournal::Entry& entry, std::string* restart) {
         return;
     }
     CommonUtils::sCallSystem(datacenter::planformGetPluginControllorPath() + " -k " + id);
+    datacenter::ProcessOwnership::sStopAll(id, PluginManager::sGetPluginDataPath(id));
     const bool restored = backup.restore();
     removeTemporaryFiles(id);
     removeStagedFiles(id);
@@ -260,6 +262,7 @@ void recoverPlugin(const InstallJournal::Entry& entry, std::string* restart) {
     }
     // Whatever the dead installer may have started runs no more.
     CommonUtils::sCallSystem(datacenter::planformGetPluginControllorPath() + " -k " + id);
+    datacenter::ProcessOwnership::sStopAll(id, PluginManager::sGetPluginDataPath(id));
     PluginStorageManager* store = Singleton<PluginStorageManager>::instance();
     std::string output;
     CommonUtils::sCallSystem(PluginManager::sUnmountChrootPath + " " + dataDir, output);

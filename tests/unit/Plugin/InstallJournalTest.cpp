@@ -261,7 +261,11 @@ TEST(PrivateState, TheStateFolderIsTheCoresOwnAndItsParentIsLeftAlone) {
              ASSERT_EQ(0, chmod(parent.c_str(), 0751));
          },
          true, true},
-        {"a state folder open to all", [&] { boost::filesystem::create_directories(state); chmod(state.c_str(), 0777); },
+        {"a state folder open to all",
+         [&] {
+             boost::filesystem::create_directories(state);
+             chmod(state.c_str(), 0777);
+         },
          true, false},
         {"a link in place of the state folder",
          [&] {
