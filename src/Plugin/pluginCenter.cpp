@@ -17,6 +17,7 @@
 #include "Plugin/InstallProgressView.h"
 #include "Plugin/PluginInfoJson.h"
 #include "Plugin/PluginManager.h"
+#include "Plugin/PrintableText.h"
 #include "Plugin/installAction/InstallAction.h"
 #include "common/Singleton.h"
 #include "system/CurlDownloader.h"
@@ -69,9 +70,17 @@ bool wantsJson(const Args& args, size_t index, bool& bad) {
     return args.size() > index && !bad;
 }
 
+// What a package or a plugin supplied, made safe for a human reader: one
+// line, no control characters, no invalid UTF-8 (PrintableText).
+std::string shown(const std::string& text) {
+    return PrintableText::sEscaped(text);
+}
+
 // Prints `document` as one pretty-printed JSON document and releases it.
+// json-c passes invalid UTF-8 in a plugin's strings through; the printed
+// document is valid UTF-8 JSON whatever they hold.
 void printJson(json_object* document) {
-    std::cout << json_object_to_json_string_ext(document, JSON_C_TO_STRING_PRETTY) << std::endl;
+    std::cout << PrintableText::sJson(json_object_to_json_string_ext(document, JSON_C_TO_STRING_PRETTY)) << std::endl;
     json_object_put(document);
 }
 
@@ -107,8 +116,8 @@ int list(const Args& args) {
     }
     for (const datacenter::PluginInfo& plugin : plugins) {
         const std::string reason = FirmwareRecheck::sReason(plugin.id);
-        std::cout << plugin.id << '\t' << plugin.status << '\t' << plugin.version << '\t' << plugin.name
-                  << (reason.empty() ? "" : "\t" + reason) << std::endl;
+        std::cout << shown(plugin.id) << '\t' << plugin.status << '\t' << shown(plugin.version) << '\t'
+                  << shown(plugin.name) << (reason.empty() ? "" : "\t" + shown(reason)) << std::endl;
     }
     return 0;
 }
@@ -127,12 +136,13 @@ int info(const Args& args) {
     if (code == API_SUCCESS && json) {
         printJson(recordToJson(plugin));
     } else if (code == API_SUCCESS) {
-        std::cout << "id: " << plugin.id << "\nname: " << plugin.name << "\nversion: " << plugin.version
-                  << "\ndeveloper: " << plugin.developer << "\nstatus: " << plugin.status
-                  << "\nbinary: " << plugin.binaryName << "\nsdk level: " << plugin.sdkLevel << std::endl;
+        std::cout << "id: " << shown(plugin.id) << "\nname: " << shown(plugin.name)
+                  << "\nversion: " << shown(plugin.version) << "\ndeveloper: " << shown(plugin.developer)
+                  << "\nstatus: " << plugin.status << "\nbinary: " << shown(plugin.binaryName)
+                  << "\nsdk level: " << plugin.sdkLevel << std::endl;
         const std::string reason = FirmwareRecheck::sReason(plugin.id);
         if (!reason.empty()) {
-            std::cout << reason << std::endl;
+            std::cout << shown(reason) << std::endl;
         }
     }
     return report(code, "info " + args[0]);
@@ -147,7 +157,7 @@ int control(const Args& args) {
     std::string response;
     const ApiErrorCode code = manager()->controlPlugin(args[0], args[1], response);
     if (code == API_SUCCESS) {
-        std::cout << response << std::endl;
+        std::cout << shown(response) << std::endl;
     }
     return report(code, "control " + args[0]);
 }
@@ -157,7 +167,7 @@ int config(const Args& args) {
         std::string value;
         const ApiErrorCode code = manager()->getPluginConfigData(args[1], args[2], value);
         if (code == API_SUCCESS) {
-            std::cout << value << std::endl;
+            std::cout << shown(value) << std::endl;
         }
         return report(code, "config get");
     }
@@ -202,6 +212,7 @@ int metrics(const Args& args) {
         printJson(array);
         return 0;
     }
+    // Numbers only: nothing of the plugin's text needs escaping here.
     std::cout << "pid\tcpu%\tmem%\tread kB/s\twrite kB/s" << std::endl;
     for (const PidMetrics& sample : samples) {
         std::cout << sample.pid << '\t' << sample.cpuPercent << '\t' << sample.memPercent << '\t' << sample.readKBPerSec
@@ -224,7 +235,7 @@ int progress(const Args& args) {
         return report(code, "progress");
     }
     for (const datacenter::PluginInfo& record : records) {
-        std::cout << record.id << '\t' << record.status << '\t' << record.progress << '\t' << record.errorCode
+        std::cout << shown(record.id) << '\t' << record.status << '\t' << record.progress << '\t' << record.errorCode
                   << std::endl;
     }
     return report(code, "progress");
@@ -314,7 +325,7 @@ int installThreaded(const std::string& what, const std::function<ApiErrorCode()>
     sigaction(SIGINT, &saved, nullptr);
     std::signal(SIGPIPE, savedPipe);
     if (code == API_SUCCESS) {
-        view.finish("installed " + record.id + ", code 0");
+        view.finish("installed " + shown(record.id) + ", code 0");
         return 0;
     }
     const std::string step = failedStep(steps);
@@ -332,7 +343,7 @@ int installServer(const Args& args) {
 
 int recheck(const Args&) {
     for (const std::string& line : FirmwareRecheck::sRun(*manager())) {
-        std::cout << line << std::endl;
+        std::cout << shown(line) << std::endl;
     }
     return 0;
 }

@@ -1,11 +1,13 @@
 // What a plugin or a local user can write, planted where the root-run core
 // looks next: pids in the world-writable pid file, a journal and a held lock,
 // edited capabilities, an "@include" or links in the manifest store, a linked
-// migration folder, an RPC server that trickles. Each case checks what the
+// migration folder, an RPC server that trickles, line breaks, terminal
+// escapes and invalid UTF-8 in a plugin's texts. Each case checks what the
 // core did and that nothing outside the plugin changed.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <json-c/json.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -25,6 +27,7 @@
 #include "Plugin/PluginManager.h"
 #include "Plugin/TimeMachineMigration.h"
 #include "common/Singleton.h"
+#include "rpc/DataCenterRpcServer.h"
 #include "storage/PrivateState.h"
 #include "support/Golden.h"
 #include "support/LockHolder.h"
@@ -199,6 +202,7 @@ namespace {
 
 const std::string kPlugin = "5017400000000000100";
 const std::string kNeighbour = "5017400000000000111";
+const std::string kHostile = "5017400000000000122";
 
 std::string appdata() {
     return PluginManager::sGetPluginRootPath();
@@ -319,6 +323,36 @@ std::string installUnderMemoryLimit(const std::string& package) {
     return std::to_string(result.exitStatus) + " " + result.output;
 }
 
+// A plugin RPC server that answers every request with `answer`.
+class AnsweringHandler : public datacenter::DataCenterRpcHandler {
+public:
+    explicit AnsweringHandler(const std::string& answer) : answer_(answer) {}
+    std::string request(const std::string&) override { return answer_; }
+    std::string notify(int32_t, const std::string&) override { return answer_; }
+
+private:
+    std::string answer_;
+};
+
+// The lines of `text`, which must hold no control character but tabs and
+// line ends. Failures print the text as gtest escapes it, never raw.
+std::vector<std::string> cleanLines(const std::string& text) {
+    std::vector<std::string> lines(1);
+    size_t controls = 0;
+    for (const char byte : text) {
+        controls += byte != '\n' && byte != '\t' && (static_cast<unsigned char>(byte) < 0x20 || byte == 0x7f);
+        if (byte == '\n') {
+            lines.emplace_back();
+        } else {
+            lines.back() += byte;
+        }
+    }
+    EXPECT_EQ(0u, controls) << testing::PrintToString(text);
+    EXPECT_EQ("", lines.back()) << testing::PrintToString(text);
+    lines.pop_back();
+    return lines;
+}
+
 }  // namespace
 
 // Files planted where the core looks next, each refused or contained.
@@ -353,6 +387,11 @@ TEST(PlantedState, AttacksAreRefusedAndNothingOutsideChanges) {
     const auto nothing = [] {};
     std::unique_ptr<testsupport::LockHolder> holder;
     std::unique_ptr<TricklingServer> trickler;
+    std::unique_ptr<datacenter::DataCenterRpcServer> answering;
+    std::map<std::string, std::string> printed;  // by verb
+    const std::string kAnswer =
+        "answer\n\x1b[2J\xc2\x9b"
+        "1A\\";
     writeFile(outside() + "/tc/backup", "someone's file");
     writeFile(outside() + "/afp/share/file", "someone's share");
     const auto migrate = [] {
@@ -489,6 +528,73 @@ TEST(PlantedState, AttacksAreRefusedAndNothingOutsideChanges) {
         {"a store manifest includes a FIFO",
          [] { writeFile(store() + "evil.manifest", "@include \"" + testsupport::underRoot("/fifo/pipe") + "\"\n"); },
          list, listsBoth, [] { boost::filesystem::remove(store() + "evil.manifest"); }},
+        {"a package's name and version and a plugin's value and answer carry line breaks, escapes and bad UTF-8",
+         [&] {
+             PackageSpec spec;
+             spec.id = kHostile;
+             // libconfig's escapes in the manifest, then raw bytes that are no UTF-8.
+             spec.manifest["name"] = "Evil\\n5017400000000000999\\t5\\t9.9.9\\tFake\\x1b]0;owned\\x07\\x1b[1A\xff";
+             spec.manifest["version"] = "6.6\\t\xc3\x28\\r";
+             ASSERT_NE(std::string::npos,
+                       tool("installplugin", "-k -f " + factory.build(spec, "hostile")).find("installplugin succeed!"));
+             writeFile(PluginManager::sGetPluginDataPath(kHostile) + "etc/plugin_config",
+                       "keymode = \"on\\n\\x1b]0;owned\\x07\xfe\";\n");
+             answering.reset(new datacenter::DataCenterRpcServer(std::make_shared<AnsweringHandler>(kAnswer)));
+             std::string error;
+             ASSERT_TRUE(answering->start(0, error)) << error;
+             PluginManager::sSetPluginPort(kHostile, std::to_string(answering->port()), datacenter::PORT);
+         },
+         [&] {
+             // Standard output only: the warnings on standard error are the core's own text.
+             const auto printedBy = [](const std::string& args) {
+                 const testsupport::CommandResult result = testsupport::runApp("plugincenter", args);
+                 return std::to_string(result.exitStatus) + " " + result.output;
+             };
+             printed["list"] = printedBy("list");
+             printed["info"] = printedBy("info " + kHostile);
+             printed["config"] = printedBy("config get " + kHostile + " mode");
+             printed["control"] = printedBy("control " + kHostile + " ping");
+             return testsupport::runApp("plugincenter", "list --json").output;
+         },
+         [&](const std::string& json) {
+             // One line per plugin, the texts escaped.
+             const std::string name =
+                 "Evil\\x0a5017400000000000999\\x095\\x099.9.9\\x09Fake\\x1b]0;owned\\x07\\x1b[1A\\xff";
+             const std::string version = "6.6\\x09\\xc3(\\x0d";
+             EXPECT_EQ("0 " + kPlugin + "\t5\t1.0.0\tHello\n" + kNeighbour + "\t5\t1.0.0\tHello\n" + kHostile +
+                           "\t5\t" + version + "\t" + name + "\n",
+                       printed["list"]);
+             cleanLines(printed["list"]);
+             const std::vector<std::string> info = cleanLines(printed["info"]);
+             EXPECT_EQ(7u, info.size()) << testing::PrintToString(printed["info"]);
+             if (info.size() == 7u) {
+                 EXPECT_EQ("0 id: " + kHostile, info[0]);
+                 EXPECT_EQ("name: " + name, info[1]);
+                 EXPECT_EQ("version: " + version, info[2]);
+             }
+             EXPECT_EQ("0 on\\x0a\\x1b]0;owned\\x07\\xfe\n", printed["config"]);
+             EXPECT_EQ("0 answer\\x0a\\x1b[2J\\xc2\\x9b1A\\\\\n", printed["control"]);
+             // Valid UTF-8 JSON for every plugin; the bad bytes replaced.
+             json_tokener* tokener = json_tokener_new();
+             json_tokener_set_flags(tokener, JSON_TOKENER_STRICT | JSON_TOKENER_VALIDATE_UTF8);
+             json_object* list = json_tokener_parse_ex(tokener, json.c_str(), static_cast<int>(json.size()));
+             json_tokener_free(tokener);
+             ASSERT_NE(nullptr, list) << testing::PrintToString(json);
+             ASSERT_EQ(3u, json_object_array_length(list));
+             json_object* named = nullptr;
+             EXPECT_TRUE(json_object_object_get_ex(json_object_array_get_idx(list, 2), "name", &named));
+             EXPECT_STREQ("Evil\n5017400000000000999\t5\t9.9.9\tFake\x1b]0;owned\x07\x1b[1A\xef\xbf\xbd",
+                          json_object_get_string(named));
+             json_object_put(list);
+             // What the library holds stays as the package said.
+             datacenter::PluginInfo record;
+             Singleton<PluginManager>::instance()->getPluginById(record, kHostile);
+             EXPECT_EQ("6.6\t\xc3\x28\r", record.version);
+         },
+         [&] {
+             answering.reset();
+             EXPECT_EQ(0u, tool("plugincenter", "uninstall " + kHostile).find("0 "));
+         }},
         {"a link in place of a manifest and of the mark file",
          [] {
              boost::filesystem::create_symlink(outside() + "/secret", store() + "leak.manifest");
