@@ -18,6 +18,7 @@
 #include "storage/PluginTree.h"
 #include "storage/UniqueFd.h"
 #include "system/ConfigInfo.h"
+#include "system/ListeningSocket.h"
 
 namespace {
 
@@ -110,8 +111,17 @@ ApiErrorCode PluginManager::controlPlugin(const std::string& id, const std::stri
         return API_FAILED;
     }
     try {
-        const datacenter::RpcResult result = datacenter::DataCenterRpcClient::sRequest(
-            "localhost", boost::lexical_cast<int>(port), request, response, kControlTimeoutMs);
+        // The port comes from a file other plugins can write: only the
+        // plugin's own listening socket gets the request.
+        const int number = boost::lexical_cast<int>(port);
+        std::string reason;
+        const std::string address = datacenter::ListeningSocket::sPluginAddress(number, sGetPluginDataPath(id), reason);
+        if (address.empty()) {
+            LOG(ERROR) << "controlPlugin: nothing is sent to plugin " << id << ": " << reason;
+            return API_FAILED;
+        }
+        const datacenter::RpcResult result =
+            datacenter::DataCenterRpcClient::sRequest(address, number, request, response, kControlTimeoutMs);
         if (result.ok()) {
             return API_SUCCESS;
         }

@@ -29,9 +29,11 @@
 #include "common/Singleton.h"
 #include "rpc/DataCenterRpcServer.h"
 #include "storage/PrivateState.h"
+#include "support/ChildServer.h"
 #include "support/Golden.h"
 #include "support/LockHolder.h"
 #include "support/PackageFactory.h"
+#include "support/SilentListener.h"
 #include "support/SleepingChild.h"
 #include "support/TestSupport.h"
 #include "system/ConfigInfo.h"
@@ -386,8 +388,9 @@ TEST(PlantedState, AttacksAreRefusedAndNothingOutsideChanges) {
     };
     const auto nothing = [] {};
     std::unique_ptr<testsupport::LockHolder> holder;
-    std::unique_ptr<TricklingServer> trickler;
-    std::unique_ptr<datacenter::DataCenterRpcServer> answering;
+    std::unique_ptr<testsupport::ChildServer> trickler;
+    std::unique_ptr<testsupport::SilentListener> foreign;
+    std::unique_ptr<testsupport::ChildServer> answering;
     std::map<std::string, std::string> printed;  // by verb
     const std::string kAnswer =
         "answer\n\x1b[2J\xc2\x9b"
@@ -539,9 +542,12 @@ TEST(PlantedState, AttacksAreRefusedAndNothingOutsideChanges) {
                        tool("installplugin", "-k -f " + factory.build(spec, "hostile")).find("installplugin succeed!"));
              writeFile(PluginManager::sGetPluginDataPath(kHostile) + "etc/plugin_config",
                        "keymode = \"on\\n\\x1b]0;owned\\x07\xfe\";\n");
-             answering.reset(new datacenter::DataCenterRpcServer(std::make_shared<AnsweringHandler>(kAnswer)));
-             std::string error;
-             ASSERT_TRUE(answering->start(0, error)) << error;
+             answering.reset(new testsupport::ChildServer(PluginManager::sGetPluginDataPath(kHostile), [&] {
+                 auto* server = new datacenter::DataCenterRpcServer(std::make_shared<AnsweringHandler>(kAnswer));
+                 std::string error;
+                 return server->start(0, error) ? server->port() : 0;
+             }));
+             ASSERT_GT(answering->port(), 0);
              PluginManager::sSetPluginPort(kHostile, std::to_string(answering->port()), datacenter::PORT);
          },
          [&] {
@@ -627,7 +633,8 @@ TEST(PlantedState, AttacksAreRefusedAndNothingOutsideChanges) {
          }},
         {"the plugin's RPC server trickles its answer",
          [&] {
-             trickler.reset(new TricklingServer);
+             trickler.reset(new testsupport::ChildServer(PluginManager::sGetPluginDataPath(kPlugin),
+                                                         [] { return (new TricklingServer)->port(); }));
              ASSERT_GT(trickler->port(), 0);
              PluginManager::sSetPluginPort(kPlugin, std::to_string(trickler->port()), datacenter::PORT);
          },
@@ -637,6 +644,19 @@ TEST(PlantedState, AttacksAreRefusedAndNothingOutsideChanges) {
              EXPECT_NE(std::string::npos, outcome.find("1055")) << outcome;
          },
          [&] { trickler.reset(); }},
+        {"another plugin's process listens on the plugin's recorded port",
+         [&] {
+             foreign.reset(new testsupport::SilentListener);
+             PluginManager::sSetPluginPort(kPlugin, std::to_string(foreign->port()), datacenter::PORT);
+         },
+         [] { return tool("plugincenter", "control " + kPlugin + " ping"); },
+         [&](const std::string& outcome) {
+             EXPECT_EQ(0u, outcome.find("1 ")) << outcome;
+             EXPECT_NE(std::string::npos, outcome.find("2502")) << outcome;
+             EXPECT_NE(std::string::npos, outcome.find("is held by a process that is not the plugin's")) << outcome;
+             EXPECT_FALSE(foreign->connected());
+         },
+         [&] { foreign.reset(); }},
         {"the old time machine planted links in its tree",
          [] {
              prepareTimeMachine();

@@ -11,6 +11,7 @@
 
 #include "Plugin/PluginManager.h"
 #include "common/Singleton.h"
+#include "support/ChildServer.h"
 #include "support/SilentListener.h"
 #include "support/SleepingChild.h"
 #include "support/TestSupport.h"
@@ -69,7 +70,8 @@ TEST(PluginMetrics, OneRecordPerLiveChildFromTheRealTools) {
 }
 
 TEST(PluginControl, AServerThatNeverAnswersTimesOut) {
-    testsupport::SilentListener listener;
+    testsupport::ChildServer listener(PluginManager::sGetPluginDataPath("silent"),
+                                      [] { return (new testsupport::SilentListener)->port(); });
     PluginManager* manager = Singleton<PluginManager>::instance();
     manager->setPluginPort("silent", std::to_string(listener.port()), datacenter::PORT);
     std::string response;

@@ -3,6 +3,7 @@
 // nobody reads: a peer that never answers. After close() its port refuses.
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -29,6 +30,11 @@ public:
     SilentListener& operator=(const SilentListener&) = delete;
 
     int port() const { return port_; }
+    // Whether a connection waits to be accepted: someone connected.
+    bool connected() const {
+        pollfd wait{fd_, POLLIN, 0};
+        return ::poll(&wait, 1, 0) > 0;
+    }
     void close() {
         if (fd_ >= 0) {
             ::close(fd_);

@@ -3,11 +3,13 @@
 // tests/data/control/*.expected.
 #include <gtest/gtest.h>
 
+#include <boost/filesystem.hpp>
 #include <stdexcept>
 
 #include "Plugin/PluginManager.h"
 #include "common/Singleton.h"
 #include "rpc/DataCenterRpcServer.h"
+#include "support/ChildServer.h"
 #include "support/Golden.h"
 #include "support/LogCapture.h"
 #include "support/RecordingRunner.h"
@@ -48,11 +50,21 @@ std::string outcome(const std::string& title, Call call) {
 TEST(ControlGolden, ControlPluginOutcomes) {
     const auto runner = RecordingRunner::sInstall();
     PluginManager* manager = Singleton<PluginManager>::instance();
-    datacenter::DataCenterRpcServer server(std::make_shared<Handler>());
+    // The plugin's server runs in a process of the plugin; another one, in
+    // this process, listens on the port a second plugin records.
+    testsupport::ChildServer server(PluginManager::sGetPluginDataPath("answers"), [] {
+        auto* own = new datacenter::DataCenterRpcServer(std::make_shared<Handler>());
+        std::string error;
+        return own->start(0, error) ? own->port() : 0;
+    });
+    ASSERT_GT(server.port(), 0);
+    datacenter::DataCenterRpcServer foreign(std::make_shared<Handler>());
     std::string error;
-    ASSERT_TRUE(server.start(0, error)) << error;
+    ASSERT_TRUE(foreign.start(0, error)) << error;
+    boost::filesystem::create_directories(PluginManager::sGetPluginDataPath("victim"));
     const int refused = testsupport::closedLoopbackPort();
     manager->setPluginPort("answers", std::to_string(server.port()), datacenter::PORT);
+    manager->setPluginPort("victim", std::to_string(foreign.port()), datacenter::PORT);
     manager->setPluginPort("refuses", std::to_string(refused), datacenter::PORT);
     manager->setPluginPort("badport", "not-a-port", datacenter::PORT);
 
@@ -66,8 +78,12 @@ TEST(ControlGolden, ControlPluginOutcomes) {
     text += outcome("plugin throws", [&] { return manager->controlPlugin("answers", "throw", response); });
     text += outcome("refused", [&] { return manager->controlPlugin("refuses", "x", response); });
     text += outcome("port not a number", [&] { return manager->controlPlugin("badport", "x", response); });
+    text += outcome("another process listens on the recorded port",
+                    [&] { return manager->controlPlugin("victim", "x", response); });
     testsupport::Placeholders placeholders;
-    placeholders.add(std::to_string(refused), "<CLOSED PORT>").add(std::to_string(server.port()), "<PORT>");
+    placeholders.add(std::to_string(refused), "<CLOSED PORT>")
+        .add(std::to_string(server.port()), "<PORT>")
+        .add(std::to_string(foreign.port()), "<FOREIGN PORT>");
     EXPECT_GOLDEN("control/control-plugin", text, placeholders);
 }
 
