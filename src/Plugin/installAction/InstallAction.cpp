@@ -291,6 +291,7 @@ ApiErrorCode InstallAction::runSteps() {
         cleanWhenFailed();
     }
     cleanPackage();
+    dropKeptManifest();
     installing_ = false;
     enterStep("RecordInitFiles");
     // A rolled back upgrade has its old file record back, as it was.

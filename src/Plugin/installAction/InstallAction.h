@@ -92,14 +92,18 @@ public:
     ApiErrorCode unzipFile();
     // Each check reads `manifest`, by default the plugin's own "etc/manifest".
     static bool sCheckSdkLevel(const std::string& id, const std::string& manifest = "");
-    static bool sCheckRomType(const std::string& id, const std::string& manifest = "");
+    // `shown` is the path the failure text names (by default `manifest`).
+    static bool sCheckRomType(const std::string& id, const std::string& manifest = "", const std::string& shown = "");
     static bool sCheckRomVersion(const std::string& id, const std::string& manifest = "");
     // Whether the plugin that `manifest` describes fits this router's
     // firmware, by the install-time rules: 0, 2513, 2521, 2522 or 2527.
-    static ApiErrorCode sCheckCompatibility(const std::string& id, const std::string& manifest);
-    // sCheckCompatibility of the unpacked package.
+    static ApiErrorCode sCheckCompatibility(const std::string& id, const std::string& manifest,
+                                            const std::string& shown = "");
+    // sCheckCompatibility of the manifest of the verified payload.
     ApiErrorCode checkPackage();
-    // Token, status, store entry, configuration file, data migration: 0.
+    // Token, status, store entry, configuration file, data migration: 0. The
+    // store record and "etc/manifest" are written from the verified
+    // payload's manifest, never from what the plugin can rewrite.
     ApiErrorCode installPackage();
     static std::map<std::string, bool> getIgnoreFiles(const std::string& dataDir);
     static bool getFilesPath(const std::string& path, std::vector<std::string>& files,
@@ -195,4 +199,9 @@ protected:
     std::string downloadLabel_;      // where a download would lie, had it a name
     datacenter::UniqueFd download_;  // the downloaded package, until it is verified
     VerifiedPayload payload_;        // what unpacking reads
+    // The verified payload's manifest, kept in the installer's own folder
+    // ("local_install_tmp/<id>.manifest") before anything is unpacked.
+    bool keepPayloadManifest();
+    std::string keptManifestName() const;
+    void dropKeptManifest();
 };

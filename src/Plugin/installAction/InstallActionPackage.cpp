@@ -20,6 +20,7 @@
 #include "common/Singleton.h"
 #include "storage/Directory.h"
 #include "storage/File.h"
+#include "storage/PlainFile.h"
 #include "storage/PluginTree.h"
 #include "storage/UniqueFd.h"
 #include "system/CommonUtils.h"
@@ -27,6 +28,9 @@
 #include "system/RootPrefix.h"
 
 namespace {
+
+// A manifest is a few settings; more than this is not one.
+const size_t kMaxManifestBytes = 1024 * 1024;
 
 // A key of `manifest`, by default the plugin's own "etc/manifest".
 std::string manifestValue(const std::string& id, const std::string& key, const std::string& manifest) {
@@ -68,7 +72,40 @@ bool InstallAction::unzip(std::string zipPath, std::string destDir) {
     return PackageFiles::sUnzip(zipPath, destDir, backup_.get());
 }
 
+std::string InstallAction::keptManifestName() const {
+    return InstallAction::sLocalInstallTmpDir + pluginId_ + ".manifest";
+}
+
+bool InstallAction::keepPayloadManifest() {
+    std::string text;
+    if (payload_.valid()) {
+        text = PackageFiles::sReadPayloadManifest(payload_.fd(), payload_.size(), payloadLabel());
+    } else {
+        text = PackageFiles::sReadPackageManifest(packagePath_);
+    }
+    datacenter::PluginTree root(PluginManager::sGetPluginRootPath());
+    const datacenter::UniqueFd kept(text.empty() || PackageFiles::sStagingDir().empty()
+                                        ? -1
+                                        : root.openFile(keptManifestName(), O_WRONLY | O_CREAT | O_TRUNC, 0600));
+    if (!kept.valid() || write(kept.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+        LOG(ERROR) << "installPlugin: the payload's manifest cannot be kept: "
+                   << (text.empty() ? std::string("it has none") : root.lastError());
+        return false;
+    }
+    return true;
+}
+
+void InstallAction::dropKeptManifest() {
+    if (!pluginId_.empty()) {
+        datacenter::PluginTree root(PluginManager::sGetPluginRootPath());
+        root.remove(keptManifestName());
+    }
+}
+
 ApiErrorCode InstallAction::unzipFile() {
+    if (!keepPayloadManifest()) {
+        return API_UNZIP_FAILED;
+    }
     const std::string dataDir = PluginManager::sGetPluginDataPath(pluginId_);
     const bool unpacked = payload_.valid() ? PackageFiles::sUnzipPayload(payload_.fd(), payload_.size(), payloadLabel(),
                                                                          dataDir, backup_.get())
@@ -111,14 +148,18 @@ bool InstallAction::sCheckSdkLevel(const std::string& id, const std::string& man
     return romLevel >= pluginLevel;
 }
 
-bool InstallAction::sCheckRomType(const std::string& id, const std::string& manifest) {
+bool InstallAction::sCheckRomType(const std::string& id, const std::string& manifest, const std::string& shown) {
     const std::string rom = manifestValue(id, "supported_rom", manifest);
     if (rom == sRomType) {
         return true;
     }
     std::cout << "plugin rom string is " << rom << std::endl;
     std::cout << "router rom string is " << sRomType << std::endl;
-    std::cout << "path is " << (manifest.empty() ? PluginManager::sGetPluginManifestPath(id) : manifest) << std::endl;
+    std::cout << "path is "
+              << (!shown.empty()     ? shown
+                  : manifest.empty() ? PluginManager::sGetPluginManifestPath(id)
+                                     : manifest)
+              << std::endl;
     return false;
 }
 
@@ -131,7 +172,8 @@ bool InstallAction::sCheckRomVersion(const std::string& id, const std::string& m
     return CommonUtils::sCheckIsLowerVersionThanCurrentRom(version);
 }
 
-ApiErrorCode InstallAction::sCheckCompatibility(const std::string& id, const std::string& manifest) {
+ApiErrorCode InstallAction::sCheckCompatibility(const std::string& id, const std::string& manifest,
+                                                const std::string& shown) {
     // The store reads this number with the same reader: a package whose
     // record it could not list is not installed.
     const std::string useStatus = manifestValue(id, "use_status", manifest);
@@ -143,7 +185,7 @@ ApiErrorCode InstallAction::sCheckCompatibility(const std::string& id, const std
     if (!sCheckSdkLevel(id, manifest)) {
         return API_SDK_LEVEL_TOO_LOW;
     }
-    if (!sCheckRomType(id, manifest)) {
+    if (!sCheckRomType(id, manifest, shown)) {
         return API_FIRMWARE_TYPE_UNSUPPORTED;
     }
     if (!sCheckRomVersion(id, manifest)) {
@@ -157,7 +199,9 @@ ApiErrorCode InstallAction::sCheckCompatibility(const std::string& id, const std
 }
 
 ApiErrorCode InstallAction::checkPackage() {
-    return sCheckCompatibility(pluginId_, "");
+    // The texts name the plugin's manifest, where the contract reads from.
+    return sCheckCompatibility(pluginId_, PluginManager::sGetPluginRootPath() + keptManifestName(),
+                               PluginManager::sGetPluginManifestPath(pluginId_));
 }
 
 ApiErrorCode InstallAction::installPackage() {
@@ -170,14 +214,24 @@ ApiErrorCode InstallAction::installPackage() {
         LOG(ERROR) << "installPackage: the plugin's etc folder cannot be used: " << tree.lastError();
         return API_UNZIP_MOVE_FAILED;
     }
-    const std::string manifest = datacenter::PluginTree::sPinnedPath(etc.get(), "manifest");
-    config->setConfigToFile(manifest, PluginStorageManager::sManifestSdkTokenKey, PluginManager::sNewSdkToken());
-    config->setConfigToFile(manifest, PluginStorageManager::sManifestStatusKey,
+    // Token, status and time go into the kept copy of the verified manifest;
+    // the store record and the plugin's own copy are made from it.
+    datacenter::PluginTree root(PluginManager::sGetPluginRootPath());
+    const std::string kept = root.pinnedPath(keptManifestName());
+    config->setConfigToFile(kept, PluginStorageManager::sManifestSdkTokenKey, PluginManager::sNewSdkToken());
+    config->setConfigToFile(kept, PluginStorageManager::sManifestStatusKey,
                             std::to_string(static_cast<int>(datacenter::INSTALLING)));
+    config->setConfigToFile(kept, PluginStorageManager::sManifestInstallTimeKey, CommonUtils::sGetNowTimeStamp());
     datacenter::PluginInfo record;
     record.id = pluginId_;
-    Singleton<PluginStorageManager>::instance()->insertToStorage(
-        pluginId_, PluginManager::sGetPluginManifestPath(pluginId_), record);
+    Singleton<PluginStorageManager>::instance()->insertToStorage(pluginId_, kept, record);
+    std::string text;
+    std::string why;
+    if (!datacenter::PlainFile::sRead(kept, kMaxManifestBytes, text, why) ||
+        !datacenter::File::sWriteAtomically(datacenter::PluginTree::sPinnedPath(etc.get(), "manifest"), text)) {
+        LOG(ERROR) << "installPackage: the plugin's manifest cannot be written: " << why;
+    }
+    dropKeptManifest();
     createPluginConfig(pluginId_);
     Singleton<PluginManager>::instance()->moveTimeMachineData(pluginId_);
     return API_SUCCESS;

@@ -514,7 +514,7 @@ std::string PackageFiles::sGetIdFromPackage(const std::string& zipPath) {
     return fd.valid() ? sGetIdFromPayload(fd.get(), UINT64_MAX, zipPath) : std::string();
 }
 
-std::string PackageFiles::sGetIdFromPayload(int fd, uint64_t size, const std::string& label) {
+std::string PackageFiles::sReadPayloadManifest(int fd, uint64_t size, const std::string& label) {
     // Only the manifest is read here; whether the archive may be unpacked is
     // the unpacking step's to say (2529), with its reason.
     UnpackArchive unpack;
@@ -543,6 +543,19 @@ std::string PackageFiles::sGetIdFromPayload(int fd, uint64_t size, const std::st
     const zip_int64_t got = zip_fread(entry, &text[0], text.size());
     zip_fclose(entry);
     if (got < 0 || static_cast<size_t>(got) != text.size()) {
+        return std::string();
+    }
+    return text;
+}
+
+std::string PackageFiles::sReadPackageManifest(const std::string& zipPath) {
+    const datacenter::UniqueFd fd(openForReading(zipPath));
+    return fd.valid() ? sReadPayloadManifest(fd.get(), UINT64_MAX, zipPath) : std::string();
+}
+
+std::string PackageFiles::sGetIdFromPayload(int fd, uint64_t size, const std::string& label) {
+    const std::string text = sReadPayloadManifest(fd, size, label);
+    if (text.empty()) {
         return std::string();
     }
     LOG(INFO) << "config file contents:" << text;

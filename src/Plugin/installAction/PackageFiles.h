@@ -33,6 +33,11 @@ public:
     // The same for the payload in the first `size` bytes of `fd`; `label`
     // names it in log lines.
     static std::string sGetIdFromPayload(int fd, uint64_t size, const std::string& label);
+    // The text of the payload's top-level "manifest" (at most 1 MiB), or ""
+    // when it has none or it cannot be read.
+    static std::string sReadPayloadManifest(int fd, uint64_t size, const std::string& label);
+    // The same for the zip archive at `zipPath`.
+    static std::string sReadPackageManifest(const std::string& zipPath);
     // Unpacks every entry below `destDir`. Refuses, before writing anything,
     // archives whose headers disagree (see ArchiveLayout.h) or that hold
     // encrypted entries, unsupported methods or several disks, and entries

@@ -33,8 +33,12 @@ public:
     std::string statOnceString() override { return "test"; }
 };
 
-void writeManifest(const std::string& id, const std::string& text) {
-    writeFile(PluginManager::sGetPluginManifestPath(id), "plugin_id = \"" + id + "\";\n" + text);
+// The plugin's manifest, and the copy of the verified payload's one that
+// the installer keeps and checks.
+void writeManifest(const std::string& id, const std::string& text, const std::string& idLine = "") {
+    const std::string content = (idLine.empty() ? "plugin_id = \"" + id + "\";\n" : idLine) + text;
+    writeFile(PluginManager::sGetPluginManifestPath(id), content);
+    writeFile(PluginManager::sGetPluginRootPath() + InstallAction::sLocalInstallTmpDir + id + ".manifest", content);
 }
 
 }  // namespace
@@ -136,7 +140,7 @@ TEST(PackageChecks, SdkLevelFirmwareTypeVersionAndIdInThatOrder) {
         writeManifest("31", "supported_rom = \"netvale_rom\";\nsupported_rom_version = \"" + check.first + "\";\n");
         EXPECT_EQ(check.second, InstallAction::sCheckRomVersion("31")) << check.first;
     }
-    writeFile(PluginManager::sGetPluginManifestPath("31"), "plugin_id = \"32\";\nsupported_rom = \"netvale_rom\";\n");
+    writeManifest("31", "supported_rom = \"netvale_rom\";\n", "plugin_id = \"32\";\n");
     EXPECT_EQ(API_PLUGIN_ID_MISMATCH, action.checkPackage());
 }
 
