@@ -34,6 +34,8 @@ TEST(StatusChange, AStartForgetsStaleProcessIds) {
     PluginManager::sSetPluginPort("501", "999999", datacenter::PID);
     EXPECT_EQ(API_SUCCESS, Singleton<PluginManager>::instance()->changePluginStatus("501", datacenter::DISABLED));
     EXPECT_EQ(slept, datacenter::Environment::sSleptMilliseconds());
+    EXPECT_EQ("", datacenter::ConfigInfo::sGetInstance()->getConfigFromFile(PluginManager::sGetPluginPidConfig(),
+                                                                            "pid_of_501"));
 }
 
 TEST(StatusChange, NoChangeInvalidStatusAndMissingManifestRunNothing) {
