@@ -131,6 +131,15 @@ bool removeStart(const std::string& path, const std::map<std::string, bool>& kee
     return walkKeepMap(dir.get(), path, keep, error);
 }
 
+// Why a keep-map walk stopped, in the log and on standard output, where the
+// operator running the clean sees it.
+void reportWalkFailure(const std::string& error) {
+    if (!error.empty()) {
+        LOG(ERROR) << error << "\n";
+        std::cout << error << std::endl;
+    }
+}
+
 // The walk of cleanPluginImpl: entries outside the skeleton go, skeleton
 // folders that are walked into are handled the same way one level down, the
 // rest of the skeleton stays. A link never stands for a skeleton entry.
@@ -188,7 +197,7 @@ ApiErrorCode PluginManager::cleanPlugin(const std::string& id) {
     }
     std::string error;
     if (!walkKeepMap(dirFd.get(), dir, cleanKeepMap(dir, record), error)) {
-        LOG(ERROR) << error;
+        reportWalkFailure(error);
         LOG(ERROR) << "remove file error, error code is " << API_REMOVE_WALK_FAILED;
         return API_REMOVE_WALK_FAILED;
     }
@@ -201,10 +210,7 @@ bool PluginManager::removeFileIterative(const std::string& path, const std::map<
     if (removeStart(path, keep, error)) {
         return true;
     }
-    if (!error.empty()) {
-        LOG(ERROR) << error << "\n";
-        std::cout << error << std::endl;
-    }
+    reportWalkFailure(error);
     return false;
 }
 

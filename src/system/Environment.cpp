@@ -1,11 +1,17 @@
 #include "system/Environment.h"
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <thread>
 
 namespace datacenter {
+namespace {
+
+std::atomic<long long> gSleptMilliseconds{0};
+
+}  // namespace
 
 std::string Environment::sGet(const char* name) {
     const char* value = std::getenv(name);
@@ -27,7 +33,12 @@ long Environment::sGetMilliseconds(const char* name, long fallback) {
 }
 
 void Environment::sSleepMilliseconds(long milliseconds) {
+    gSleptMilliseconds += milliseconds;
     std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+}
+
+long long Environment::sSleptMilliseconds() {
+    return gSleptMilliseconds;
 }
 
 void Environment::sPinTimeZone() {

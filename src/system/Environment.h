@@ -12,6 +12,9 @@ public:
     static long sGetMilliseconds(const char* name, long fallback);
     // Sleeps the calling thread.
     static void sSleepMilliseconds(long milliseconds);
+    // The milliseconds this process has slept through sSleepMilliseconds so
+    // far: which waits a step made, without timing it.
+    static long long sSleptMilliseconds();
     // For the start of a program, before any thread starts: names the
     // system's time zone file in TZ when TZ is unset. The zone stays the
     // same, but the C library no longer looks at the file again on every

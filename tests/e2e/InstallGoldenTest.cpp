@@ -7,7 +7,10 @@
 #include <boost/filesystem.hpp>
 #include <chrono>
 
+#include "Plugin/PluginManager.h"
+#include "common/Singleton.h"
 #include "support/Golden.h"
+#include "support/LogCapture.h"
 #include "support/PackageFactory.h"
 #include "support/TestSupport.h"
 
@@ -116,6 +119,38 @@ TEST(InstallGolden, ReinstallStopsTheInstalledVersionFirst) {
     const std::string package = factory.build(PackageSpec(), "first");
     testsupport::runApp("installplugin", "-f " + package);
     EXPECT_GOLDEN("install/success-reinstall", installPackage(factory, PackageSpec()));
+}
+
+TEST(InstallGolden, FailedUpgradePutsTheInstalledVersionBackAndStartsIt) {
+    PackageFactory factory;
+    testsupport::runApp("installplugin", "-f " + factory.build(PackageSpec(), "first"));
+    PackageSpec newer;
+    newer.manifest["supported_rom_version"] = "9.0.0";
+    EXPECT_GOLDEN("install/fail-upgrade", installPackage(factory, newer));
+}
+
+TEST(InstallGolden, LogLinesNameTheUnnamedPayload) {
+    // The payload is verified into a file without a name; the lines that
+    // name it say where it would lie.
+    PackageFactory factory;
+    const std::string junk = testsupport::root() + "/junk.zip";
+    testsupport::writeFile(junk, "this is not a zip archive");
+    const std::string package = factory.sign(junk, 0, "developer", "junk");
+    PackageSpec newer;
+    newer.manifest["supported_rom_version"] = "9.0.0";
+    const std::string later = factory.build(newer, "later");
+    testsupport::LogCapture log;
+    EXPECT_EQ(API_GET_PACKAGE_FAILED, Singleton<PluginManager>::instance()->installFromLocal(package, true));
+    EXPECT_EQ(API_FIRMWARE_TOO_OLD, Singleton<PluginManager>::instance()->installFromLocal(later, true));
+    std::string named;
+    for (const testsupport::LogCapture::Line& line : log.records()) {
+        if (line.text.find("path is") != std::string::npos) {
+            named += line.text + "\n";
+        }
+    }
+    testsupport::Placeholders placeholders;
+    placeholders.add(package, "<PACKAGE>").add(later, "<LATER PACKAGE>");
+    EXPECT_GOLDEN("install/payload-log-lines", named, placeholders);
 }
 
 TEST(InstallCli, WaitsTwoSecondsBeforeAnythingByDefault) {

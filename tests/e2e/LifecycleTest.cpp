@@ -16,6 +16,7 @@
 #include "support/HttpTestServer.h"
 #include "support/PackageFactory.h"
 #include "support/TestSupport.h"
+#include "system/DeviceMountInfo.h"
 
 using testsupport::exists;
 using testsupport::PackageFactory;
@@ -122,6 +123,16 @@ TEST(Uninstall, RefusesBuiltinsUnsafeIdsAndThePluginBeingInstalled) {
     }
     EXPECT_EQ(before, logSize());
     EXPECT_FALSE(exists(underRoot("/pwned")));
+
+    // Something still mounted below the directory after the unmount step (a
+    // mount table that reports one): the plugin is disabled, nothing is deleted.
+    const std::string table = underRoot("/mounts");
+    writeFile(table, "/dev/sda1 " + fs::canonical(dataDir(other.id)).string() + "/lib ext4 rw 0 0\n");
+    datacenter::DeviceMountInfo::sSetMountTablePath(table);
+    EXPECT_EQ(API_FAILED, manager->uninstallPlugin(other.id));
+    datacenter::DeviceMountInfo::sSetMountTablePath("");
+    EXPECT_EQ("<html/>", readFile(dataDir(other.id) + "www/index.html"));
+    EXPECT_EQ(datacenter::DISABLED, Singleton<PluginStorageManager>::instance()->getPluginInfoById(other.id).status);
 
     // A server installation that hangs in its download is "being installed".
     PackageSpec served;

@@ -140,11 +140,51 @@ bool dosDirectory(const ArchiveEntry& entry) {
     return entry.madeBy >> 8 == ZIP_OPSYS_DOS && (entry.externalAttributes & 0x10) != 0;
 }
 
+// True when `bytes` are well-formed UTF-8 (libzip then reads them as such).
+bool isUtf8(const std::string& bytes) {
+    for (size_t i = 0; i < bytes.size();) {
+        const unsigned char c = bytes[i];
+        const size_t length = c < 0x80 ? 1 : (c >> 5) == 0x6 ? 2 : (c >> 4) == 0xe ? 3 : (c >> 3) == 0x1e ? 4 : 0;
+        if (length == 0 || i + length > bytes.size()) {
+            return false;
+        }
+        for (size_t k = 1; k < length; ++k) {
+            if ((static_cast<unsigned char>(bytes[i + k]) & 0xc0) != 0x80) {
+                return false;
+            }
+        }
+        i += length;
+    }
+    return true;
+}
+
+// True when a backslash in a name that is not UTF-8 may be the second byte of
+// a two-byte Shift-JIS character, as Japanese Windows archivers write names
+// (0x95 0x5C is one character there). Read from the start, a lead byte takes
+// the next byte with it.
+bool backslashMayBeHalfACharacter(const std::string& raw) {
+    if (isUtf8(raw)) {
+        return false;
+    }
+    for (size_t i = 0; i + 1 < raw.size(); ++i) {
+        const unsigned char c = raw[i];
+        if ((c >= 0x81 && c <= 0x9f) || (c >= 0xe0 && c <= 0xfc)) {
+            if (raw[i + 1] == '\\') {
+                return true;
+            }
+            ++i;
+        }
+    }
+    return false;
+}
+
 // `name` with the backslashes of an archive made on Windows as separators:
 // names without the UTF-8 flag may use them. The safety checks look at the
-// converted name, so "..\" climbs out as "../" does.
+// converted name, so "..\" climbs out as "../" does. A name whose backslash
+// may be half of a character is not guessed at: it keeps its backslashes,
+// and the safety checks refuse it.
 std::string withSeparators(const ArchiveEntry& entry, std::string name) {
-    if (!(entry.flags & kArchiveUtf8Flag)) {
+    if (!(entry.flags & kArchiveUtf8Flag) && !backslashMayBeHalfACharacter(entry.rawName)) {
         std::replace(name.begin(), name.end(), '\\', '/');
     }
     return name;

@@ -135,10 +135,14 @@ build("method-lzma", [entry("bin/a", method=14)])
 build("multi-disk", [entry("bin/a")], disk=1)
 build("backslash-utf8", [entry("www\\a.txt", flags=0x800)])
 build("fifo-directory", [entry("www/", "", attributes=0o010755 << 16)])
+# 0x95 0x5C is one Shift-JIS character: that backslash is no separator.
+build("shift-jis-backslash", [entry("www/\udc95\\.txt", system=0, attributes=0x20)])
 
 # What other readers read: these install.
 build("mode-fifo", [entry("bin/pipe", attributes=0o010644 << 16)])
 build("windows-separators", [entry("www\\css\\site.css", system=0, attributes=0x20)])
+# After a whole Shift-JIS character (0x95 0x41) a backslash separates.
+build("shift-jis-then-separator", [entry("www\\\udc95A\\a.txt", system=0, attributes=0x20)])
 build("dos-folder", [entry("data", "", system=0, attributes=0x10), entry("data/file", system=0, attributes=0x20)])
 build("stub-in-front", [entry("bin/app", "x" * 40, 8)], prefix=b"#!/bin/sh\nexit 0\n")
 build("junk-behind", [entry("bin/junk")], suffix=b"junk")

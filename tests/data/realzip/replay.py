@@ -100,11 +100,30 @@ def add_manifest(data, manifest):
     return bytes(out)
 
 
+def half_of_a_character(raw):
+    """Whether a backslash in a name that is not UTF-8 may be the second byte
+    of a two-byte Shift-JIS character: such a name keeps its backslashes."""
+    try:
+        raw.decode("utf-8")
+        return False
+    except UnicodeDecodeError:
+        pass
+    at = 0
+    while at + 1 < len(raw):
+        if 0x81 <= raw[at] <= 0x9F or 0xE0 <= raw[at] <= 0xFC:
+            if raw[at + 1] == 0x5C:
+                return True
+            at += 1
+        at += 1
+    return False
+
+
 def reader_name(info):
     """The entry's name as the installer reads it: UTF-8 when flagged or
     when the bytes are UTF-8, else code page 437; an Info-ZIP Unicode Path
     field made for the raw name wins; backslashes separate folders in names
-    without the UTF-8 flag; the MS-DOS folder attribute makes a folder."""
+    without the UTF-8 flag, unless one may be half of a Shift-JIS character;
+    the MS-DOS folder attribute makes a folder."""
     utf8 = info.flag_bits & 0x800
     raw = info.orig_filename.encode("utf-8" if utf8 else "cp437")
     try:
@@ -120,7 +139,7 @@ def reader_name(info):
             name = field[5:].decode("utf-8", "replace")
             break
         at += 4 + length
-    if not utf8:
+    if not utf8 and not half_of_a_character(raw):
         name = name.replace("\\", "/")
     if info.create_system == 0 and info.external_attr & 0x10 and not name.endswith("/"):
         name += "/"

@@ -1,11 +1,17 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <boost/filesystem.hpp>
+#include <iostream>
+#include <vector>
 
 #include "Plugin/PluginManager.h"
 #include "Plugin/TimeMachineMigration.h"
 #include "common/Singleton.h"
 #include "support/Golden.h"
+#include "support/LogCapture.h"
 #include "support/RecordingRunner.h"
 #include "support/TestSupport.h"
 #include "unit/Plugin/PluginTestSupport.h"
@@ -35,6 +41,42 @@ TEST(CleanPlugin, EmptiesTheDirectoryDownToTheSandboxSkeleton) {
 
     EXPECT_EQ(API_GENERAL_FAILURE, manager->cleanPluginImpl("78"));
     EXPECT_EQ(API_GENERAL_FAILURE, manager->cleanPluginImpl(""));
+}
+
+TEST(CleanPlugin, AStoppedWalkIsReportedInTheLogAndOnStandardOutput) {
+    const auto runner = RecordingRunner::sInstall();
+    PluginManager* manager = Singleton<PluginManager>::instance();
+    const std::string dir = PluginManager::sGetPluginDataPath("79");
+    writeFile(dir + "init_files.record", dir + "etc/manifest\n");
+    writeFile(dir + "added/deeper/file", "remove");
+    const std::string out = underRoot("/clean-stdout");
+    // In a child with no descriptor to spare for the walk's next folder.
+    const int status = testsupport::inChildProcess([&] {
+        const int file = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        if (file < 0 || ::dup2(file, 1) < 0) {
+            return 10;
+        }
+        ::close(file);
+        const rlimit limit = {256, 256};
+        std::vector<int> filler;
+        for (int fd = 0; setrlimit(RLIMIT_NOFILE, &limit) == 0 && (fd = ::open("/dev/null", O_RDONLY)) >= 0;) {
+            filler.push_back(fd);
+        }
+        if (filler.size() < 2) {
+            return 11;
+        }
+        // Two are free: the plugin's directory and one more (the record, then the walk's own copy).
+        ::close(filler.back());
+        ::close(filler[filler.size() - 2]);
+        testsupport::LogCapture log;
+        const ApiErrorCode code = manager->cleanPlugin("79");
+        std::cout.flush();
+        return (code == API_REMOVE_WALK_FAILED ? 0 : 1) | (log.contains("added: open: Too many open files") ? 0 : 2) |
+               (log.contains("remove file error, error code is 1001") ? 0 : 4);
+    });
+    EXPECT_EQ(0, status);
+    EXPECT_NE(std::string::npos, testsupport::readFile(out).find(dir + "added: open: Too many open files\n"))
+        << testsupport::readFile(out);
 }
 
 TEST(TimeMachine, MigratesOnlyVersionsAboveOnePointThree) {

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "Plugin/PluginManager.h"
 #include "common/Singleton.h"
@@ -49,6 +50,15 @@ TEST(PluginManagerConstruction, CreatesPidFileAndStoreAndPublishesInstalledIds) 
     EXPECT_EQ("77", ConfigInfo::sGetInstance()->getConfigFromFile(PluginManager::sGetPluginPidConfig(), "pid_of_id1"));
     EXPECT_TRUE(second.isUndeletable(kSamba));
     EXPECT_FALSE(second.isUndeletable("id1"));
+
+    // A link planted in place of the pid file is neither followed nor made 0777.
+    const std::string outside = testsupport::underRoot("/outside-pids");
+    ASSERT_EQ(0, unlink(PluginManager::sGetPluginPidConfig().c_str()));
+    ASSERT_EQ(0, symlink(outside.c_str(), PluginManager::sGetPluginPidConfig().c_str()));
+    PluginManager third;
+    EXPECT_FALSE(testsupport::exists(outside));
+    ASSERT_EQ(0, lstat(PluginManager::sGetPluginPidConfig().c_str(), &st));
+    EXPECT_TRUE(S_ISLNK(st.st_mode));
 }
 
 TEST(PluginManagerBookkeeping, PortsReplaceAndPidsAccumulateUntilReset) {

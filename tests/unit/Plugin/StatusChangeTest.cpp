@@ -12,6 +12,7 @@
 #include "common/Singleton.h"
 #include "support/GatedRunner.h"
 #include "support/RecordingRunner.h"
+#include "system/Environment.h"
 #include "unit/Plugin/PluginTestSupport.h"
 
 using testsupport::GatedRunner;
@@ -25,7 +26,14 @@ TEST(StatusChange, AStartForgetsStaleProcessIds) {
     const auto runner = RecordingRunner::sInstall();
     putPlugin("501", datacenter::DISABLED);
     PluginManager::sSetPluginPort("501", "999999", datacenter::PID);
+    const long long slept = datacenter::Environment::sSleptMilliseconds();
     EXPECT_EQ(API_SUCCESS, Singleton<PluginManager>::instance()->changePluginStatus("501", datacenter::ENABLED));
+    EXPECT_EQ("", datacenter::ConfigInfo::sGetInstance()->getConfigFromFile(PluginManager::sGetPluginPidConfig(),
+                                                                            "pid_of_501"));
+    // No process of the plugin was signalled: nothing to wait for.
+    PluginManager::sSetPluginPort("501", "999999", datacenter::PID);
+    EXPECT_EQ(API_SUCCESS, Singleton<PluginManager>::instance()->changePluginStatus("501", datacenter::DISABLED));
+    EXPECT_EQ(slept, datacenter::Environment::sSleptMilliseconds());
     EXPECT_EQ("", datacenter::ConfigInfo::sGetInstance()->getConfigFromFile(PluginManager::sGetPluginPidConfig(),
                                                                             "pid_of_501"));
 }

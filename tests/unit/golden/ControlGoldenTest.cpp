@@ -100,5 +100,15 @@ TEST(ControlGolden, ConfigDataOutcomes) {
                     [&] { return manager->controlConfigData("42", "mode", value, throwOther); });
     text +=
         outcome("id leaving the plugin directory", [&] { return manager->setPluginConfigData("../x", "mode", "on"); });
+    // The file or its folder cannot be opened: a line says why before 1038.
+    testsupport::writeFile(testsupport::underRoot("/outside/plugin_config"), "key = \"x\";\n");
+    boost::filesystem::create_directories(PluginManager::sGetPluginDataPath("43") + "etc");
+    boost::filesystem::create_symlink(testsupport::underRoot("/outside/plugin_config"),
+                                      PluginManager::sGetPluginDataPath("43") + "etc/plugin_config");
+    text += outcome("configuration file is a link", [&] { return manager->getPluginConfigData("43", "mode", value); });
+    boost::filesystem::create_directories(PluginManager::sGetPluginDataPath("44"));
+    boost::filesystem::create_directory_symlink(testsupport::underRoot("/outside"),
+                                                PluginManager::sGetPluginDataPath("44") + "etc");
+    text += outcome("etc folder is a link", [&] { return manager->getPluginConfigData("44", "mode", value); });
     EXPECT_GOLDEN("control/config-data", text);
 }

@@ -8,6 +8,7 @@
 #include "support/Golden.h"
 #include "support/LogCapture.h"
 #include "support/RecordingRunner.h"
+#include "support/TestSupport.h"
 #include "unit/Plugin/PluginTestSupport.h"
 
 using testsupport::putPlugin;
@@ -95,4 +96,19 @@ TEST(StatusChangeGolden, FailingCommandsKeepTheStatus) {
         text += "## stored " + std::to_string(testsupport::storedStatus(kind.id)) + "\n";
     }
     EXPECT_GOLDEN("status/failing-commands", text);
+}
+
+TEST(StatusChangeGolden, APluginTheStoreDoesNotListIsNotStarted) {
+    // Its record has a number that does not convert: no listing shows it.
+    const std::string id = "5017400000000000102";
+    putPlugin(id, datacenter::DISABLED);
+    testsupport::writeFile(testsupport::storeManifest(id),
+                           "plugin_id = \"" + id + "\";\nstatus = \"6\";\nsdk_level = \"x\";\n");
+    warmUp(id);
+    const auto runner = RecordingRunner::sInstall();
+    testsupport::LogCapture log;
+    const ApiErrorCode code = Singleton<PluginManager>::instance()->changePluginStatus(id, datacenter::ENABLED);
+    EXPECT_GOLDEN("status/unlisted", "## enable -> " + std::to_string(code) + "\n## commands\n" +
+                                         testsupport::joinLines(runner->commands()) + "## log\n" +
+                                         testsupport::logText(log));
 }
