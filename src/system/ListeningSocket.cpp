@@ -92,6 +92,18 @@ struct Holder {
 std::mutex gHoldersMutex;
 std::map<unsigned long, Holder> gHolders;  // by socket inode
 
+// The answer last given for a port: while the same process holds the same
+// listening socket, no other socket can take connections to that address
+// and port (binding it fails with EADDRINUSE), so the kernel need not be
+// asked again. Only a plugin that shares its own port (SO_REUSEPORT) or
+// shuts its listener down while keeping it open could be fooled.
+struct Answer {
+    std::string directory;
+    unsigned long inode = 0;
+    std::string address;
+};
+std::map<int, Answer> gAnswers;  // by port, under gHoldersMutex
+
 std::string socketLink(unsigned long inode) {
     return "socket:[" + std::to_string(inode) + "]";
 }
@@ -170,26 +182,43 @@ std::string ListeningSocket::sPluginAddress(int port, const std::string& dataDir
         reason = "port " + std::to_string(port) + " is no TCP port";
         return std::string();
     }
+    const std::string directory = ProcessOwnership::sPhysicalDirectory(dataDir);
+    Answer answer;
+    {
+        std::lock_guard<std::mutex> lock(gHoldersMutex);
+        const auto found = gAnswers.find(port);
+        if (found != gAnswers.end()) {
+            answer = found->second;
+        }
+    }
+    if (!answer.address.empty() && answer.directory == directory && rememberedHolder(answer.inode, directory)) {
+        reason.clear();
+        return answer.address;
+    }
     if (!sListeners(port, listeners)) {
         reason = "the kernel does not tell who listens on port " + std::to_string(port);
         return std::string();
     }
-    const std::string directory = ProcessOwnership::sPhysicalDirectory(dataDir);
     std::vector<int> processes;
     bool scanned = false;
     reason = "nothing listens on port " + std::to_string(port) + " of the loopback address";
     for (const bool ipv6 : {false, true}) {
-        bool reached = false;
+        std::vector<unsigned long> reached;
         bool foreign = false;
         for (const Listener& listener : listeners) {
             if (reaches(listener, ipv6)) {
-                reached = true;
+                reached.push_back(listener.inode);
                 foreign = foreign || directory.empty() || !heldByPlugin(listener.inode, directory, processes, scanned);
             }
         }
-        if (reached && !foreign) {
+        if (!reached.empty() && !foreign) {
             reason.clear();
-            return ipv6 ? "::1" : "127.0.0.1";
+            const std::string address = ipv6 ? "::1" : "127.0.0.1";
+            if (reached.size() == 1) {
+                std::lock_guard<std::mutex> lock(gHoldersMutex);
+                gAnswers[port] = Answer{directory, reached.front(), address};
+            }
+            return address;
         }
         if (foreign) {
             reason = "port " + std::to_string(port) + " is held by a process that is not the plugin's";
