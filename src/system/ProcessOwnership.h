@@ -59,6 +59,10 @@ public:
     // processes are still alive afterwards (0: the plugin is stopped); each
     // survivor is logged with `id`.
     static size_t sStopAll(const std::string& id, const std::string& dataDir);
+
+    // For tests: signals are not sent, as if every process of a plugin
+    // were stuck where no signal reaches it (uninterruptible sleep).
+    static void sPretendUnkillable(bool pretend);
 };
 
 }  // namespace datacenter

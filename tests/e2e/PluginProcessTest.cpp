@@ -12,6 +12,7 @@
 #include "Plugin/PluginManager.h"
 #include "common/Singleton.h"
 #include "support/ChildServer.h"
+#include "support/PluginStopCases.h"
 #include "support/SilentListener.h"
 #include "support/SleepingChild.h"
 #include "support/TestSupport.h"
@@ -111,4 +112,8 @@ TEST(PluginConfigData, FourProcessesWritingDifferentKeysLoseNone) {
         }
     }
     EXPECT_EQ(0, missing);
+}
+
+TEST(PluginStop, EveryProcessOfThePluginEndsAndNothingForgesItsRecord) {
+    testsupport::runPluginStopCases();
 }

@@ -17,6 +17,7 @@
 #include "common/Singleton.h"
 #include "storage/TreeRemoval.h"
 #include "support/PackageFactory.h"
+#include "support/PluginStopCases.h"
 #include "support/TestSupport.h"
 #include "system/ConfigInfo.h"
 
@@ -309,6 +310,12 @@ TEST(Sandbox, CleanAndUninstallNeverWalkThroughTheSandboxMounts) {
     EXPECT_TRUE(mountsBelow(dir).empty());
     EXPECT_FALSE(fs::exists(manifest));
     EXPECT_EQ(router, routerFiles());
+}
+
+// The stop cases of the e2e suite, with the plugin chrooted.
+TEST(Sandbox, EveryProcessOfASandboxedPluginEndsAndNothingForgesItsRecord) {
+    SKIP_WITHOUT_MOUNTS();
+    testsupport::runPluginStopCases();
 }
 
 // The removal walk meets mounts it did not expect (another file system, or
