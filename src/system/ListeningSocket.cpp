@@ -98,7 +98,8 @@ std::map<unsigned long, Holder> gHolders;  // by socket inode
 // asked again. Only a plugin that shares its own port (SO_REUSEPORT) or
 // shuts its listener down while keeping it open could be fooled.
 struct Answer {
-    std::string directory;
+    std::string dataDir;    // as the caller named it
+    std::string directory;  // as the kernel names it
     unsigned long inode = 0;
     std::string address;
 };
@@ -182,7 +183,6 @@ std::string ListeningSocket::sPluginAddress(int port, const std::string& dataDir
         reason = "port " + std::to_string(port) + " is no TCP port";
         return std::string();
     }
-    const std::string directory = ProcessOwnership::sPhysicalDirectory(dataDir);
     Answer answer;
     {
         std::lock_guard<std::mutex> lock(gHoldersMutex);
@@ -191,10 +191,11 @@ std::string ListeningSocket::sPluginAddress(int port, const std::string& dataDir
             answer = found->second;
         }
     }
-    if (!answer.address.empty() && answer.directory == directory && rememberedHolder(answer.inode, directory)) {
+    if (!answer.address.empty() && answer.dataDir == dataDir && rememberedHolder(answer.inode, answer.directory)) {
         reason.clear();
         return answer.address;
     }
+    const std::string directory = ProcessOwnership::sPhysicalDirectory(dataDir);
     if (!sListeners(port, listeners)) {
         reason = "the kernel does not tell who listens on port " + std::to_string(port);
         return std::string();
@@ -216,7 +217,7 @@ std::string ListeningSocket::sPluginAddress(int port, const std::string& dataDir
             const std::string address = ipv6 ? "::1" : "127.0.0.1";
             if (reached.size() == 1) {
                 std::lock_guard<std::mutex> lock(gHoldersMutex);
-                gAnswers[port] = Answer{directory, reached.front(), address};
+                gAnswers[port] = Answer{dataDir, directory, reached.front(), address};
             }
             return address;
         }
