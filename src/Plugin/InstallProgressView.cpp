@@ -103,7 +103,7 @@ std::string InstallProgressView::sRetryText(const datacenter::DownloadRetry& ret
         std::snprintf(wait, sizeof(wait), "%.1f s", static_cast<double>(retry.waitMs) / 1000);
     }
     const std::string what = retry.reason == datacenter::DownloadRetry::sStalled ? "no data at " + at + " for too long"
-                                                                                  : "connection lost at " + at;
+                                                                                 : "connection lost at " + at;
     return what + ", resuming in " + wait;
 }
 

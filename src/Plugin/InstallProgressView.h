@@ -12,7 +12,7 @@
 namespace datacenter {
 struct DownloadInfo;
 struct DownloadRetry;
-}
+}  // namespace datacenter
 
 class InstallProgressView {
 public:

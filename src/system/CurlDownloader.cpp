@@ -132,8 +132,8 @@ bool CurlDownloader::waitForNextAttempt(int attempt) {
         boost::mutex::scoped_lock lock(mutex_);
         retries_.push_back(retry);
     }
-    LOG(WARNING) << info_.localPath << " download attempt " << attempt << (stalled_ ? " stalled" : " lost")
-                 << " at " << fileBytes_ << " bytes, next attempt in " << wait << " ms";
+    LOG(WARNING) << info_.localPath << " download attempt " << attempt << (stalled_ ? " stalled" : " lost") << " at "
+                 << fileBytes_ << " bytes, next attempt in " << wait << " ms";
     // Sliced, so that a stop request ends the wait at once.
     for (;;) {
         if (stopRequested()) {

@@ -179,16 +179,16 @@ private:
     RetryPlan plan_{DownloadLimits()};
     std::vector<DownloadRetry> retries_;  // guarded by mutex_
     int attempt_ = 0;
-    int64_t offset_ = 0;     // bytes the file held when this attempt began
-    int64_t base_ = 0;       // where this attempt's counters start in the file
-    int64_t fileBytes_ = 0;  // bytes the file holds
-    int64_t highWater_ = 0;  // the most it ever held
-    int64_t knownTotal_ = 0;  // the file's size from an earlier answer, 0 unknown
-    std::string validator_;   // sent as If-Range: the file's strong ETag or Last-Modified
-    bool answered_ = false;   // some answer carried the file (200 or 206)
-    bool received_ = false;   // this attempt received bytes of the file
-    bool advanced_ = false;   // ... beyond the most the file ever held
-    bool stalled_ = false;    // ended by silentTooLong()
+    int64_t offset_ = 0;       // bytes the file held when this attempt began
+    int64_t base_ = 0;         // where this attempt's counters start in the file
+    int64_t fileBytes_ = 0;    // bytes the file holds
+    int64_t highWater_ = 0;    // the most it ever held
+    int64_t knownTotal_ = 0;   // the file's size from an earlier answer, 0 unknown
+    std::string validator_;    // sent as If-Range: the file's strong ETag or Last-Modified
+    bool answered_ = false;    // some answer carried the file (200 or 206)
+    bool received_ = false;    // this attempt received bytes of the file
+    bool advanced_ = false;    // ... beyond the most the file ever held
+    bool stalled_ = false;     // ended by silentTooLong()
     bool mismatched_ = false;  // a 206 for another part of the file
     bool localError_ = false;  // the file could not be written
     // The head being read: status, and the headers the resumption needs.

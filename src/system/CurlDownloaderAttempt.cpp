@@ -129,9 +129,8 @@ CurlDownloader::Outcome CurlDownloader::recordTransferResult() {
         // Only a file that the server has begun to send is resumed: a server
         // that never answered with it (unreachable, refused, silent) or a
         // file that cannot be written fails at once, as the contract has it.
-        const bool ridable =
-            isFailureOfTheLine(curlCode_) || (curlCode_ == CURLE_ABORTED_BY_CALLBACK && stalled_) ||
-            (curlCode_ == CURLE_WRITE_ERROR && mismatched_);
+        const bool ridable = isFailureOfTheLine(curlCode_) || (curlCode_ == CURLE_ABORTED_BY_CALLBACK && stalled_) ||
+                             (curlCode_ == CURLE_WRITE_ERROR && mismatched_);
         if (answered_ && !localError_ && ridable) {
             return Outcome::sRetry;
         }
@@ -234,8 +233,8 @@ bool CurlDownloader::headComplete() {
         }
         // Another piece than the one asked for: of no use, and no sign that
         // the next answer will fit either. The next attempt starts over.
-        LOG(WARNING) << info_.localPath << " download got another part (" << contentRange_ << ") than from "
-                     << offset_ << ", starting over";
+        LOG(WARNING) << info_.localPath << " download got another part (" << contentRange_ << ") than from " << offset_
+                     << ", starting over";
         mismatched_ = true;
         validator_.clear();
         startFileOver();

@@ -23,8 +23,9 @@ struct DownloadLimits {
     // The first wait before a new attempt (DATACENTER_DOWNLOAD_BACKOFF_MS);
     // it doubles while attempts receive nothing, up to 30 times this.
     long backoffMs = 1000;
-    // Attempts in a row that bring no byte beyond what the file held
-    // before may be followed by at most this many more (DATACENTER_DOWNLOAD_RETRIES).
+    // An attempt that brings no byte beyond the most the file ever held may
+    // be followed by at most this many more such attempts in a row
+    // (DATACENTER_DOWNLOAD_RETRIES): the 9th of them ends the download.
     long retries = 8;
 
     // The defaults above, each replaced by its variable when that holds a
@@ -49,7 +50,7 @@ private:
     long first_;
     long ceiling_;
     long retries_;
-    long wait_ = 0;      // the last wait; 0 before any
+    long wait_ = 0;       // the last wait; 0 before any
     long fruitless_ = 0;  // attempts in a row that did not advance the file
 };
 

@@ -97,22 +97,27 @@ TEST(PluginCenterDownload, InstallUrlRidesOutEveryFaultOfTheLineOrEndsCleanly) {
         std::string name;
         std::string id;
         ServedFile file;
-        bool installs;
+        bool installs = true;
         std::string retryPattern;  // every retry line matches it; empty: no retry line
         std::string version;       // what is installed
     };
     std::vector<Row> rows;
     rows.reserve(8);  // add() hands out a pointer into it
     const auto add = [&](const std::string& name, size_t size, bool installs, const std::string& retryPattern) {
-        Row row{name, "50174000000000002" + std::to_string(10 + rows.size()), ServedFile(), installs, retryPattern,
-                "1.0.0"};
+        Row row;
+        row.name = name;
+        row.id = "50174000000000002" + std::to_string(10 + rows.size());
+        row.installs = installs;
+        row.retryPattern = retryPattern;
+        row.version = "1.0.0";
         row.file.body = package(factory, row.id, size, "1.0.0");
         row.file.etag = "\"" + row.id + "-1\"";
         rows.push_back(row);
         return &rows.back().file;
     };
     // An 8 MB package cut after every MiB, from a server that sends the rest.
-    ServedFile* file = add("cut every MiB, ranges", 8 * kMiB, true, "^connection lost at [0-9]+\\.0 MiB, resuming in 0\\.1 s$");
+    ServedFile* file =
+        add("cut every MiB, ranges", 8 * kMiB, true, "^connection lost at [0-9]+\\.0 MiB, resuming in 0\\.1 s$");
     file->cutEvery = kMiB;
     // A server without ranges sends the first 256 KiB again and again.
     file = add("cut every 256 KiB, no ranges", kMiB, false,
@@ -122,7 +127,8 @@ TEST(PluginCenterDownload, InstallUrlRidesOutEveryFaultOfTheLineOrEndsCleanly) {
     file->ranges = false;
     file = add("stall once at 256 KiB", kMiB, true, "^no data at 256\\.0 KiB for too long, resuming in 0\\.1 s$");
     file->stallAt = 256 * kKiB;
-    file = add("stall for good at 256 KiB", kMiB, false, "^no data at 256\\.0 KiB for too long, resuming in [0-9.]+ s$");
+    file =
+        add("stall for good at 256 KiB", kMiB, false, "^no data at 256\\.0 KiB for too long, resuming in [0-9.]+ s$");
     file->stallAt = 256 * kKiB;
     file->stalls = -1;
     // The package is replaced after the first answer: the resumption gets
@@ -167,14 +173,15 @@ TEST(PluginCenterDownload, InstallUrlRidesOutEveryFaultOfTheLineOrEndsCleanly) {
             expectNothingLeft(row.id, row.name);
         }
         if (row.name == "file changes between attempts") {
-            EXPECT_EQ(1, std::count_if(retries.begin(), retries.end(), [](const std::string& line) {
-                          return line.find("starting over") != std::string::npos;
-                      })) << result.output;
+            EXPECT_EQ(1, std::count_if(
+                             retries.begin(), retries.end(),
+                             [](const std::string& line) { return line.find("starting over") != std::string::npos; }))
+                << result.output;
         }
         if (row.name == "cut every MiB, ranges") {
             const double ratio = static_cast<double>(server.bytesSent() - sentBefore) / row.file.body.size();
-            std::cout << "cut every MiB of an 8 MB package, with ranges: the server sent " << ratio
-                      << "x the package" << std::endl;
+            std::cout << "cut every MiB of an 8 MB package, with ranges: the server sent " << ratio << "x the package"
+                      << std::endl;
             ::testing::Test::RecordProperty("cut_every_mib_sent_ratio", std::to_string(ratio));
             EXPECT_LE(ratio, 1.10);
             EXPECT_EQ(8u, retries.size());

@@ -9,8 +9,8 @@
 #include <boost/algorithm/string.hpp>
 #include <chrono>
 #include <cstdlib>
-#include <sstream>
 #include <memory>
+#include <sstream>
 #include <stdexcept>
 
 namespace testsupport {
