@@ -93,7 +93,8 @@ public:
     static boost::mutex mutex_;
 
     // `observer` is not owned and may be null; `timeoutSeconds` limits the
-    // whole transfer, 0 for no limit.
+    // whole download, all its attempts, when it is tighter than the limit of
+    // DownloadLimits (0: that limit alone).
     CurlDownloader(const std::string& url, const std::string& localPath, IDownloadTaskObserver* observer,
                    long timeoutSeconds);
     // Neither stops nor joins a running transfer: the object must outlive it.
