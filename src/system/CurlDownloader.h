@@ -133,7 +133,8 @@ public:
     std::vector<DownloadRetry> retries();
 
     // libcurl's progress report for `client` (a CurlDownloader). Returns 1 to
-    // abort the transfer when a stop was requested, else 0.
+    // abort the transfer when a stop was requested or the attempt has been
+    // silent too long (DownloadLimits), else 0.
     static int progresscallback(void* client, double dltotal, double dlnow, double ultotal, double ulnow);
 
     // Passes a copy of the record to the observer, if there is one.
@@ -167,6 +168,7 @@ private:
     bool headComplete();
 
     typedef std::chrono::steady_clock Clock;
+
     DownloadInfo info_;
     FILE* file_ = nullptr;
     CURL* curl_ = nullptr;

@@ -11,9 +11,13 @@
 #include <regex>
 #include <sstream>
 
+#include "Plugin/PluginManager.h"
+#include "Plugin/installAction/InstallAction.h"
+#include "common/Singleton.h"
 #include "support/HttpTestServer.h"
 #include "support/PackageFactory.h"
 #include "support/TestSupport.h"
+#include "system/CurlDownloader.h"
 
 using testsupport::HttpTestServer;
 using testsupport::PackageFactory;
@@ -208,4 +212,45 @@ TEST(PluginCenterDownload, InstallServerResumesThroughTheSameDownloader) {
             EXPECT_EQ(file.lastModified, request.header("if-range"));
         }
     }
+}
+
+// In the process that runs the manager (the web interface's, which never
+// exits): a download from a server that stopped sending ends, releases the
+// installer's lock and leaves nothing, and the next installation runs.
+TEST(PluginCenterDownload, ASilentServerEndsTheInstallationAndReleasesTheLock) {
+    setenv("DATACENTER_DOWNLOAD_STALL_MS", "1000", 1);
+    setenv("DATACENTER_DOWNLOAD_QUIET_MS", "2000", 1);
+    setenv("DATACENTER_DOWNLOAD_BACKOFF_MS", "100", 1);
+    PackageFactory factory;
+    HttpTestServer server;
+    const std::string id = "5017400000000000401";
+    ServedFile silent;
+    silent.body = package(factory, id, 512 * kKiB, "1.0.0", 1);
+    silent.etag = "\"silent\"";
+    silent.stallAt = 128 * kKiB;
+    silent.stalls = -1;
+    server.serveFile("/silent.qpk", silent);
+    ServedFile whole = silent;
+    whole.stallAt = std::string::npos;
+    server.serveFile("/whole.qpk", whole);
+
+    PluginManager* manager = Singleton<PluginManager>::instance();
+    ASSERT_EQ(API_SUCCESS, manager->installFromServer(id, server.url("/silent.qpk")));
+    ASSERT_TRUE(manager->waitForInstallation(120000));
+    datacenter::PluginInfo info;
+    manager->getUrlInstallPlugin(info);
+    EXPECT_EQ(API_DOWNLOAD_FAILED, info.errorCode);
+    EXPECT_EQ(datacenter::NOT_INSTALLED, info.status);
+    datacenter::DownloadInfo download;
+    ASSERT_TRUE(manager->currentAction()->getDownloadInfo(download));
+    EXPECT_EQ(datacenter::DownloadInfo::sStateFailed, download.state);
+    EXPECT_EQ(static_cast<int64_t>(128 * kKiB), download.downloadedBytes);
+    EXPECT_FALSE(manager->currentAction()->downloadRetries().empty());
+    expectNothingLeft(id, "silent");
+
+    ASSERT_EQ(API_SUCCESS, manager->installFromServer(id, server.url("/whole.qpk")));
+    ASSERT_TRUE(manager->waitForInstallation(120000));
+    manager->getUrlInstallPlugin(info);
+    EXPECT_EQ(API_SUCCESS, info.errorCode);
+    EXPECT_EQ(datacenter::ENABLED, info.status);
 }
