@@ -205,6 +205,21 @@ TEST_F(DownloadResume, EveryWayOfGivingUpEndsOnceWithTheContractsCodes) {
     }
 }
 
+// A trickle that never stalls still ends at the whole download's bound.
+TEST_F(DownloadResume, TheWholeDownloadHasABoundOfItsOwn) {
+    setenv("DATACENTER_DOWNLOAD_TOTAL_MS", "1500", 1);
+    ServedFile trickle;
+    trickle.body = noise(100 * 1000, 6);
+    trickle.chunkBytes = 5 * 1000;
+    trickle.chunkDelayMs = 200;
+    server_.serveFile("/trickle", trickle);
+    const DownloadInfo info = download("/trickle");
+    EXPECT_EQ(2003, info.errorCode);
+    EXPECT_EQ(DownloadInfo::sStateFailed, info.state);
+    EXPECT_LT(info.downloadedBytes, static_cast<int64_t>(trickle.body.size()));
+    EXPECT_EQ(1u, server_.requests().size());
+}
+
 TEST_F(DownloadResume, AStopDuringTheBackOffEndsTheDownloadWith2007) {
     setenv("DATACENTER_DOWNLOAD_BACKOFF_MS", "3600000", 1);
     setenv("DATACENTER_DOWNLOAD_QUIET_MS", "7200000", 1);
