@@ -102,6 +102,15 @@ bool InstallAction::getDownloadInfo(datacenter::DownloadInfo& out) {
     return true;
 }
 
+std::vector<datacenter::DownloadRetry> InstallAction::downloadRetries() {
+    boost::shared_ptr<datacenter::CurlDownloader> downloader;
+    {
+        std::lock_guard<std::mutex> lock(recordMutex_);
+        downloader = downloader_;
+    }
+    return downloader ? downloader->retries() : std::vector<datacenter::DownloadRetry>();
+}
+
 void InstallAction::stopDownload() {
     std::lock_guard<std::mutex> lock(recordMutex_);
     stopRequested_ = true;
