@@ -258,6 +258,27 @@ public:
         return run;
     }
 
+    // What a careful user would do: unzip, then bring the disk up to date
+    // (one syncfs of the file system, "sync -f").
+    Run unzipAndSync(const Package& package) {
+        const std::string root = freshRoot();
+        const auto start = std::chrono::steady_clock::now();
+        Run run = spawnAndWait({"unzip", "-q", package.zip, "-d", root + "/out"}, root);
+        run.ok = spawnAndWait({"sync", "-f", root + "/out"}, root).ok && run.ok;
+        run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        fs::remove_all(root);
+        return run;
+    }
+
+    // The installation with every file and folder flushed as it is written
+    // (DATACENTER_DURABILITY=fsync) instead of one syncfs at the end.
+    Run installFlushingEachFile(const Package& package) {
+        setenv("DATACENTER_DURABILITY", "fsync", 1);
+        Run run = install(package);
+        unsetenv("DATACENTER_DURABILITY");
+        return run;
+    }
+
     // What a shell installer would do: check the signature of the archive
     // twice (the developer's certificate, then the chain to the CA) and unzip.
     Run opensslAndUnzip(const Package& package) {
@@ -306,11 +327,11 @@ double median(std::vector<double> values) {
 // unzips once and runs the openssl baseline once, in an order that rotates.
 void InstallVsUnzip(benchmark::State& state) {
     const Package package = gFixture->make(static_cast<int>(state.range(0)), state.range(1));
-    std::vector<double> install, unzip, baseline, peak, written;
+    std::vector<double> install, unzip, baseline, peak, written, unzipSync, installFsync;
     int turn = 0;
     for (auto _ : state) {
-        for (int step = 0; step < 3; ++step) {
-            switch ((turn + step) % 3) {
+        for (int step = 0; step < 5; ++step) {
+            switch ((turn + step) % 5) {
                 case 0: {
                     const Run run = gFixture->install(package);
                     if (!run.ok) {
@@ -325,6 +346,12 @@ void InstallVsUnzip(benchmark::State& state) {
                 case 1:
                     unzip.push_back(gFixture->unzip(package).seconds);
                     break;
+                case 2:
+                    unzipSync.push_back(gFixture->unzipAndSync(package).seconds);
+                    break;
+                case 3:
+                    installFsync.push_back(gFixture->installFlushingEachFile(package).seconds);
+                    break;
                 default:
                     baseline.push_back(gFixture->opensslAndUnzip(package).seconds);
             }
@@ -333,6 +360,8 @@ void InstallVsUnzip(benchmark::State& state) {
     }
     state.counters["install_ms"] = median(install) * 1e3;
     state.counters["unzip_ms"] = median(unzip) * 1e3;
+    state.counters["unzip_sync_ms"] = median(unzipSync) * 1e3;
+    state.counters["install_fsync_ms"] = median(installFsync) * 1e3;
     state.counters["openssl_unzip_ms"] = median(baseline) * 1e3;
     state.counters["peak_kib"] = *std::max_element(peak.begin(), peak.end());
     state.counters["sign_peak_kib"] = static_cast<double>(package.signPeakKiB);
