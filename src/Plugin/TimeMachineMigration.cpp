@@ -1,5 +1,6 @@
 #include "Plugin/TimeMachineMigration.h"
 
+#include <fcntl.h>
 #include <glog/logging.h>
 #include <libgen.h>
 #include <unistd.h>
@@ -18,6 +19,7 @@
 #include "common/Singleton.h"
 #include "storage/Directory.h"
 #include "storage/PluginTree.h"
+#include "storage/UniqueFd.h"
 #include "system/CommonUtils.h"
 #include "system/ConfigInfo.h"
 #include "system/RootPrefix.h"
@@ -143,4 +145,53 @@ void PluginManager::mvTimemachinePluginData(const std::string& from, const std::
     if (datacenter::Directory::make_dir(path.data(), 0777) != 0) {
         LOG(ERROR) << "timemachine, mkdir: " << target << ", fail!";
     }
+}
+
+namespace {
+
+bool present(const std::string& path) {
+    return datacenter::Directory::sExists(path);
+}
+
+// Renames the folder `name` of `fromBase`/`fromFolder` to the same name in
+// `toBase`/`toFolder`, each folder opened without following a link.
+bool moveFolderBack(const std::string& fromBase, const std::string& fromFolder, const std::string& toBase,
+                    const std::string& toFolder, const char* name) {
+    datacenter::PluginTree from(fromBase);
+    datacenter::PluginTree to(toBase);
+    const datacenter::UniqueFd source(from.isOpen() ? from.openDirectory(fromFolder, false, 0) : -1);
+    const datacenter::UniqueFd target(to.isOpen() ? to.openDirectory(toFolder, true, 0777) : -1);
+    if (!source.valid() || !target.valid() || ::renameat(source.get(), name, target.get(), name) != 0) {
+        LOG(ERROR) << "timemachine: cannot move " << fromBase << "/" << fromFolder << "/" << name << " back to "
+                   << toBase << "/" << toFolder << ": " << strerror(errno);
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+TimeMachineMove TimeMachineMove::sBefore() {
+    TimeMachineMove move;
+    move.oldTimecapsule_ = present(timecapsuleOlddir());
+    move.newTimecapsule_ = present(timecapsuleNewdir());
+    move.oldAfp_ = present(afpOlddir());
+    move.newAfp_ = present(afpNewdir());
+    return move;
+}
+
+void TimeMachineMove::after() {
+    timecapsule_ = oldTimecapsule_ && !newTimecapsule_ && !present(timecapsuleOlddir()) && present(timecapsuleNewdir());
+    afp_ = oldAfp_ && !newAfp_ && !present(afpOlddir()) && present(afpNewdir());
+}
+
+bool TimeMachineMove::undo() const {
+    bool ok = true;
+    if (afp_) {
+        ok = moveFolderBack(backupRoot(), "timecapsule", oldPrefix(), "userdisk", "afp") && ok;
+    }
+    if (timecapsule_) {
+        ok = moveFolderBack(backupRoot(), "", oldPrefix(), "userdisk", "timecapsule") && ok;
+    }
+    return ok;
 }

@@ -13,6 +13,8 @@
 #include <boost/filesystem.hpp>
 #include <functional>
 
+#include "Plugin/PluginManager.h"
+#include "Plugin/TimeMachineMigration.h"
 #include "Plugin/installAction/InstallJournal.h"
 #include "common/ApiErrorCode.h"
 #include "support/PackageFactory.h"
@@ -252,6 +254,31 @@ TEST(InstallLocal, AFailedUpgradeLeavesTheInstalledVersionAsItWasAndRunning) {
         EXPECT_FALSE(exists(underRoot("/userdisk/appdata/local_install_tmp")));
         EXPECT_FALSE(exists(InstallJournal::sJournalPath()));
     }
+}
+
+// The time machine's upgrade to 1.3 moves its backups out of its tree onto
+// the user disk; when that upgrade fails, the backups go back with the old
+// version.
+TEST(InstallLocal, AFailedUpgradeOfTheTimeMachinePutsItsDataBack) {
+    PackageFactory factory;
+    PackageSpec old;
+    old.id = TimeMachineInfo::getPluginId();
+    old.manifest["version"] = "1.2.0";
+    PackageSpec refused = old;
+    refused.manifest["version"] = "1.3.0";
+    refused.manifest["binary_name"] = "bin/missing";
+    ASSERT_EQ(0u, install("-k -f " + factory.build(old, "tm-old")).find("installplugin succeed!"));
+    const std::string tree = PluginManager::sGetPluginDataPath(old.id);
+    testsupport::writeFile(tree + "userdisk/timecapsule/backup.img", "the user's backup");
+    testsupport::writeFile(tree + "userdisk/afp/share/file", "the user's share");
+    boost::filesystem::create_directories(underRoot("/userdisk/data"));
+
+    EXPECT_EQ("installplugin failed. code is 4\n", install("-k -f " + factory.build(refused, "tm-refused")));
+
+    EXPECT_EQ("the user's backup", readFile(tree + "userdisk/timecapsule/backup.img"));
+    EXPECT_EQ("the user's share", readFile(tree + "userdisk/afp/share/file"));
+    EXPECT_FALSE(exists(timecapsuleNewdir()));
+    EXPECT_NE(std::string::npos, readFile(storeDir() + old.id + ".manifest").find("1.2.0"));
 }
 
 TEST(InstallLocal, AnUpgradeReplacesThePackagesFilesAndKeepsWhatThePluginAndTheUserMade) {

@@ -13,6 +13,7 @@
 
 #include "DataBase/PluginStorageManager.h"
 #include "Plugin/PluginManager.h"
+#include "Plugin/TimeMachineMigration.h"
 #include "Plugin/installAction/InstallAction.h"
 #include "Plugin/installAction/PackageFiles.h"
 #include "Plugin/installAction/UpgradeBackup.h"
@@ -233,7 +234,9 @@ ApiErrorCode InstallAction::installPackage() {
     }
     dropKeptManifest();
     createPluginConfig(pluginId_);
+    timeMachineMove_.reset(new TimeMachineMove(TimeMachineMove::sBefore()));
     Singleton<PluginManager>::instance()->moveTimeMachineData(pluginId_);
+    timeMachineMove_->after();
     return API_SUCCESS;
 }
 
