@@ -24,20 +24,12 @@ using testsupport::PackageFactory;
 using testsupport::PackageSpec;
 using testsupport::ServedFile;
 
+using testsupport::noise;
+
 namespace {
 
 const size_t kKiB = 1024;
 const size_t kMiB = 1024 * 1024;
-
-// Bytes that do not compress, so that the package is as large as its files.
-std::string noise(size_t size, uint32_t state) {
-    std::string bytes(size, '\0');
-    for (char& byte : bytes) {
-        state = state * 1103515245u + 12345u;
-        byte = static_cast<char>(state >> 24);
-    }
-    return bytes;
-}
 
 std::string plugincenter(const std::string& args) {
     return "DATACENTER_ROOT=" + testsupport::root() +

@@ -20,6 +20,8 @@ using testsupport::HttpTestServer;
 using testsupport::PackageFactory;
 using testsupport::PackageSpec;
 
+using testsupport::noise;
+
 namespace {
 
 const std::string kId = "5017400000000000100";
@@ -46,17 +48,6 @@ std::string transcript(const std::string& title, const std::string& args) {
         }
     }
     return text + "exit " + std::to_string(result.exitStatus) + "\n";
-}
-
-// Bytes that do not compress, so that the package is as large as its files.
-std::string noise(size_t size) {
-    std::string bytes(size, '\0');
-    uint32_t state = 12345;
-    for (char& byte : bytes) {
-        state = state * 1103515245u + 12345u;
-        byte = static_cast<char>(state >> 24);
-    }
-    return bytes;
 }
 
 json_object* parseJson(const std::string& text) {

@@ -1,6 +1,7 @@
 #pragma once
 // Helpers shared by the tests. Every test process runs under its own fresh
 // temporary root (DATACENTER_ROOT), removed when the process ends.
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
@@ -19,6 +20,9 @@ void layOutRouter(const std::string& dir, const std::string& caFile = "");
 
 void writeFile(const std::string& path, const std::string& content);
 std::string readFile(const std::string& path);
+// `size` bytes that do not compress (a linear congruential sequence from
+// `seed`), so that a package is as large as its files.
+std::string noise(size_t size, uint32_t seed = 12345);
 // Everything in the open file `fd`, read by offset from its start.
 std::string readFd(int fd);
 std::vector<std::string> readLines(const std::string& path);

@@ -19,16 +19,9 @@ using testsupport::HttpResponse;
 using testsupport::HttpTestServer;
 using testsupport::ServedFile;
 
-namespace {
+using testsupport::noise;
 
-std::string noise(size_t size, unsigned seed) {
-    std::string bytes(size, '\0');
-    for (char& byte : bytes) {
-        seed = seed * 1103515245u + 12345u;
-        byte = static_cast<char>(seed >> 16);
-    }
-    return bytes;
-}
+namespace {
 
 class DownloadResume : public ::testing::Test {
 protected:
