@@ -1,9 +1,10 @@
 #pragma once
-// A server run by a child process that works in a plugin's data directory,
-// so that /proc counts it as the plugin's own process: the core sends a
-// plugin nothing unless the socket on its recorded port is held by one.
-// `start` runs in the child, starts listening and returns the port (0 when
-// it failed); the child then serves until the object goes.
+// A child process that works in `directory` (a plugin's data directory, so
+// that /proc counts it as the plugin's own process: the core sends a plugin
+// nothing unless the socket on its recorded port is held by one). `start`
+// runs in the child and returns a number for the parent, for a server the
+// port it listens on (0 when it failed); the child then keeps what it
+// started until the object goes.
 #include <sys/wait.h>
 #include <unistd.h>
 
