@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <glog/logging.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstring>
@@ -10,7 +11,7 @@
 #include "storage/Directory.h"
 #include "storage/File.h"
 #include "storage/FileStamp.h"
-#include "storage/PluginTree.h"
+#include "storage/PlainFile.h"
 #include "storage/TreeRemoval.h"
 #include "system/LibconfigFile.h"
 #include "system/RootPrefix.h"
@@ -19,6 +20,8 @@ namespace datacenter {
 namespace {
 
 const char* const kGlobalFileName = "config.cfg";
+// The bound the settings reader uses for every settings file.
+const size_t kMaxGlobalBytes = 16 * 1024 * 1024;
 
 }  // namespace
 
@@ -59,26 +62,35 @@ UniqueFd ConfigInfo::openConfigFolder() const {
     return folder;
 }
 
-std::string ConfigInfo::sGlobalFileIn(const UniqueFd& folder) {
-    return PluginTree::sPinnedPath(folder.get(), kGlobalFileName);
+bool ConfigInfo::sStampGlobalFile(const UniqueFd& folder, FileStamp& stamp) {
+    struct stat status;
+    if (!folder.valid() || ::fstatat(folder.get(), kGlobalFileName, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        return false;
+    }
+    stamp = FileStamp::sFrom(status);
+    return true;
 }
 
 void ConfigInfo::refreshGlobalLocked() {
+    // The file is reached through the folder's descriptor, never by a path
+    // (in a sandbox without /proc, a path through the descriptor would not
+    // even exist).
     const UniqueFd folder = openConfigFolder();
-    const std::string path = sGlobalFileIn(folder);
     FileStamp stamp;
-    if (!folder.valid() || !FileStamp::sOf(path, stamp)) {
+    if (!sStampGlobalFile(folder, stamp)) {
         globalLoaded_ = false;
         return;
     }
     if (globalLoaded_ && stamp == globalStamp_ && !stamp.isRacy(time(nullptr))) {
         return;
     }
-    std::string error;
     ++globalReads_;
-    globalLoaded_ = LibconfigFile::sRead(config_, path, error);
-    if (!globalLoaded_) {
-        LOG(ERROR) << "parse config file error :" << error << "\npath is " << globalConfigPath;
+    try {
+        LibconfigFile::sReadPlainAt(config_, folder.get(), kGlobalFileName);
+        globalLoaded_ = true;
+    } catch (const std::exception& e) {
+        globalLoaded_ = false;
+        LOG(ERROR) << "parse config file error :" << LibconfigFile::sDescribe(e) << "\npath is " << globalConfigPath;
     }
     globalStamp_ = stamp;
 }
@@ -96,7 +108,7 @@ void ConfigInfo::setConfig(const std::string& key, const std::string& value) {
         }
         LibconfigFile::sSetString(config_, key, value);
         LOG(INFO) << "write file:" << globalConfigPath;
-        LibconfigFile::sWrite(config_, sGlobalFileIn(folder));
+        LibconfigFile::sWriteAt(config_, folder.get(), kGlobalFileName);
         LOG(INFO) << "ConfigInfo setConfig end";
     } catch (const std::exception& e) {
         LOG(ERROR) << "save config file error: " << e.what();
@@ -199,31 +211,52 @@ void ConfigInfo::init() {
     if (!TreeRemoval::sRemoveAt(folder.get(), "DataBase", error)) {
         LOG(ERROR) << "cannot remove " << configRoot << "/DataBase/: " << error;
     }
-    if (File::sExists(sGlobalFileIn(folder))) {
+    FileStamp present;
+    if (sStampGlobalFile(folder, present)) {
         boost::mutex::scoped_lock lock(configMutex_);
         loadGlobalFileLocked(folder);
     }
 }
 
 void ConfigInfo::loadGlobalFileLocked(const UniqueFd& folder) {
-    const std::string path = sGlobalFileIn(folder);
     globalLoaded_ = false;
     try {
         // Stamped before the read: a change while reading makes the next lookup read again.
         FileStamp stamp;
-        const bool stamped = FileStamp::sOf(path, stamp);
-        LibconfigFile::sReadPlain(config_, path);
+        const bool stamped = sStampGlobalFile(folder, stamp);
+        LibconfigFile::sReadPlainAt(config_, folder.get(), kGlobalFileName);
         ++globalReads_;
         globalStamp_ = stamp;
         globalLoaded_ = stamped;
     } catch (const libconfig::ParseException& e) {
         LOG(ERROR) << "parse config file error at :" << e.getLine() << " - " << e.getError() << "\npath is "
                    << globalConfigPath;
-        fixDamagedFile(path);
-        std::string error;
-        LibconfigFile::sRead(config_, path, error);
+        repairGlobalFile(folder);
+        try {
+            LibconfigFile::sReadPlainAt(config_, folder.get(), kGlobalFileName);
+        } catch (const std::exception&) {
+        }
     } catch (const std::exception&) {
         LOG(ERROR) << "open config file error;";
+    }
+}
+
+void ConfigInfo::repairGlobalFile(const UniqueFd& folder) {
+    std::string content;
+    std::string why;
+    if (!PlainFile::sReadAt(folder.get(), kGlobalFileName, kMaxGlobalBytes, content, why)) {
+        LOG(ERROR) << "config file " << globalConfigPath << " cannot be repaired: " << why;
+        return;
+    }
+    const std::string surviving = LibconfigFile::sLongestParsablePrefixOf(content, globalConfigPath) + "\n";
+    const bool written = File::sWriteAtomicallyAt(
+        folder.get(), kGlobalFileName,
+        [&surviving](FILE* stream) {
+            return fwrite(surviving.data(), 1, surviving.size(), stream) == surviving.size();
+        },
+        0644);
+    if (!written) {
+        LOG(ERROR) << "Fix config exception!! ";
     }
 }
 

@@ -194,8 +194,11 @@ private:
     // its place. Invalid (and logged) when a link or anything but a folder
     // stands there; then nothing in it is deleted, read or written.
     UniqueFd openConfigFolder() const;
-    // The global file reached through the folder `folder` opened above.
-    static std::string sGlobalFileIn(const UniqueFd& folder);
+    // The stamp of the global file in the folder opened above; false when
+    // it is not there.
+    static bool sStampGlobalFile(const UniqueFd& folder, FileStamp& stamp);
+    // Cuts lines off the end of the global file until the rest parses.
+    void repairGlobalFile(const UniqueFd& folder);
     void loadGlobalFileLocked(const UniqueFd& folder);
     // Reads the global file into config_ unless config_ already holds the
     // version on disk (same stamp, old enough to be trusted): the port of a

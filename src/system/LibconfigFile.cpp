@@ -67,6 +67,15 @@ void LibconfigFile::sReadPlain(libconfig::Config& config, const std::string& pat
     sReadPlainString(config, text, path.c_str());
 }
 
+void LibconfigFile::sReadPlainAt(libconfig::Config& config, int dirFd, const std::string& leaf) {
+    std::string text;
+    std::string why;
+    if (!PlainFile::sReadAt(dirFd, leaf, kMaxSettingsBytes, text, why)) {
+        throw libconfig::FileIOException();
+    }
+    sReadPlainString(config, text, leaf.c_str());
+}
+
 bool LibconfigFile::sRead(libconfig::Config& config, const std::string& path, std::string& error) {
     try {
         sReadPlain(config, path);
@@ -97,6 +106,19 @@ void LibconfigFile::sWrite(const libconfig::Config& config, const std::string& p
     }
 }
 
+void LibconfigFile::sWriteAt(const libconfig::Config& config, int dirFd, const std::string& leaf) {
+    const bool written = File::sWriteAtomicallyAt(
+        dirFd, leaf,
+        [&config](FILE* stream) {
+            config.write(stream);
+            return ferror(stream) == 0;
+        },
+        0644);
+    if (!written) {
+        throw libconfig::FileIOException();
+    }
+}
+
 std::string LibconfigFile::sLongestParsablePrefix(const std::string& path) {
     // Another program can write this file; read it like the parsers do,
     // bounded, and try only the cuts a torn write leaves: its last lines.
@@ -106,6 +128,10 @@ std::string LibconfigFile::sLongestParsablePrefix(const std::string& path) {
         LOG(ERROR) << "config file " << path << " cannot be repaired: " << why;
         return std::string();
     }
+    return sLongestParsablePrefixOf(content, path);
+}
+
+std::string LibconfigFile::sLongestParsablePrefixOf(const std::string& content, const std::string& origin) {
     std::istringstream in(content);
     std::string text;
     std::string lastLine;
@@ -123,7 +149,7 @@ std::string LibconfigFile::sLongestParsablePrefix(const std::string& path) {
         text.erase(cut >= text.size() ? 0 : text.size() - cut);
         try {
             libconfig::Config config;
-            sReadPlainString(config, text, path.c_str());
+            sReadPlainString(config, text, origin.c_str());
             break;
         } catch (const libconfig::ParseException&) {
             LOG(ERROR) << "config ParseException line is " << lastLine;
