@@ -57,6 +57,9 @@ TEST(CleanPlugin, AStoppedWalkIsReportedInTheLogAndOnStandardOutput) {
             return 10;
         }
         ::close(file);
+        // UBSan checks the type behind a virtual call with a pipe when it
+        // has not seen it before: let it see std::cout while it still can.
+        std::cout << std::string() << std::flush;
         const rlimit limit = {256, 256};
         std::vector<int> filler;
         for (int fd = 0; setrlimit(RLIMIT_NOFILE, &limit) == 0 && (fd = ::open("/dev/null", O_RDONLY)) >= 0;) {
