@@ -120,11 +120,19 @@ std::string recheckOne(PluginManager& manager, const std::string& id, datacenter
         if (status == datacenter::DISABLED) {
             return "does not fit: " + describe(code) + "; already disabled by the operator";
         }
+        // The reason is on disk before the plugin is disabled: after a power
+        // cut in between, a plugin disabled without it would never start again.
+        disabled[id] = code;
+        if (!writeDisabled(disabled)) {
+            disabled.erase(id);
+            return "does not fit: " + describe(code) + "; its reason cannot be recorded, so it stays as it is";
+        }
         const ApiErrorCode result = manager.changePluginStatus(id, datacenter::DISABLED);
         if (result != API_SUCCESS) {
+            disabled.erase(id);
+            writeDisabled(disabled);
             return "does not fit: " + describe(code) + "; disabling it failed with code " + std::to_string(result);
         }
-        disabled[id] = code;
         return "disabled: " + describe(code);
     }
     if (!ours) {

@@ -167,7 +167,9 @@ bool UpgradeBackup::writeBack(const std::string& from, const std::string& to) {
 }
 
 bool UpgradeBackup::note(const std::string& relative) {
-    return writeAll(list_.get(), relative + "\n");
+    // On disk before the name is made: after a power cut a file the list
+    // does not name would stay in the old version the rollback puts back.
+    return writeAll(list_.get(), relative + "\n") && ::fdatasync(list_.get()) == 0;
 }
 
 bool UpgradeBackup::beforeFile(int directoryFd, const std::string& relative) {
