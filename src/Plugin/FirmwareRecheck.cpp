@@ -62,7 +62,6 @@ bool writeDisabled(const DisabledMap& disabled) {
 // finish before it leaves the check to the next start.
 // DATACENTER_RECHECK_LOCK_WAIT_MS changes it (tests).
 const long kLockWaitMilliseconds = 10000;
-const long kLockPollMilliseconds = 50;
 
 // The installer's lock, which the check takes too: two starts after a
 // firmware change must not both check (one would lose the other's reasons),
@@ -71,13 +70,10 @@ const long kLockPollMilliseconds = 50;
 bool takeLock(InstallJournal& lock) {
     const long bound =
         datacenter::Environment::sGetMilliseconds("DATACENTER_RECHECK_LOCK_WAIT_MS", kLockWaitMilliseconds);
-    for (long waited = 0; !lock.tryLock(); waited += kLockPollMilliseconds) {
-        if (waited >= bound) {
-            LOG(WARNING) << "firmware recheck: another process holds the installation lock; the check waits for the "
-                            "next start";
-            return false;
-        }
-        datacenter::Environment::sSleepMilliseconds(kLockPollMilliseconds);
+    if (!lock.lockWithin(bound)) {
+        LOG(WARNING) << "firmware recheck: another process holds the installation lock; the check waits for the "
+                        "next start";
+        return false;
     }
     return true;
 }

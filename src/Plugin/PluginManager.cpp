@@ -78,11 +78,15 @@ PluginManager::PluginManager() {
     // An installer that died part-way left debris and a record of it.
     std::string restart;
     InstallJournal::sRecover(&restart);
+    const std::string uninstall = InstallJournal::sUnfinishedUninstall();
     registerPluginKinds();
     statusFactory_[datacenter::ENABLED] = &zkfactory::create<AbsChangeStatus, EnableStatus>;
     statusFactory_[datacenter::DISABLED] = &zkfactory::create<AbsChangeStatus, DisableStatus>;
     if (!restart.empty()) {
         restartRecovered(restart);
+    }
+    if (!uninstall.empty()) {
+        finishUninstall(uninstall);
     }
     undeletableIds_.insert(SambaPlugin::Id());
     undeletableIds_.insert(MinidlnaPlugin::Id());

@@ -207,6 +207,10 @@ private:
     // Starts a plugin whose interrupted upgrade was rolled back while this
     // manager was being made, the way an enable does.
     void restartRecovered(const std::string& id);
+    // An uninstallation's steps after the plugin is stopped: 0, 2502 or the clean's code.
+    ApiErrorCode removeUninstalled(const std::string& id);
+    // Finishes an uninstallation the journal says died part-way.
+    void finishUninstall(const std::string& id);
     void removeEtcDirectory(const std::string& id) const;
 
     boost::mutex installMutex_;

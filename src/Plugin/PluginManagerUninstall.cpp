@@ -9,9 +9,11 @@
 #include "DataBase/PluginStorageManager.h"
 #include "Plugin/PluginManager.h"
 #include "Plugin/PluginManagerExtend.h"
+#include "Plugin/installAction/InstallJournal.h"
 #include "common/PluginId.h"
 #include "common/Singleton.h"
 #include "storage/Durability.h"
+#include "storage/File.h"
 #include "storage/TreeRemoval.h"
 #include "system/CommonUtils.h"
 #include "system/DeviceMountInfo.h"
@@ -21,6 +23,9 @@
 using datacenter::TreeRemoval;
 
 namespace {
+
+// How long an uninstallation waits for another one in another process.
+const long kLockWaitMilliseconds = 10000;
 
 const char* const kController = "pluginControllor";
 
@@ -69,33 +74,30 @@ ApiErrorCode PluginManager::uninstallPlugin(const std::string& id) {
             LOG(ERROR) << "uninstallPlugin: plugin " << id << " could not be stopped";
             return API_FAILED;
         }
-        CommonUtils::sCallSystem(std::string(kController) + " -d " + id);
-        {
-            const std::unique_ptr<AbsPlugin> plugin(createPlugin(id));
-            if (plugin && !plugin->removePluginData()) {
-                std::string message;
-                if (umountRemoveChrootFolder(id, message) != API_SUCCESS) {
-                    LOG(ERROR) << "uninstallFromLocal umountFolder:" << message;
-                    return API_FAILED;
-                }
-            }
+        // From here on the uninstallation is journaled: a power cut or a
+        // crash leaves a record the next start finishes.
+        InstallJournal journal{InstallJournal::ForUninstall()};
+        if (!InstallJournal::sEnsurePrivateDir() || !journal.lockWithin(kLockWaitMilliseconds)) {
+            LOG(ERROR) << "uninstallPlugin: another uninstallation holds its lock";
+            return API_INSTALL_IN_PROGRESS;
         }
-        if (stillMounted(sGetPluginDataPath(id))) {
-            return API_FAILED;
+        InstallJournal::Entry entry;
+        entry.id = id;
+        entry.uninstall = true;
+        if (!journal.record(entry)) {
+            return API_GENERAL_FAILURE;
         }
-        if (!Singleton<PluginStorageManager>::instance()->deleteInStorage(id)) {
-            return API_FAILED;
+        const ApiErrorCode removed = removeUninstalled(id);
+        // Until the store record goes, a failure leaves the plugin installed
+        // and disabled: nothing is left for the next start to finish.
+        if (removed == API_SUCCESS ||
+            datacenter::File::sExists(Singleton<PluginStorageManager>::instance()->getManifestFilePath(id))) {
+            journal.clear();
         }
-        removeEtcDirectory(id);
-        const ApiErrorCode cleaned = cleanPluginImpl(id);
-        if (cleaned != API_SUCCESS) {
-            LOG(ERROR) << "uninstallPlugin failed: clean plugin";
-            return cleaned;
+        if (removed != API_SUCCESS) {
+            return removed;
         }
         datacenter::PluginManagerExtend::sProcessFakePluginsWhenInstall(id);
-        if (!datacenter::Durability::sCommitPath(sGetPluginRootPath().c_str())) {
-            return API_FAILED;
-        }
         LOG(INFO) << "uninstallPlugin succeed!";
         Statistics::statOnce("plugin_uninstall", id);
         updatePluginListToServer();
@@ -103,6 +105,51 @@ ApiErrorCode PluginManager::uninstallPlugin(const std::string& id) {
     } catch (const std::exception& e) {
         LOG(ERROR) << "PluginManager::uninstallPlugin fail: " << e.what();
         return API_GENERAL_FAILURE;
+    }
+}
+
+ApiErrorCode PluginManager::removeUninstalled(const std::string& id) {
+    CommonUtils::sCallSystem(std::string(kController) + " -d " + id);
+    {
+        const std::unique_ptr<AbsPlugin> plugin(createPlugin(id));
+        if (plugin && !plugin->removePluginData()) {
+            std::string message;
+            if (umountRemoveChrootFolder(id, message) != API_SUCCESS) {
+                LOG(ERROR) << "uninstallFromLocal umountFolder:" << message;
+                return API_FAILED;
+            }
+        }
+    }
+    if (stillMounted(sGetPluginDataPath(id))) {
+        return API_FAILED;
+    }
+    if (!Singleton<PluginStorageManager>::instance()->deleteInStorage(id) &&
+        datacenter::File::sExists(Singleton<PluginStorageManager>::instance()->getManifestFilePath(id))) {
+        return API_FAILED;
+    }
+    removeEtcDirectory(id);
+    const ApiErrorCode cleaned = cleanPluginImpl(id);
+    if (cleaned != API_SUCCESS) {
+        LOG(ERROR) << "uninstallPlugin failed: clean plugin";
+        return cleaned;
+    }
+    return datacenter::Durability::sCommitPath(sGetPluginRootPath().c_str()) ? API_SUCCESS : API_FAILED;
+}
+
+void PluginManager::finishUninstall(const std::string& id) {
+    InstallJournal journal{InstallJournal::ForUninstall()};
+    InstallJournal::Entry entry;
+    if (!journal.tryLock() || !InstallJournal::sRead(journal.journalPath(), entry) || !entry.uninstall ||
+        entry.id != id) {
+        return;
+    }
+    datacenter::ProcessOwnership::sStopAll(id, sGetPluginDataPath(id));
+    const ApiErrorCode removed = removeUninstalled(id);
+    if (removed == API_SUCCESS) {
+        journal.clear();
+        LOG(WARNING) << "install recovery: finished the uninstallation of plugin " << id;
+    } else {
+        LOG(ERROR) << "install recovery: the uninstallation of plugin " << id << " still fails: " << removed;
     }
 }
 

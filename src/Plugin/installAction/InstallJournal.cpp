@@ -22,6 +22,7 @@
 #include "storage/PrivateState.h"
 #include "system/CommonUtils.h"
 #include "system/ConfigInfo.h"
+#include "system/Environment.h"
 #include "system/ProcessOwnership.h"
 #include "system/RootPrefix.h"
 
@@ -29,6 +30,8 @@ namespace {
 
 const char* const kLockName = "install.lock";
 const char* const kJournalName = "install.journal";
+const char* const kUninstallLockName = "uninstall.lock";
+const char* const kUninstallJournalName = "uninstall.journal";
 
 // Closes a descriptor when it goes out of scope.
 struct Fd {
@@ -50,6 +53,9 @@ std::string serialise(const InstallJournal::Entry& entry) {
     text += std::string("backup ") + (entry.backup ? "1" : "0") + "\n";
     text += std::string("was_enabled ") + (entry.wasEnabled ? "1" : "0") + "\n";
     text += std::string("committed ") + (entry.committed ? "1" : "0") + "\n";
+    if (entry.uninstall) {
+        text += "uninstall 1\n";
+    }
     return text;
 }
 
@@ -301,6 +307,24 @@ std::string InstallJournal::sJournalPath() {
     return sPrivateDir() + kJournalName;
 }
 
+std::string InstallJournal::lockPath() const {
+    return uninstall_ ? sPrivateDir() + kUninstallLockName : sLockPath();
+}
+
+std::string InstallJournal::journalPath() const {
+    return uninstall_ ? sPrivateDir() + kUninstallJournalName : sJournalPath();
+}
+
+std::string InstallJournal::sUnfinishedUninstall() {
+    InstallJournal journal{ForUninstall()};
+    Entry entry;
+    if (!journal.tryLock() || !sRead(journal.journalPath(), entry) || !entry.uninstall ||
+        !datacenter::isSafePluginId(entry.id)) {
+        return std::string();
+    }
+    return entry.id;
+}
+
 bool InstallJournal::sEnsurePrivateDir() {
     return datacenter::PrivateState::sEnsure();
 }
@@ -314,9 +338,9 @@ bool InstallJournal::tryLock() {
     }
     // Close-on-exec: a plugin started during the installation must not
     // inherit, and so keep, the lock.
-    const int fd = ::open(sLockPath().c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0600);
+    const int fd = ::open(lockPath().c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0600);
     if (fd < 0) {
-        LOG(ERROR) << "cannot open the install lock " << sLockPath() << ": " << strerror(errno);
+        LOG(ERROR) << "cannot open the install lock " << lockPath() << ": " << strerror(errno);
         return false;
     }
     int rc;
@@ -331,6 +355,17 @@ bool InstallJournal::tryLock() {
     return true;
 }
 
+bool InstallJournal::lockWithin(long milliseconds) {
+    const long poll = 50;
+    for (long waited = 0; !tryLock(); waited += poll) {
+        if (waited >= milliseconds) {
+            return false;
+        }
+        datacenter::Environment::sSleepMilliseconds(poll);
+    }
+    return true;
+}
+
 void InstallJournal::unlock() {
     if (fd_ >= 0) {
         ::close(fd_);  // closing the only descriptor releases the flock
@@ -339,8 +374,8 @@ void InstallJournal::unlock() {
 }
 
 bool InstallJournal::record(const Entry& entry) {
-    if (!sEnsurePrivateDir() || !datacenter::File::sWriteAtomically(sJournalPath(), serialise(entry), 0600)) {
-        LOG(ERROR) << "cannot record the installation in " << sJournalPath();
+    if (!sEnsurePrivateDir() || !datacenter::File::sWriteAtomically(journalPath(), serialise(entry), 0600)) {
+        LOG(ERROR) << "cannot record the installation in " << journalPath();
         return false;
     }
     fsyncDirectory(sPrivateDir());
@@ -348,7 +383,7 @@ bool InstallJournal::record(const Entry& entry) {
 }
 
 void InstallJournal::clear() {
-    if (::unlink(sJournalPath().c_str()) == 0) {
+    if (::unlink(journalPath().c_str()) == 0) {
         fsyncDirectory(sPrivateDir());
     }
 }
@@ -380,6 +415,8 @@ bool InstallJournal::sRead(const std::string& path, Entry& entry) {
             entry.wasEnabled = value == "1";
         } else if (key == "committed") {
             entry.committed = value == "1";
+        } else if (key == "uninstall") {
+            entry.uninstall = value == "1";
         }
     }
     return true;

@@ -29,9 +29,15 @@ public:
         bool backup = false;      // an upgrade that keeps the old version aside
         bool wasEnabled = false;  // the old version ran before the upgrade
         bool committed = false;   // the new version is enabled: it stays
+        bool uninstall = false;   // an uninstallation of a stopped plugin, to be finished
     };
 
     InstallJournal() = default;
+    // Uninstallations keep a lock and record of their own ("uninstall.lock",
+    // "uninstall.journal"): they run beside installations, as the contract
+    // allows, but one at a time, and the next start finishes one that died.
+    struct ForUninstall {};
+    explicit InstallJournal(ForUninstall) : uninstall_(true) {}
     // Releases the lock if it is held.
     ~InstallJournal();
     InstallJournal(const InstallJournal&) = delete;
@@ -49,6 +55,8 @@ public:
     // it now, false when another installer (in any process) does, the lock
     // file cannot be opened or the private folder cannot be used.
     bool tryLock();
+    // Takes the lock, waiting at most `milliseconds` for another holder.
+    bool lockWithin(long milliseconds);
     bool locked() const { return fd_ >= 0; }
     // Drops the lock (the record stays).
     void unlock();
@@ -59,6 +67,12 @@ public:
     bool record(const Entry& entry);
     // Removes the record once the installation has finished or cleaned up.
     void clear();
+
+    // The record of this journal (install or uninstall).
+    std::string journalPath() const;
+    // The id of an uninstallation that died after it stopped the plugin (its
+    // record is left), or "" (the uninstall lock is free and no record is left).
+    static std::string sUnfinishedUninstall();
 
     // Reads the record left at `path`; false when there is none or it is unreadable.
     static bool sRead(const std::string& path, Entry& entry);
@@ -75,5 +89,7 @@ public:
     static bool sRecover(std::string* restart = nullptr);
 
 private:
+    std::string lockPath() const;
     int fd_ = -1;
+    bool uninstall_ = false;
 };

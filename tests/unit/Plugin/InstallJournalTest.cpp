@@ -335,3 +335,23 @@ TEST(PrivateState, AJournalLeftAtTheFormerPlaceIsRecovered) {
     EXPECT_FALSE(exists(InstallJournal::sJournalPath()));
     EXPECT_EQ("installed", readFile(dataDir() + "bin/app"));
 }
+
+// An uninstallation that died after its store record went (a power cut, a
+// kill) is finished by the next start: the files go, down to the skeleton.
+TEST(InstallRecovery, AnUninstallationThatDiedIsFinishedByTheNextStart) {
+    writeFile(dataDir() + "www/index.html", "installed");
+    writeFile(dataDir() + "etc/manifest", "plugin_id = \"" + kId + "\";\n");
+    ASSERT_TRUE(InstallJournal::sEnsurePrivateDir());
+    InstallJournal journal{InstallJournal::ForUninstall()};
+    InstallJournal::Entry entry;
+    entry.id = kId;
+    entry.uninstall = true;
+    ASSERT_TRUE(journal.record(entry));
+    const std::string record = journal.journalPath();
+    journal.unlock();  // the uninstalling process is gone
+    Singleton<PluginManager>::instance();
+    EXPECT_FALSE(exists(dataDir() + "www"));
+    EXPECT_FALSE(exists(dataDir() + "etc"));
+    EXPECT_FALSE(exists(record));
+    EXPECT_FALSE(exists(InstallJournal::sJournalPath()));
+}
