@@ -85,6 +85,7 @@ std::string PowerCutDisk::backing(size_t index) const {
 void PowerCutDisk::mount(uint64_t cutAt, bool lose) {
     const State state{0, cutAt, 0, lose ? 1u : 0u};
     writeFile(work_ + "/state", std::string(reinterpret_cast<const char*>(&state), sizeof state));
+    writeFile(work_ + "/state.points", "");
     for (size_t i = 0; i < folders_.size(); ++i) {
         const pid_t server = fork();
         if (server == 0) {
@@ -147,6 +148,10 @@ PowerCutDisk::State PowerCutDisk::readState() const {
 
 uint64_t PowerCutDisk::points() const {
     return readState().points;
+}
+
+std::vector<std::string> PowerCutDisk::pointLog() const {
+    return readLines(work_ + "/state.points");
 }
 
 bool PowerCutDisk::powerIsOff() const {

@@ -28,6 +28,8 @@ public:
     void unmount();
 
     uint64_t points() const;
+    // The call and path of each point since the last mount, one a line.
+    std::vector<std::string> pointLog() const;
     bool powerIsOff() const;
     // Kills the processes whose working directory or root lies in a folder.
     void killProcessesInside() const;

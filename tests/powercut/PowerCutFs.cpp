@@ -17,6 +17,7 @@
 //   uint64 cut     set once the power is cut: from then on every call fails
 //                  with EIO, in every instance, as if the disk were gone
 //   uint64 lose    0: keep unsynced data at unmount (setting up, recovery)
+// Each point is also appended to STATEFILE.points as "N CALL MOUNTPOINT/PATH".
 // A syncfs of the mount does not reach a FUSE file system (libfuse 3.14 has
 // no such operation), so only fsync, fdatasync and fsyncdir count.
 #define FUSE_USE_VERSION 31
@@ -47,6 +48,8 @@ struct Shared {
 int gBacking = -1;
 Shared* gShared = nullptr;
 std::string gBackingPath;
+std::string gMountPoint;
+int gPointLog = -1;
 // Inode -> the content the file held at its last fsync, for files written since.
 std::map<ino_t, std::string> gLost;
 
@@ -94,8 +97,12 @@ void rememberBeforeChange(const char* path) {
 }
 
 // A durability point: false when the power goes at this one.
-bool durabilityPoint() {
+bool durabilityPoint(const char* call, const char* path) {
     const uint64_t point = __atomic_add_fetch(&gShared->points, 1, __ATOMIC_SEQ_CST);
+    const std::string line = std::to_string(point) + " " + call + " " + gMountPoint + path + "\n";
+    if (write(gPointLog, line.data(), line.size()) < 0) {
+        std::perror("powercutfs: point log");
+    }
     const uint64_t cutAt = __atomic_load_n(&gShared->cutAt, __ATOMIC_SEQ_CST);
     if (cutAt != 0 && point >= cutAt) {
         __atomic_store_n(&gShared->cut, 1, __ATOMIC_SEQ_CST);
@@ -253,9 +260,9 @@ int pcRelease(const char*, fuse_file_info* fi) {
     return 0;
 }
 
-int pcFsync(const char*, int, fuse_file_info* fi) {
+int pcFsync(const char* path, int datasync, fuse_file_info* fi) {
     POWER_CHECK();
-    if (!durabilityPoint()) {
+    if (!durabilityPoint(datasync ? "fdatasync" : "fsync", path)) {
         return -EIO;
     }
     struct stat st;
@@ -265,9 +272,9 @@ int pcFsync(const char*, int, fuse_file_info* fi) {
     return 0;
 }
 
-int pcFsyncdir(const char*, int, fuse_file_info*) {
+int pcFsyncdir(const char* path, int, fuse_file_info*) {
     POWER_CHECK();
-    return durabilityPoint() ? 0 : -EIO;
+    return durabilityPoint("fsyncdir", path) ? 0 : -EIO;
 }
 
 int pcOpendir(const char* path, fuse_file_info* fi) {
@@ -352,8 +359,10 @@ int main(int argc, char** argv) {
     }
     gBackingPath = argv[1];
     gBacking = open(argv[1], O_RDONLY | O_DIRECTORY);
+    gMountPoint = argv[2];
     gShared = mapState(argv[3]);
-    if (gBacking < 0 || !gShared) {
+    gPointLog = open((std::string(argv[3]) + ".points").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+    if (gBacking < 0 || !gShared || gPointLog < 0) {
         std::fprintf(stderr, "powercutfs: cannot open %s or %s: %s\n", argv[1], argv[3], std::strerror(errno));
         return 1;
     }

@@ -374,12 +374,15 @@ TEST_P(PowerCut, EveryCutLeavesOneWholeVersion) {
     disk.save();
 
     // Point 0 cuts the power right after the operation reported done.
-    const auto trial = [&](uint64_t cutAt, uint64_t* points) {
+    uint64_t points = 0;
+    std::vector<std::string> calls;
+    const auto trial = [&](uint64_t cutAt) {
         disk.restore();
         disk.mount(cutAt, true);
         runCut(s, disk);
-        if (points) {
-            *points = disk.points();
+        if (cutAt == 0) {
+            points = disk.points();
+            calls = disk.pointLog();
         }
         powerOff(disk);
         disk.mount(0, false);
@@ -388,18 +391,31 @@ TEST_P(PowerCut, EveryCutLeavesOneWholeVersion) {
         powerOff(disk);
         return wrong;
     };
-    uint64_t points = 0;
     std::vector<std::string> violations;
-    const std::string afterDone = trial(0, &points);
+    const std::string afterDone = trial(0);
     if (!afterDone.empty()) {
         violations.push_back("after it reported done:" + afterDone);
     }
+    // What a point was in the run that counted them, for the messages.
+    const auto call = [&](uint64_t point) {
+        const std::string prefix = std::to_string(point) + " ";
+        for (std::string line : calls) {
+            if (line.compare(0, prefix.size(), prefix) == 0) {
+                const std::string::size_type at = line.find(testsupport::root());
+                if (at != std::string::npos) {
+                    line.erase(at, testsupport::root().size());
+                }
+                return " (" + line.substr(prefix.size()) + ")";
+            }
+        }
+        return std::string();
+    };
     const std::vector<uint64_t> chosen = cutPoints(points, s.large ? 50 : points);
     for (const uint64_t point : chosen) {
-        const std::string wrong = trial(point, nullptr);
+        const std::string wrong = trial(point);
         if (!wrong.empty()) {
-            violations.push_back("cut at point " + std::to_string(point) + " of " + std::to_string(points) + ":" +
-                                 wrong);
+            violations.push_back("cut at point " + std::to_string(point) + " of " + std::to_string(points) +
+                                 call(point) + ":" + wrong);
         }
     }
     std::cout << "PowerCut " << name << ": " << points << " durability points, " << chosen.size() + 1 << " cuts tried, "
