@@ -7,6 +7,10 @@
 // the qpk sign that made each package: both stream the payload. Downloaded
 // installations (plugincenter install-url and install-server from a loopback
 // HTTP server) report the bytes they write against payload + unpacked files.
+// On a bad line, with the download settings at their defaults: the bytes the
+// server sends for an 8 MB package whose connection is cut after every MiB,
+// and how long after its last byte a server that stops sending ends the
+// installation (DC_BENCH_STALL=0 leaves that run of 1.5 minutes out).
 //
 // Environment: DC_BENCH_INSTALLPLUGIN and DC_BENCH_QPK override the programs
 // (the armhf build runs its own installplugin), DC_BENCH_EMULATOR is a
@@ -361,6 +365,50 @@ void InstallDownloaded(benchmark::State& state) {
     state.counters["content_kib"] = (sizeOf(package.zip) + package.unpackedBytes) / 1024;
 }
 
+// Arguments: file count, package size in MB. One installation from a server
+// that cuts the connection after every MiB and honours ranges, and, unless
+// DC_BENCH_STALL=0, one from a server that stops sending after 256 KiB with
+// the connection left open.
+void DownloadFaults(benchmark::State& state) {
+    const Package package = gFixture->make(static_cast<int>(state.range(0)), state.range(1));
+    for (const char* name : {"CONNECT_MS", "STALL_MS", "QUIET_MS", "TOTAL_MS", "BACKOFF_MS", "RETRIES"}) {
+        unsetenv((std::string("DATACENTER_DOWNLOAD_") + name).c_str());
+    }
+    const bool stall = setting("DC_BENCH_STALL", "1") != "0";
+    testsupport::HttpTestServer server;
+    testsupport::ServedFile cut;
+    cut.body = readWhole(package.qpk);
+    cut.etag = "\"bench\"";
+    cut.cutEvery = 1024 * 1024;
+    server.serveFile("/cut.qpk", cut);
+    testsupport::ServedFile silent = cut;
+    silent.cutEvery = std::string::npos;
+    silent.stallAt = 256 * 1024;
+    silent.stalls = -1;
+    server.serveFile("/silent.qpk", silent);
+    for (auto _ : state) {
+        const size_t before = server.bytesSent();
+        if (!gFixture->installDownloaded({"install-url", server.url("/cut.qpk")}).ok) {
+            state.SkipWithError("plugincenter did not install through the cut connections");
+            return;
+        }
+        state.counters["cut_sent_kib"] = static_cast<double>(server.bytesSent() - before) / 1024;
+        state.counters["package_kib"] = static_cast<double>(cut.body.size()) / 1024;
+        if (stall) {
+            const auto start = std::chrono::steady_clock::now();
+            const Run run = gFixture->installDownloaded({"install-url", server.url("/silent.qpk")});
+            const auto end = start + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                                         std::chrono::duration<double>(run.seconds));
+            if (run.ok) {
+                state.SkipWithError("a package that never arrived was installed");
+                return;
+            }
+            state.counters["stall_end_ms"] =
+                std::chrono::duration<double, std::milli>(end - server.lastBodyByte()).count();
+        }
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -382,6 +430,11 @@ int main(int argc, char** argv) {
     benchmark::RegisterBenchmark("InstallDownloaded", InstallDownloaded)
         ->Args({3000, 50})
         ->Iterations(runs)
+        ->Unit(benchmark::kMillisecond)
+        ->UseRealTime();
+    benchmark::RegisterBenchmark("DownloadFaults", DownloadFaults)
+        ->Args({10, 8})
+        ->Iterations(1)
         ->Unit(benchmark::kMillisecond)
         ->UseRealTime();
     benchmark::Initialize(&argc, argv);

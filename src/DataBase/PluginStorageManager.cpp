@@ -245,6 +245,11 @@ bool PluginStorageManager::deleteInStorage(const std::string& id) {
     const bool existed = datacenter::File::sExists(path);
     if (existed) {
         datacenter::File::sDelete(path);
+        // Gone for good only once the store folder is on disk.
+        const datacenter::UniqueFd store = openStoreFolder();
+        if (store.valid()) {
+            ::fsync(store.get());
+        }
     }
     return existed;
 }

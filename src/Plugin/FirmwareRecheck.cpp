@@ -15,6 +15,7 @@
 #include "storage/File.h"
 #include "system/CommonUtils.h"
 #include "system/ConfigInfo.h"
+#include "system/Environment.h"
 #include "system/RootPrefix.h"
 
 namespace {
@@ -55,6 +56,30 @@ bool writeDisabled(const DisabledMap& disabled) {
         text += entry.first + " " + std::to_string(entry.second) + "\n";
     }
     return datacenter::File::sWriteAtomically(FirmwareRecheck::sDisabledPath(), text, 0600);
+}
+
+// How long a start waits for another process's check or installation to
+// finish before it leaves the check to the next start.
+// DATACENTER_RECHECK_LOCK_WAIT_MS changes it (tests).
+const long kLockWaitMilliseconds = 10000;
+const long kLockPollMilliseconds = 50;
+
+// The installer's lock, which the check takes too: two starts after a
+// firmware change must not both check (one would lose the other's reasons),
+// nor check while an installation changes a plugin. False when another
+// process held it for the whole wait.
+bool takeLock(InstallJournal& lock) {
+    const long bound =
+        datacenter::Environment::sGetMilliseconds("DATACENTER_RECHECK_LOCK_WAIT_MS", kLockWaitMilliseconds);
+    for (long waited = 0; !lock.tryLock(); waited += kLockPollMilliseconds) {
+        if (waited >= bound) {
+            LOG(WARNING) << "firmware recheck: another process holds the installation lock; the check waits for the "
+                            "next start";
+            return false;
+        }
+        datacenter::Environment::sSleepMilliseconds(kLockPollMilliseconds);
+    }
+    return true;
 }
 
 bool writeFacts(const FirmwareRecheck::Facts& facts) {
@@ -157,6 +182,14 @@ bool FirmwareRecheck::sRecordedFacts(Facts& facts) {
 bool FirmwareRecheck::sRunIfFirmwareChanged(PluginManager& manager) {
     const Facts current = sCurrentFacts();
     Facts recorded;
+    if (sRecordedFacts(recorded) && recorded == current) {
+        return false;
+    }
+    InstallJournal lock;
+    if (!InstallJournal::sEnsurePrivateDir() || !takeLock(lock)) {
+        return false;
+    }
+    // Another start may have checked while this one waited.
     const bool known = sRecordedFacts(recorded);
     if (known && recorded == current) {
         return false;
@@ -172,17 +205,25 @@ bool FirmwareRecheck::sRunIfFirmwareChanged(PluginManager& manager) {
     LOG(WARNING) << "firmware changed (version " << recorded.romVersion << " -> " << current.romVersion
                  << ", sdk level " << recorded.sdkLevel << " -> " << current.sdkLevel
                  << "): installed plugins are checked again";
-    sRun(manager);
+    runLocked(manager);
     return true;
 }
 
 std::vector<std::string> FirmwareRecheck::sRun(PluginManager& manager) {
-    std::vector<std::string> lines;
+    InstallJournal lock;
     if (!InstallJournal::sEnsurePrivateDir()) {
-        lines.push_back("the core's private folder cannot be used: nothing was checked");
-        LOG(ERROR) << "firmware recheck: " << lines.back();
-        return lines;
+        const std::string line = "the core's private folder cannot be used: nothing was checked";
+        LOG(ERROR) << "firmware recheck: " << line;
+        return {line};
     }
+    if (!takeLock(lock)) {
+        return {"another process holds the installation lock: nothing was checked"};
+    }
+    return runLocked(manager);
+}
+
+std::vector<std::string> FirmwareRecheck::runLocked(PluginManager& manager) {
+    std::vector<std::string> lines;
     DisabledMap disabled = readDisabled();
     for (const auto& entry : Singleton<PluginStorageManager>::instance()->getListablePluginInfos()) {
         if (!datacenter::isSafePluginId(entry.first)) {
@@ -212,6 +253,10 @@ std::string FirmwareRecheck::sReason(const std::string& id) {
 }
 
 void FirmwareRecheck::sForget(const std::string& id) {
+    InstallJournal lock;
+    if (!InstallJournal::sEnsurePrivateDir() || !takeLock(lock)) {
+        return;
+    }
     DisabledMap disabled = readDisabled();
     if (disabled.erase(id) != 0 && !writeDisabled(disabled)) {
         LOG(ERROR) << "firmware recheck: cannot record the outcome in " << InstallJournal::sPrivateDir();

@@ -33,7 +33,8 @@ public:
     static bool sRecordedFacts(Facts& facts);
 
     // When the facts differ from the recorded ones, checks every plugin
-    // (sRun); the first start only records them. True when it checked.
+    // (sRun); the first start only records them. True when it checked. It
+    // holds the installation lock meanwhile, waiting for it at most 10 s.
     static bool sRunIfFirmwareChanged(PluginManager& manager);
     // Checks every installed plugin now and records the facts; one line per
     // plugin ("<id>: <outcome>"), each also logged.
@@ -50,4 +51,9 @@ public:
     // The files in the core's private folder.
     static std::string sFactsPath();
     static std::string sDisabledPath();
+
+private:
+    // sRun with the installation lock held: the check and installations
+    // never run at the same time, in any process.
+    static std::vector<std::string> runLocked(PluginManager& manager);
 };

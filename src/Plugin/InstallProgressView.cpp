@@ -91,6 +91,26 @@ void InstallProgressView::download(const datacenter::DownloadInfo& info) {
     }
 }
 
+std::string InstallProgressView::sRetryText(const datacenter::DownloadRetry& retry) {
+    const std::string at = sHumanBytes(static_cast<double>(retry.atBytes));
+    if (retry.reason == datacenter::DownloadRetry::sRestarted) {
+        return "the server sent the whole file again at " + at + ": starting over";
+    }
+    char wait[32];
+    if (retry.waitMs % 1000 == 0) {
+        std::snprintf(wait, sizeof(wait), "%ld s", retry.waitMs / 1000);
+    } else {
+        std::snprintf(wait, sizeof(wait), "%.1f s", static_cast<double>(retry.waitMs) / 1000);
+    }
+    const std::string what = retry.reason == datacenter::DownloadRetry::sStalled ? "no data at " + at + " for too long"
+                                                                                 : "connection lost at " + at;
+    return what + ", resuming in " + wait;
+}
+
+void InstallProgressView::retry(const datacenter::DownloadRetry& retry) {
+    note(sRetryText(retry));
+}
+
 void InstallProgressView::redraw() {
     const int percent = percent_ < 0 ? 0 : (percent_ > 100 ? 100 : percent_);
     const int filled = percent * kBarWidth / 100;

@@ -11,7 +11,8 @@
 
 namespace datacenter {
 struct DownloadInfo;
-}
+struct DownloadRetry;
+}  // namespace datacenter
 
 class InstallProgressView {
 public:
@@ -21,11 +22,18 @@ public:
     void step(const std::string& name);
     // The download's record, as often as it is read; repeats are harmless.
     void download(const datacenter::DownloadInfo& info);
+    // An attempt of the download that failed and is followed by another, or
+    // a restart of the file, on a line of its own (sRetryText).
+    void retry(const datacenter::DownloadRetry& retry);
     // A message for the operator, on a line of its own.
     void note(const std::string& text);
     // Ends the display with `text` as its last line.
     void finish(const std::string& text);
 
+    // "connection lost at 3.0 MiB, resuming in 2 s", "no data at 3.0 MiB
+    // for too long, resuming in 1 s", "the server sent the whole file again
+    // at 3.0 MiB: starting over".
+    static std::string sRetryText(const datacenter::DownloadRetry& retry);
     // A byte count in binary units: "512 B", "1.5 KiB", "12.0 MiB".
     static std::string sHumanBytes(double bytes);
 

@@ -15,6 +15,7 @@
 #include "Plugin/PluginManager.h"
 #include "Plugin/installAction/InstallAction.h"
 #include "common/PluginId.h"
+#include "storage/Durability.h"
 #include "storage/PlainFile.h"
 #include "storage/TreeRemoval.h"
 #include "system/CommonUtils.h"
@@ -201,6 +202,8 @@ ApiErrorCode PluginManager::cleanPlugin(const std::string& id) {
         LOG(ERROR) << "remove file error, error code is " << API_REMOVE_WALK_FAILED;
         return API_REMOVE_WALK_FAILED;
     }
+    // What the clean removed stays removed before the plugin starts again.
+    datacenter::Durability::sCommit(dirFd.get());
     CommonUtils::sCallSystem(std::string(kController) + " -b " + id);
     return API_SUCCESS;
 }

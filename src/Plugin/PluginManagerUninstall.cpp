@@ -11,6 +11,7 @@
 #include "Plugin/PluginManagerExtend.h"
 #include "common/PluginId.h"
 #include "common/Singleton.h"
+#include "storage/Durability.h"
 #include "storage/TreeRemoval.h"
 #include "system/CommonUtils.h"
 #include "system/DeviceMountInfo.h"
@@ -92,6 +93,9 @@ ApiErrorCode PluginManager::uninstallPlugin(const std::string& id) {
             return cleaned;
         }
         datacenter::PluginManagerExtend::sProcessFakePluginsWhenInstall(id);
+        if (!datacenter::Durability::sCommitPath(sGetPluginRootPath().c_str())) {
+            return API_FAILED;
+        }
         LOG(INFO) << "uninstallPlugin succeed!";
         Statistics::statOnce("plugin_uninstall", id);
         updatePluginListToServer();

@@ -251,6 +251,7 @@ void onInterrupt(int) {
 // Ctrl-C asks the download to stop; the steps past it run to their end.
 void follow(InstallAction& action, InstallProgressView& view) {
     size_t shown = 0;
+    size_t retriesShown = 0;
     bool stopping = false;
     for (;;) {
         // Read before the sample, so that the last sample holds everything.
@@ -263,15 +264,24 @@ void follow(InstallAction& action, InstallProgressView& view) {
         const std::vector<std::string> steps = action.steps();
         datacenter::DownloadInfo download;
         const bool downloading = action.getDownloadInfo(download);
+        // Read after the record, so that a failed download's record comes
+        // after every attempt it rode out.
+        const std::vector<datacenter::DownloadRetry> retries = action.downloadRetries();
+        const auto showDownload = [&] {
+            for (; retriesShown < retries.size(); ++retriesShown) {
+                view.retry(retries[retriesShown]);
+            }
+            view.download(download);
+        };
         for (; shown < steps.size(); ++shown) {
             // The download belongs to the step that fetches the package.
             if (downloading && steps[shown] != "getPackage") {
-                view.download(download);
+                showDownload();
             }
             view.step(steps[shown]);
         }
         if (downloading) {
-            view.download(download);
+            showDownload();
         }
         if (finished) {
             return;

@@ -301,7 +301,8 @@ bool File::sWriteAtomicallyAt(int dirFd, const std::string& leaf, const std::fun
         errno = err;
         return false;
     }
-    return true;
+    // The rename lasts once the folder is on disk too.
+    return fsync(dirFd) == 0;
 }
 
 bool File::sWriteAtomically(const std::string& path, const std::string& content, unsigned newFileMode) {

@@ -4,22 +4,14 @@
 #include <glog/logging.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <boost/bind/bind.hpp>
+#include <boost/chrono.hpp>
 
 #include "storage/File.h"
 #include "system/CommonUtils.h"
 
 namespace datacenter {
-namespace {
-
-// libcurl reports progress through the "xferinfo" callback with integer
-// counters; the downloader's own callback works on doubles.
-int transferInfo(void* client, curl_off_t dltotal, curl_off_t dlnow, curl_off_t ultotal, curl_off_t ulnow) {
-    return CurlDownloader::progresscallback(client, static_cast<double>(dltotal), static_cast<double>(dlnow),
-                                            static_cast<double>(ultotal), static_cast<double>(ulnow));
-}
-
-}  // namespace
 
 boost::mutex CurlDownloader::mutex_;
 
@@ -64,31 +56,97 @@ void CurlDownloader::setState(int32_t state) {
 void CurlDownloader::curlhttpdownload() {
     LOG(INFO) << "curlhttpdownload begin!";
     if (file_ == nullptr && !openOutputFile()) {
-        {
-            boost::mutex::scoped_lock lock(mutex_);
-            info_.errorCode = API_DOWNLOAD_FAILED;
-            info_.state = DownloadInfo::sStateFailed;
-        }
+        failWith(API_DOWNLOAD_FAILED);
         notifyDownloadStatusChange();
         return;
     }
-    curl_ = curl_easy_init();
-    LOG(INFO) << info_.localPath << " curlhttpdownload curl_easy_init";
-    try {
-        performTransfer();
-        recordTransferResult();
-    } catch (...) {
-        LOG(ERROR) << info_.localPath << " failed";
+    limits_ = DownloadLimits::sFromEnvironment();
+    plan_ = RetryPlan(limits_);
+    const Clock::time_point start = Clock::now();
+    long totalMs = limits_.totalMs;
+    if (timeoutSeconds_ > 0) {
+        totalMs = std::min(totalMs, timeoutSeconds_ * 1000);
+    }
+    deadline_ = start + std::chrono::milliseconds(totalMs);
+    lastByte_ = start;
+    for (int attempt = 1;; ++attempt) {
+        attempt_ = attempt;
+        curl_ = curl_easy_init();
+        LOG(INFO) << info_.localPath << " curlhttpdownload curl_easy_init";
+        Outcome outcome = Outcome::sFailed;
+        try {
+            performTransfer();
+            outcome = recordTransferResult();
+        } catch (...) {
+            LOG(ERROR) << info_.localPath << " failed";
+        }
+        if (curl_ != nullptr) {
+            curl_easy_cleanup(curl_);
+            curl_ = nullptr;
+        }
+        if (outcome != Outcome::sRetry || !waitForNextAttempt(attempt)) {
+            break;
+        }
     }
     if (file_ != nullptr) {
         fclose(file_);
         file_ = nullptr;
     }
-    if (curl_ != nullptr) {
-        curl_easy_cleanup(curl_);
-        curl_ = nullptr;
-    }
     notifyDownloadStatusChange();
+}
+
+std::vector<DownloadRetry> CurlDownloader::retries() {
+    boost::mutex::scoped_lock lock(mutex_);
+    return retries_;
+}
+
+void CurlDownloader::failWith(ApiErrorCode code) {
+    boost::mutex::scoped_lock lock(mutex_);
+    info_.errorCode = code;
+    if (code != API_DOWNLOAD_STOPPED) {
+        info_.state = DownloadInfo::sStateFailed;
+    }
+}
+
+bool CurlDownloader::stopRequested() {
+    boost::mutex::scoped_lock lock(mutex_);
+    return info_.state == DownloadInfo::sStateStopRequested;
+}
+
+bool CurlDownloader::waitForNextAttempt(int attempt) {
+    const long wait = plan_.next(received_, advanced_);
+    const Clock::time_point now = Clock::now();
+    const Clock::time_point resume = now + std::chrono::milliseconds(wait < 0 ? 0 : wait);
+    if (wait < 0 || resume >= deadline_ || resume >= lastByte_ + std::chrono::milliseconds(limits_.quietMs)) {
+        LOG(ERROR) << info_.localPath << " download gives up after " << attempt << " attempts at " << fileBytes_
+                   << " bytes";
+        failWith(API_DOWNLOAD_FAILED);
+        return false;
+    }
+    DownloadRetry retry;
+    retry.reason = stalled_ ? DownloadRetry::sStalled : DownloadRetry::sLost;
+    retry.attempt = attempt;
+    retry.atBytes = fileBytes_;
+    retry.waitMs = wait;
+    {
+        boost::mutex::scoped_lock lock(mutex_);
+        retries_.push_back(retry);
+    }
+    LOG(WARNING) << info_.localPath << " download attempt " << attempt << (stalled_ ? " stalled" : " lost") << " at "
+                 << fileBytes_ << " bytes, next attempt in " << wait << " ms";
+    // Sliced, so that a stop request ends the wait at once.
+    for (;;) {
+        if (stopRequested()) {
+            failWith(API_DOWNLOAD_STOPPED);
+            return false;
+        }
+        const Clock::time_point slice = Clock::now();
+        if (slice >= resume) {
+            return true;
+        }
+        boost::this_thread::sleep_for(boost::chrono::milliseconds(
+            std::min<long>(50, std::chrono::duration_cast<std::chrono::milliseconds>(resume - slice).count() + 1)));
+    }
 }
 
 void CurlDownloader::setOutputDescriptor(int fd) {
@@ -114,59 +172,6 @@ bool CurlDownloader::openOutputFile() {
     return file_ != nullptr;
 }
 
-void CurlDownloader::performTransfer() {
-    if (curl_ == nullptr) {
-        curlCode_ = CURLE_FAILED_INIT;
-        return;
-    }
-    curl_easy_setopt(curl_, CURLOPT_URL, info_.url.c_str());
-    curl_easy_setopt(curl_, CURLOPT_WRITEDATA, file_);
-    curl_easy_setopt(curl_, CURLOPT_NOPROGRESS, 0L);
-    curl_easy_setopt(curl_, CURLOPT_XFERINFOFUNCTION, transferInfo);
-    curl_easy_setopt(curl_, CURLOPT_XFERINFODATA, this);
-    curl_easy_setopt(curl_, CURLOPT_FOLLOWLOCATION, 1L);
-    // Packages come over the web only: the installer runs as root, so a URL
-    // or a redirect must never make it read a local file or talk to another
-    // kind of server.
-    curl_easy_setopt(curl_, CURLOPT_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(curl_, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(curl_, CURLOPT_NOSIGNAL, 1L);
-    if (timeoutSeconds_ != 0) {
-        curl_easy_setopt(curl_, CURLOPT_TIMEOUT, timeoutSeconds_);
-    }
-    LOG(INFO) << info_.localPath << " curlhttpdownload curl_easy_perform";
-    curlCode_ = curl_easy_perform(curl_);
-}
-
-void CurlDownloader::recordTransferResult() {
-    if (curlCode_ != CURLE_OK) {
-        LOG(INFO) << info_.localPath << " failed.Errorcode:" << curlCode_;
-        boost::mutex::scoped_lock lock(mutex_);
-        if (info_.state == DownloadInfo::sStateStopRequested) {
-            info_.errorCode = API_DOWNLOAD_STOPPED;
-        } else {
-            info_.errorCode = API_DOWNLOAD_FAILED;
-            info_.state = DownloadInfo::sStateFailed;
-        }
-        return;
-    }
-    long httpCode = 0;
-    curl_easy_getinfo(curl_, CURLINFO_RESPONSE_CODE, &httpCode);
-    LOG(INFO) << "download Finished, HTTP CODE is:" << httpCode;
-    if (CommonUtils::sIsHttpCodeSucceed(static_cast<int>(httpCode))) {
-        LOG(INFO) << info_.localPath << " Download OK";
-        boost::mutex::scoped_lock lock(mutex_);
-        info_.state = DownloadInfo::sStateFinished;
-        return;
-    }
-    {
-        boost::mutex::scoped_lock lock(mutex_);
-        info_.state = DownloadInfo::sStateFailed;
-        info_.errorCode = API_DOWNLOAD_FAILED;
-    }
-    LOG(ERROR) << "download Failed, HTTP CODE is:" << httpCode;
-}
-
 int CurlDownloader::progresscallback(void* client, double dltotal, double dlnow, double /*ultotal*/, double /*ulnow*/) {
     if (client == nullptr) {
         return 0;
@@ -177,10 +182,19 @@ int CurlDownloader::progresscallback(void* client, double dltotal, double dlnow,
     if (info.state == DownloadInfo::sStateStopRequested) {
         return 1;
     }
-    info.downloadedBytes = static_cast<int64_t>(dlnow);
-    info.totalBytes = static_cast<int64_t>(dltotal);
+    // The counters of an attempt that resumes start where the file stood;
+    // before its answer says how large the rest is, the size stays known.
+    info.downloadedBytes = downloader->base_ + static_cast<int64_t>(dlnow);
+    info.totalBytes = dltotal > 0 ? downloader->base_ + static_cast<int64_t>(dltotal) : downloader->knownTotal_;
+    if (dltotal > 0) {
+        downloader->knownTotal_ = info.totalBytes;
+    }
     if (info.state == DownloadInfo::sStateWaiting) {
         info.state = DownloadInfo::sStateRunning;
+    }
+    if (downloader->silentTooLong()) {
+        downloader->stalled_ = true;
+        return 1;
     }
     if (info.totalBytes == 0) {
         return 0;

@@ -7,9 +7,12 @@
 #include <boost/filesystem.hpp>
 #include <regex>
 
+#include "Plugin/FirmwareRecheck.h"
 #include "Plugin/PluginManager.h"
+#include "Plugin/installAction/InstallJournal.h"
 #include "common/Singleton.h"
 #include "support/Golden.h"
+#include "support/LockHolder.h"
 #include "support/PackageFactory.h"
 #include "support/TestSupport.h"
 
@@ -148,4 +151,19 @@ TEST(FirmwareRecheck, AChangedFirmwareDisablesWhatNoLongerFitsAndRestoresIt) {
     runApp("plugincenter", "enable " + fussy);
     testsupport::PackageFactory::setFirmware("2.4.9");
     EXPECT_GOLDEN("lifecycle/plugincenter-recheck", runApp("plugincenter", "recheck").output);
+    // The check runs under the installer's lock: while another process
+    // holds it, a start leaves the check (and its records) to the next one.
+    testsupport::PackageFactory::setFirmware("2.4.11");
+    const std::string facts = readFile(FirmwareRecheck::sFactsPath());
+    {
+        testsupport::LockHolder installer(InstallJournal::sLockPath());
+        ASSERT_TRUE(installer.held());
+        const testsupport::CommandResult held =
+            testsupport::runCommand("DATACENTER_RECHECK_LOCK_WAIT_MS=100 DATACENTER_ROOT=" + testsupport::root() + " " +
+                                    testsupport::buildDir() + "/apps/plugincenter recheck");
+        EXPECT_EQ("another process holds the installation lock: nothing was checked\n", held.output);
+        EXPECT_EQ(facts, readFile(FirmwareRecheck::sFactsPath()));
+    }
+    runApp("plugincenter", "list");
+    EXPECT_NE(facts, readFile(FirmwareRecheck::sFactsPath()));
 }

@@ -9,6 +9,7 @@
 #include <boost/algorithm/string.hpp>
 #include <chrono>
 #include <cstdlib>
+#include <memory>
 #include <sstream>
 #include <stdexcept>
 
@@ -248,19 +249,113 @@ void HttpTestServer::sendResponse(int fd, const HttpResponse& response) {
         head += "Content-Length: " + std::to_string(response.body.size()) + "\r\n";
     }
     head += "Connection: close\r\n\r\n";
-    if (!sendAll(fd, head) || response.status == 204) {
+    if (!sendCounted(fd, head.data(), head.size(), false) || response.status == 204) {
         return;
     }
+    const size_t end = std::min({response.body.size(), response.cutAfterBytes, response.stallAfterBytes});
     const size_t step = response.chunkBytes == 0 ? response.body.size() : response.chunkBytes;
-    for (size_t offset = 0; offset < response.body.size(); offset += step) {
+    for (size_t offset = 0; offset < end; offset += step) {
         if (offset > 0 && waitStopping(response.chunkDelayMs)) {
             return;
         }
-        const size_t length = std::min(step, response.body.size() - offset);
-        if (!sendAll(fd, response.body.data() + offset, length)) {
+        const size_t length = std::min(step, end - offset);
+        if (!sendCounted(fd, response.body.data() + offset, length, true)) {
             return;
         }
     }
+    if (end == response.stallAfterBytes && end < response.body.size()) {
+        // Silence on an open connection; a cut instead closes it on return.
+        waitStopping(24 * 3600 * 1000);
+    }
+}
+
+bool HttpTestServer::sendCounted(int fd, const char* data, size_t length, bool body) {
+    while (length > 0) {
+        const ssize_t sent = ::send(fd, data, length, MSG_NOSIGNAL);
+        if (sent <= 0) {
+            return false;
+        }
+        bytesSent_ += static_cast<size_t>(sent);
+        if (body) {
+            std::lock_guard<std::mutex> lock(mutex_);
+            lastBodyByte_ = std::chrono::steady_clock::now();
+        }
+        data += sent;
+        length -= static_cast<size_t>(sent);
+    }
+    return true;
+}
+
+std::chrono::steady_clock::time_point HttpTestServer::lastBodyByte() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return lastBodyByte_;
+}
+
+void HttpTestServer::serveFile(const std::string& path, const ServedFile& file) {
+    struct State {
+        std::mutex mutex;
+        ServedFile file;
+        int answers = 0;
+        int stalls = 0;
+    };
+    const auto state = std::make_shared<State>();
+    state->file = file;
+    route(path, [state](const HttpRequest& request) {
+        std::lock_guard<std::mutex> lock(state->mutex);
+        ServedFile& current = state->file;
+        const std::string range = request.header("range");
+        const std::string ifRange = request.header("if-range");
+        size_t first = 0;
+        bool part = false;
+        if (current.ranges && boost::algorithm::starts_with(range, "bytes=") && range.back() == '-') {
+            first = std::strtoull(range.c_str() + 6, nullptr, 10);
+            // Another version of the file comes whole.
+            part = ifRange.empty() || ifRange == current.etag ||
+                   (!current.lastModified.empty() && ifRange == current.lastModified);
+        }
+        const size_t size = current.body.size();
+        HttpResponse response;
+        if (part && first >= size) {
+            response = HttpResponse::text(416, "");
+            response.headers.emplace_back("Content-Range", "bytes */" + std::to_string(size));
+            return response;
+        }
+        if (part) {
+            response.status = 206;
+            response.body = current.body.substr(first);
+            response.headers.emplace_back("Content-Range", "bytes " + std::to_string(first) + "-" +
+                                                               std::to_string(size - 1) + "/" + std::to_string(size));
+        } else {
+            first = 0;
+            response.body = current.body;
+        }
+        response.headers.emplace_back("Content-Type", "application/octet-stream");
+        if (current.ranges) {
+            response.headers.emplace_back("Accept-Ranges", "bytes");
+        }
+        if (!current.etag.empty()) {
+            response.headers.emplace_back("ETag", current.etag);
+        }
+        if (!current.lastModified.empty()) {
+            response.headers.emplace_back("Last-Modified", current.lastModified);
+        }
+        response.chunkBytes = current.chunkBytes;
+        response.chunkDelayMs = current.chunkDelayMs;
+        response.cutAfterBytes = current.cutEvery;
+        if (current.stallAt != std::string::npos && (current.stalls < 0 || state->stalls < current.stalls)) {
+            const size_t at = current.stallAt > first ? current.stallAt - first : 0;
+            if (at < response.body.size() && at < response.cutAfterBytes) {
+                response.stallAfterBytes = at;
+                ++state->stalls;
+            }
+        }
+        if (++state->answers == 1 && !current.nextBody.empty()) {
+            current.body = current.nextBody;
+            current.etag = current.nextEtag;
+            current.nextBody.clear();
+        }
+        return response;
+    });
 }
 
 bool HttpTestServer::waitStopping(int ms) {

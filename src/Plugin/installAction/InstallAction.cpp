@@ -17,6 +17,7 @@
 #include "common/Singleton.h"
 #include "sign/PackageSign.h"
 #include "storage/Directory.h"
+#include "storage/Durability.h"
 #include "storage/File.h"
 #include "storage/PluginTree.h"
 #include "system/CommonUtils.h"
@@ -99,6 +100,15 @@ bool InstallAction::getDownloadInfo(datacenter::DownloadInfo& out) {
     }
     out = downloader->getInfo();
     return true;
+}
+
+std::vector<datacenter::DownloadRetry> InstallAction::downloadRetries() {
+    boost::shared_ptr<datacenter::CurlDownloader> downloader;
+    {
+        std::lock_guard<std::mutex> lock(recordMutex_);
+        downloader = downloader_;
+    }
+    return downloader ? downloader->retries() : std::vector<datacenter::DownloadRetry>();
 }
 
 void InstallAction::stopDownload() {
@@ -297,6 +307,11 @@ ApiErrorCode InstallAction::runSteps() {
     // A rolled back upgrade has its old file record back, as it was.
     const ApiErrorCode recorded = rolledBack_ ? API_SUCCESS : recordInitFiles();
     manager()->updatePluginListToServer();
+    // What the installation reports done is on disk before the journal,
+    // which could still undo it, goes.
+    if (!pluginId_.empty()) {
+        datacenter::Durability::sCommitPath(PluginManager::sGetPluginRootPath().c_str());
+    }
     // Everything is in place or cleaned up: nothing is left for a recovery.
     journal_->clear();
     journal_.reset();
@@ -337,6 +352,11 @@ void InstallAction::commitUpgrade() {
     if (!backup_) {
         return;
     }
+    // The new version is on disk before the old one may go.
+    if (!datacenter::Durability::sCommitPath(PluginManager::sGetPluginRootPath().c_str())) {
+        LOG(ERROR) << "upgrade of " << pluginId_ << ": the new version is not known to be on disk; the old one stays";
+        return;
+    }
     journalCommitted_ = true;
     if (!journalStep()) {
         LOG(WARNING) << "upgrade of " << pluginId_ << ": the commit could not be recorded";
@@ -374,9 +394,10 @@ void InstallAction::cleanWhenFailed() {
     }
     PluginStorageManager* store = Singleton<PluginStorageManager>::instance();
     if (isUpdate_ || journalUpgrade_) {
-        // The old version's record stays, switched off: its files may already
-        // be replaced in part, so it must not start until it is reinstalled.
-        store->updateStatusToStorage(pluginId_, datacenter::DISABLED);
+        // No backup: the upgrade failed before it touched the installed
+        // version (a download, the journal, the status change). Its record
+        // and its processes stay exactly as they were.
+        LOG(WARNING) << "upgrade of " << pluginId_ << " failed before it changed anything; the installed version stays";
         return;
     }
     PluginManager* pluginManager = manager();

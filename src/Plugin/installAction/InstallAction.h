@@ -23,6 +23,7 @@ class UpgradeBackup;
 namespace datacenter {
 class CurlDownloader;
 struct DownloadInfo;
+struct DownloadRetry;
 }  // namespace datacenter
 
 class InstallAction {
@@ -72,6 +73,9 @@ public:
     std::vector<std::string> steps();
     // A copy of the download's own record; false before the download began.
     bool getDownloadInfo(datacenter::DownloadInfo& out);
+    // The attempts the download rode out and its restarts, in order; empty
+    // before the download began.
+    std::vector<datacenter::DownloadRetry> downloadRetries();
     // Asks the download to stop (now, or as soon as it begins): it then ends
     // with 2007 and the step that needed it fails. Steps past the download
     // run to their end, so that nothing is left half installed.

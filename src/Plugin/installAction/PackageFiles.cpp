@@ -24,6 +24,7 @@
 #include "common/ShellArgument.h"
 #include "sign/PackageSign.h"
 #include "storage/Directory.h"
+#include "storage/Durability.h"
 #include "storage/File.h"
 #include "storage/PluginTree.h"
 #include "storage/TreeRemoval.h"
@@ -421,6 +422,21 @@ int directoryFor(datacenter::PluginTree& tree, const std::string& name, const st
     return fd;
 }
 
+// The folders the unpacking made or added to, the destination included,
+// flushed after their entries (a no-op unless each write is flushed).
+bool flushFolders(datacenter::PluginTree& tree, const std::set<std::string>& folders) {
+    if (datacenter::Durability::sMode() != datacenter::Durability::FSYNC) {
+        return true;
+    }
+    bool ok = true;
+    for (const std::string& name : folders) {
+        const datacenter::UniqueFd folder(tree.openDirectory(name, false, 0));
+        ok = folder.valid() && datacenter::Durability::sFolderChanged(folder.get()) && ok;
+    }
+    const datacenter::UniqueFd root(tree.openDirectory("", false, 0));
+    return root.valid() && datacenter::Durability::sFolderChanged(root.get()) && ok;
+}
+
 bool extractEntry(zip_t* archive, datacenter::PluginTree& tree, const Entry& entry, const std::string& destDir,
                   Extraction& extraction) {
     if (entry.directory) {
@@ -454,6 +470,7 @@ bool extractEntry(zip_t* archive, datacenter::PluginTree& tree, const Entry& ent
     bool ok = deflated ? inflateEntry(in, out, entry, extraction, problem)
                        : copyEntry(in, out, entry.size, extraction.buffer, problem);
     ::fchmod(out, 0777);
+    ok = datacenter::Durability::sFileWritten(out) && ok;
     ok = ::close(out) == 0 && ok;
     zip_fclose(in);
     if (!ok) {
@@ -646,7 +663,8 @@ bool PackageFiles::sUnzipPayload(int fd, uint64_t size, const std::string& label
             return false;
         }
     }
-    return true;
+    extraction.held.reset();
+    return flushFolders(tree, extraction.directories);
 }
 
 std::map<std::string, bool> PackageFiles::sGetIgnoreFiles(const std::string& dataDir) {

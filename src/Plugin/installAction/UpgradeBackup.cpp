@@ -14,6 +14,7 @@
 #include "Plugin/installAction/InstallAction.h"
 #include "Plugin/installAction/InstallJournal.h"
 #include "Plugin/installAction/PackageFiles.h"
+#include "storage/Durability.h"
 
 namespace {
 
@@ -281,6 +282,8 @@ bool UpgradeBackup::restore() {
     }
     ok = writeBack(folder_ + kStoreCopyName, storeRecordName(id_)) && ok;
     ok = writeBack(folder_ + kRecordCopyName, id_ + "/" + InstallAction::sInitFilesRecordName) && ok;
+    // What was put back is on disk before the copies of it go.
+    ok = ok && datacenter::Durability::sCommitPath(root_.root().c_str());
     if (ok) {
         discard();
     } else {
