@@ -93,12 +93,20 @@ void PowerCutDisk::mount(uint64_t cutAt, bool lose) {
                   static_cast<char*>(nullptr));
             _exit(127);
         }
-        servers_.push_back(server);
         const std::string folder = folders_[i];
-        if (!waitUntil([&] { return isMountPoint(folder) || waitpid(server, nullptr, WNOHANG) == server; }) ||
-            !isMountPoint(folder)) {
+        bool ended = false;
+        waitUntil([&] {
+            ended = ended || waitpid(server, nullptr, WNOHANG) == server;
+            return ended || isMountPoint(folder);
+        });
+        if (ended || !isMountPoint(folder)) {
+            if (!ended) {
+                kill(server, SIGKILL);
+                waitpid(server, nullptr, 0);
+            }
             throw std::runtime_error("powercutfs did not mount " + folder);
         }
+        servers_.push_back(server);
     }
 }
 
@@ -128,9 +136,14 @@ void PowerCutDisk::unmount() {
             killProcessesInside();
             return runCommand("fusermount3 -u '" + folder + "' 2>/dev/null").exitStatus == 0 || !isMountPoint(folder);
         });
-        int status = 0;
-        waitpid(servers_[i], &status, 0);
         if (!gone) {
+            kill(servers_[i], SIGKILL);
+            runCommand("fusermount3 -u -z '" + folder + "' 2>/dev/null");
+        }
+        // Unmounted, powercutfs puts back what was lost and ends.
+        waitpid(servers_[i], nullptr, 0);
+        if (!gone) {
+            servers_.clear();
             throw std::runtime_error("cannot unmount " + folder);
         }
     }

@@ -315,19 +315,22 @@ std::string violation(const Scenario& s) {
 
 // Runs the operation until it ends or the power goes, then kills it.
 void runCut(const Scenario& s, const PowerCutDisk& disk) {
+    const std::string command = "exec env DATACENTER_INSTALLPLUGIN_DELAY_MS=0 DATACENTER_ROOT=" + testsupport::root() +
+                                " " + testsupport::buildDir() + "/apps/" + s.command +
+                                (s.package.empty() ? "" : " " + offered(s.package)) + " >/dev/null 2>&1";
     const pid_t child = fork();
     if (child == 0) {
         setpgid(0, 0);
-        const std::string command =
-            "exec env DATACENTER_INSTALLPLUGIN_DELAY_MS=0 DATACENTER_ROOT=" + testsupport::root() + " " +
-            testsupport::buildDir() + "/apps/" + s.command + (s.package.empty() ? "" : " " + offered(s.package)) +
-            " >/dev/null 2>&1";
         execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
         _exit(127);
     }
     int status = 0;
-    testsupport::waitUntil([&] { return waitpid(child, &status, WNOHANG) == child || disk.powerIsOff(); });
-    if (disk.powerIsOff()) {
+    bool exited = false;
+    testsupport::waitUntil([&] {
+        exited = exited || waitpid(child, &status, WNOHANG) == child;
+        return exited || disk.powerIsOff();
+    });
+    if (!exited) {
         kill(-child, SIGKILL);
         kill(child, SIGKILL);
         waitpid(child, &status, 0);
