@@ -19,6 +19,7 @@
 #include "Plugin/PluginManager.h"
 #include "Plugin/PrintableText.h"
 #include "Plugin/installAction/InstallAction.h"
+#include "Plugin/installAction/UpgradeBackup.h"
 #include "common/Singleton.h"
 #include "system/CurlDownloader.h"
 #include "system/Logging.h"
@@ -84,10 +85,21 @@ void printJson(json_object* document) {
     json_object_put(document);
 }
 
-// The record as JSON, with "firmwareCheck" when the firmware check disabled it.
+// Why the plugin needs the operator's attention, or "": an upgrade whose
+// rollback left files out (first), or the firmware check that disabled it.
+std::string reasonOf(const std::string& id) {
+    if (UpgradeBackup::sPending(id)) {
+        return "needs attention: the previous version could not be put back completely; its files are kept in " +
+               PluginManager::sGetPluginRootPath() + UpgradeBackup::sFolderName(id) + " and the next start tries again";
+    }
+    return FirmwareRecheck::sReason(id);
+}
+
+// The record as JSON, with "firmwareCheck" when the firmware check disabled
+// it or a rollback is pending.
 json_object* recordToJson(const datacenter::PluginInfo& plugin) {
     json_object* object = pluginInfoToJson(plugin);
-    const std::string reason = FirmwareRecheck::sReason(plugin.id);
+    const std::string reason = reasonOf(plugin.id);
     if (!reason.empty()) {
         json_object_object_add(object, "firmwareCheck", json_object_new_string(reason.c_str()));
     }
@@ -115,7 +127,7 @@ int list(const Args& args) {
         return 0;
     }
     for (const datacenter::PluginInfo& plugin : plugins) {
-        const std::string reason = FirmwareRecheck::sReason(plugin.id);
+        const std::string reason = reasonOf(plugin.id);
         std::cout << shown(plugin.id) << '\t' << plugin.status << '\t' << shown(plugin.version) << '\t'
                   << shown(plugin.name) << (reason.empty() ? "" : "\t" + shown(reason)) << std::endl;
     }
@@ -140,7 +152,7 @@ int info(const Args& args) {
                   << "\nversion: " << shown(plugin.version) << "\ndeveloper: " << shown(plugin.developer)
                   << "\nstatus: " << plugin.status << "\nbinary: " << shown(plugin.binaryName)
                   << "\nsdk level: " << plugin.sdkLevel << std::endl;
-        const std::string reason = FirmwareRecheck::sReason(plugin.id);
+        const std::string reason = reasonOf(plugin.id);
         if (!reason.empty()) {
             std::cout << shown(reason) << std::endl;
         }

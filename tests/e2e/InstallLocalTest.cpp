@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <boost/filesystem.hpp>
+#include <functional>
 
 #include "Plugin/installAction/InstallJournal.h"
 #include "common/ApiErrorCode.h"
@@ -200,15 +201,35 @@ TEST(InstallLocal, AFailedUpgradeLeavesTheInstalledVersionAsItWasAndRunning) {
                                             {"zz/late.bin", std::string(4096, 'z')}},
                                            {}, "late-crc");
     spoilLastCrc(zip);
+    const std::string stopFails = underRoot("/sim/pluginControllor/k.exit");
+    // A folder where the store record's restored copy must be written makes
+    // the rollback leave that record out.
+    const std::string blocker = storeDir() + kId + ".manifest.restore";
+    const auto nothing = [] {};
     const struct {
         const char* name;
         std::string package;
         ApiErrorCode code;
+        std::function<void()> arrange;
+        std::function<void()> afterwards;  // before the checks: what the operator and the next start do
     } cases[] = {
-        {"refused signature", factory.build(untrusted, "untrusted"), API_VERIFY_SIGN_FAILED},
-        {"firmware too old", factory.build(newerFirmware, "firmware"), API_FIRMWARE_TOO_OLD},
-        {"late CRC error", factory.sign(zip, 0, "developer", "late-crc"), API_UNZIP_FAILED},
-        {"refused start", factory.build(refusedStart, "start"), API_GENERAL_FAILURE},
+        {"refused signature", factory.build(untrusted, "untrusted"), API_VERIFY_SIGN_FAILED, nothing, nothing},
+        {"firmware too old", factory.build(newerFirmware, "firmware"), API_FIRMWARE_TOO_OLD, nothing, nothing},
+        {"late CRC error", factory.sign(zip, 0, "developer", "late-crc"), API_UNZIP_FAILED, nothing, nothing},
+        {"refused start", factory.build(refusedStart, "start"), API_GENERAL_FAILURE, nothing, nothing},
+        {"the stop before the upgrade fails", factory.build(versions.second, "v2"), API_GENERAL_FAILURE,
+         [&] { testsupport::writeFile(stopFails, "1\n"); }, [&] { boost::filesystem::remove(stopFails); }},
+        {"the rollback cannot put everything back at first", factory.sign(zip, 0, "developer", "late-crc"),
+         API_UNZIP_FAILED, [&] { testsupport::writeFile(blocker + "/x", "x"); },
+         [&] {
+             const std::string listed = testsupport::runApp("plugincenter", "list").output;
+             EXPECT_NE(std::string::npos, listed.find("needs attention: the previous version could not be put back"))
+                 << listed;
+             EXPECT_EQ(0u, install("-k -f " + factory.build(versions.second, "v2")).find("installplugin failed"));
+             boost::filesystem::remove_all(blocker);
+             const std::string again = testsupport::runApp("plugincenter", "list").output;  // the next start
+             EXPECT_EQ(std::string::npos, again.find("needs attention")) << again;
+         }},
     };
     const std::string v1 = factory.build(versions.first, "v1");
     for (const auto& c : cases) {
@@ -220,7 +241,9 @@ TEST(InstallLocal, AFailedUpgradeLeavesTheInstalledVersionAsItWasAndRunning) {
         const std::string store = readFile(storeDir() + kId + ".manifest");
         const std::string record = readFile(dataDir() + "init_files.record");
 
+        c.arrange();
         EXPECT_EQ("installplugin failed. code is " + std::to_string(c.code) + "\n", install("-k -f " + c.package));
+        c.afterwards();
 
         EXPECT_EQ(tree, testsupport::treeText(dataDir()));
         EXPECT_EQ(store, readFile(storeDir() + kId + ".manifest"));

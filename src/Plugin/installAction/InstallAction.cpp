@@ -334,6 +334,13 @@ bool InstallAction::prepareUpgrade() {
     if (pluginId_.empty() || !datacenter::File::sExists(store->getManifestFilePath(pluginId_))) {
         return true;
     }
+    // The files a failed rollback could not put back lie in its backup: a
+    // new upgrade would replace that backup.
+    if (UpgradeBackup::sPending(pluginId_)) {
+        LOG(ERROR) << "upgrade of " << pluginId_ << ": the previous version is not back completely yet; "
+                   << "no upgrade until it is";
+        return false;
+    }
     wasEnabled_ = store->getListablePluginInfoById(pluginId_).status == datacenter::ENABLED;
     journalBackup_ = true;
     return journalStep();
@@ -369,7 +376,7 @@ void InstallAction::rollBackUpgrade() {
     CommonUtils::sCallSystem(datacenter::planformGetPluginControllorPath() + " -k " + pluginId_);
     // Nothing of either version may write while the old files go back.
     datacenter::ProcessOwnership::sStopAll(pluginId_, PluginManager::sGetPluginDataPath(pluginId_));
-    if (!backup_->restore()) {
+    if (!backup_->restore(wasEnabled_)) {
         LOG(ERROR) << "upgrade of " << pluginId_ << ": the installed version could not be put back completely";
     }
     backup_.reset();
@@ -398,6 +405,7 @@ void InstallAction::cleanWhenFailed() {
         // version (a download, the journal, the status change). Its record
         // and its processes stay exactly as they were.
         LOG(WARNING) << "upgrade of " << pluginId_ << " failed before it changed anything; the installed version stays";
+        rolledBack_ = true;  // its file record stays as it is too
         return;
     }
     PluginManager* pluginManager = manager();

@@ -1,7 +1,7 @@
 #include "Plugin/installAction/InstallFromLocal.h"
 
+#include "Plugin/installAction/UpgradeBackup.h"
 #include "sign/PackageSign.h"
-#include "storage/Directory.h"
 #include "storage/File.h"
 
 InstallFromLocal::InstallFromLocal(const std::string& path, bool keepPackage)
@@ -28,7 +28,9 @@ void InstallFromLocal::cleanPackage() {
     if (!keepPackage_) {
         datacenter::File::sDelete(packagePath_);
     }
+    // The staging folder goes, but not the backup of an upgrade whose
+    // rollback is still pending.
     if (!tmpDir_.empty()) {
-        datacenter::Directory::sDelete(tmpDir_, true);
+        UpgradeBackup::sClearStaging();
     }
 }

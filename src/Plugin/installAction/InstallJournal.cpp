@@ -205,7 +205,7 @@ bool listedAsInstalled(const std::string& id) {
 // The payloads an installation of `id` stages: the installer's own folder and
 // the two package files the contract names in the plugin's folder.
 void removeStagedFiles(const std::string& id) {
-    InstallJournal::sRemoveBelowRoot(PluginManager::sGetPluginRootPath() + InstallAction::sLocalInstallTmpDir);
+    UpgradeBackup::sClearStaging();
     InstallJournal::sRemoveBelowRoot(PluginManager::sGetPluginDataPath(id) + InstallAction::sVerifiedQpkLocalName);
     InstallJournal::sRemoveBelowRoot(PluginManager::sGetQpkLocalPath(id));
 }
@@ -226,7 +226,7 @@ void recoverUpgrade(const InstallJournal::Entry& entry, std::string* restart) {
     }
     CommonUtils::sCallSystem(datacenter::planformGetPluginControllorPath() + " -k " + id);
     datacenter::ProcessOwnership::sStopAll(id, PluginManager::sGetPluginDataPath(id));
-    const bool restored = backup.restore();
+    const bool restored = backup.restore(entry.wasEnabled);
     removeTemporaryFiles(id);
     removeStagedFiles(id);
     if (entry.wasEnabled && restart) {
@@ -246,7 +246,7 @@ void recoverPlugin(const InstallJournal::Entry& entry, std::string* restart) {
     if (!entry.upgrade && listedAsInstalled(id)) {
         // A fresh installation does not end with a listed plugin unless it
         // completed: whatever the record says, that plugin's files stay.
-        InstallJournal::sRemoveBelowRoot(PluginManager::sGetPluginRootPath() + InstallAction::sLocalInstallTmpDir);
+        UpgradeBackup::sClearStaging();
         LOG(WARNING) << "install recovery: plugin " << id
                      << " is listed as installed; its files and record are left as they are";
         return;
@@ -385,11 +385,43 @@ bool InstallJournal::sRead(const std::string& path, Entry& entry) {
     return true;
 }
 
+namespace {
+
+// Rollbacks that left files out are tried again: once every file is back
+// the backup goes, and the old version starts when it ran before.
+void retryPendingRestores(std::string* restart) {
+    const std::vector<std::string> pending = UpgradeBackup::sPendingIds();
+    for (const std::string& id : pending) {
+        bool wasEnabled = false;
+        UpgradeBackup::sPending(id, &wasEnabled);
+        datacenter::ProcessOwnership::sStopAll(id, PluginManager::sGetPluginDataPath(id));
+        UpgradeBackup backup(id);
+        if (!backup.restore(wasEnabled)) {
+            LOG(ERROR) << "install recovery: the old version of plugin " << id
+                       << " still cannot be put back completely";
+            continue;
+        }
+        LOG(WARNING) << "install recovery: the old version of plugin " << id << " is back";
+        if (wasEnabled && restart && restart->empty()) {
+            *restart = id;
+        }
+    }
+    if (!pending.empty()) {
+        UpgradeBackup::sClearStaging();  // what is still pending stays
+    }
+}
+
+}  // namespace
+
 bool InstallJournal::sRecover(std::string* restart) {
     InstallJournal lock;
     Entry entry;
-    if (!lock.tryLock() || !sRead(sJournalPath(), entry)) {
-        return false;  // an installer is at work, or none left anything behind
+    if (!lock.tryLock()) {
+        return false;  // an installer is at work
+    }
+    if (!sRead(sJournalPath(), entry)) {
+        retryPendingRestores(restart);
+        return false;  // none left anything behind
     }
     LOG(WARNING) << "install recovery: an installer stopped while installing '" << entry.id << "'";
     // An id that is not a plain token was never used to write anything; with
@@ -400,8 +432,9 @@ bool InstallJournal::sRecover(std::string* restart) {
         if (!entry.id.empty()) {
             LOG(ERROR) << "install recovery ignores the unsafe plugin id '" << entry.id << "'";
         }
-        InstallJournal::sRemoveBelowRoot(PluginManager::sGetPluginRootPath() + InstallAction::sLocalInstallTmpDir);
+        UpgradeBackup::sClearStaging();
     }
     lock.clear();
+    retryPendingRestores(restart);
     return true;
 }

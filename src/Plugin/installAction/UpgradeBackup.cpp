@@ -14,7 +14,9 @@
 #include "Plugin/installAction/InstallAction.h"
 #include "Plugin/installAction/InstallJournal.h"
 #include "Plugin/installAction/PackageFiles.h"
+#include "common/PluginId.h"
 #include "storage/Durability.h"
+#include "storage/TreeRemoval.h"
 
 namespace {
 
@@ -22,6 +24,9 @@ const char* const kAddedName = "/added";
 const char* const kFilesName = "/files";
 const char* const kStoreCopyName = "/store.manifest";
 const char* const kRecordCopyName = "/init_files.record";
+// Marks a backup whose restore left something out; holds "was_enabled 0|1".
+const char* const kPendingName = "/pending";
+const char* const kPreviousSuffix = ".previous";
 
 std::string parentOf(const std::string& relative) {
     const std::string::size_type slash = relative.rfind('/');
@@ -249,7 +254,7 @@ bool UpgradeBackup::restoreFiles(int mirrorFd, const std::string& relative) {
     return ok;
 }
 
-bool UpgradeBackup::restore() {
+bool UpgradeBackup::restore(bool wasEnabled) {
     list_.reset();
     const datacenter::UniqueFd folder(root_.openDirectory(folder_, false, 0));
     if (!folder.valid()) {
@@ -286,11 +291,79 @@ bool UpgradeBackup::restore() {
     ok = ok && datacenter::Durability::sCommitPath(root_.root().c_str());
     if (ok) {
         discard();
-    } else {
-        LOG(ERROR) << "upgrade of " << id_ << ": the old version could not be put back completely; the backup stays in "
-                   << folder_;
+        return true;
     }
-    return ok;
+    LOG(ERROR) << "upgrade of " << id_ << ": the old version could not be put back completely; the backup stays in "
+               << folder_;
+    bool enabled = wasEnabled;
+    if (!sPending(id_, &enabled)) {
+        const datacenter::UniqueFd mark(root_.openFile(folder_ + kPendingName, O_WRONLY | O_CREAT | O_TRUNC, 0600));
+        const std::string text = std::string("was_enabled ") + (wasEnabled ? "1" : "0") + "\n";
+        if (!mark.valid() || !writeAll(mark.get(), text) || ::fsync(mark.get()) != 0) {
+            LOG(ERROR) << "upgrade of " << id_ << ": cannot mark the backup pending: " << root_.lastError();
+        }
+    }
+    return false;
+}
+
+bool UpgradeBackup::sPending(const std::string& id, bool* wasEnabled) {
+    datacenter::PluginTree root(PluginManager::sGetPluginRootPath());
+    const datacenter::UniqueFd mark(root.openFile(sFolderName(id) + kPendingName, O_RDONLY, 0));
+    if (!mark.valid()) {
+        return false;
+    }
+    std::string text;
+    readAll(mark.get(), text, 64);
+    if (wasEnabled) {
+        *wasEnabled = text.find("was_enabled 1") == 0;
+    }
+    return true;
+}
+
+std::vector<std::string> UpgradeBackup::sPendingIds() {
+    std::vector<std::string> ids;
+    datacenter::PluginTree root(PluginManager::sGetPluginRootPath());
+    const datacenter::UniqueFd staging(root.openDirectory(InstallAction::sLocalInstallTmpDir, false, 0));
+    DIR* stream = staging.valid() ? ::fdopendir(::fcntl(staging.get(), F_DUPFD_CLOEXEC, 0)) : nullptr;
+    if (!stream) {
+        return ids;
+    }
+    const std::string suffix = kPreviousSuffix;
+    while (const dirent* item = ::readdir(stream)) {
+        const std::string name = item->d_name;
+        if (name.size() > suffix.size() && name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0) {
+            const std::string id = name.substr(0, name.size() - suffix.size());
+            if (datacenter::isSafePluginId(id) && sPending(id)) {
+                ids.push_back(id);
+            }
+        }
+    }
+    ::closedir(stream);
+    return ids;
+}
+
+void UpgradeBackup::sClearStaging() {
+    const std::string staging = PluginManager::sGetPluginRootPath() + InstallAction::sLocalInstallTmpDir;
+    const std::vector<std::string> pending = sPendingIds();
+    if (pending.empty()) {
+        InstallJournal::sRemoveBelowRoot(staging);
+        return;
+    }
+    datacenter::PluginTree root(PluginManager::sGetPluginRootPath());
+    const datacenter::UniqueFd folder(root.openDirectory(InstallAction::sLocalInstallTmpDir, false, 0));
+    std::vector<std::string> names;
+    if (!folder.valid() || !datacenter::TreeRemoval::sList(folder.get(), names)) {
+        return;
+    }
+    for (const std::string& name : names) {
+        bool keep = false;
+        for (const std::string& id : pending) {
+            keep = keep || name == id + kPreviousSuffix;
+        }
+        if (!keep) {
+            InstallJournal::sRemoveBelowRoot(staging + name);
+        }
+    }
 }
 
 void UpgradeBackup::discard() {

@@ -15,6 +15,7 @@
 // restoring twice does no harm, so recovery after a crash can repeat it.
 #include <set>
 #include <string>
+#include <vector>
 
 #include "storage/PluginTree.h"
 #include "storage/UniqueFd.h"
@@ -44,8 +45,19 @@ public:
     void sync();
 
     // Puts the old version back (see the class comment); true when nothing
-    // was left out. The folder is removed afterwards.
-    bool restore();
+    // was left out. The folder is removed afterwards, but only then: a
+    // restore that left something out marks the folder pending (with
+    // whether the old version ran, `wasEnabled`), and it stays until a later
+    // restore (at the next start of the core) puts everything back.
+    bool restore(bool wasEnabled = false);
+    // Whether a restore of plugin `id` is pending; `wasEnabled` gets the
+    // flag it was marked with.
+    static bool sPending(const std::string& id, bool* wasEnabled = nullptr);
+    // The plugins whose restore is pending.
+    static std::vector<std::string> sPendingIds();
+    // Empties the staging folder "local_install_tmp/" except for the
+    // backups whose restore is pending.
+    static void sClearStaging();
     // Removes the folder: the upgrade is complete.
     void discard();
 
