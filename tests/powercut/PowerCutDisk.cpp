@@ -1,0 +1,186 @@
+#include "powercut/PowerCutDisk.h"
+
+#include <dirent.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <boost/filesystem.hpp>
+#include <cstdio>
+#include <stdexcept>
+
+#include "support/TestSupport.h"
+
+namespace fs = boost::filesystem;
+
+namespace testsupport {
+namespace {
+
+const char* const kProgram = DC_POWERCUTFS;
+
+bool isMountPoint(const std::string& folder) {
+    struct stat self, parent;
+    return stat(folder.c_str(), &self) == 0 && stat((folder + "/..").c_str(), &parent) == 0 &&
+           self.st_dev != parent.st_dev;
+}
+
+bool inside(const std::string& link, const std::string& folder) {
+    char target[4096];
+    const ssize_t n = readlink(link.c_str(), target, sizeof target - 1);
+    if (n <= 0) {
+        return false;
+    }
+    const std::string path(target, static_cast<size_t>(n));
+    return path == folder || path.compare(0, folder.size() + 1, folder + "/") == 0;
+}
+
+void copyTree(const std::string& from, const std::string& to) {
+    const CommandResult copied = runCommand("rm -rf '" + to + "' && cp -a '" + from + "' '" + to + "' 2>&1");
+    if (copied.exitStatus != 0) {
+        throw std::runtime_error("cannot copy " + from + ": " + copied.output);
+    }
+}
+
+}  // namespace
+
+std::string PowerCutDisk::unavailable() {
+    if (std::string(kProgram).empty()) {
+        return "powercutfs was not built (libfuse3 and its pkg-config file fuse3 are missing)";
+    }
+    if (geteuid() != 0) {
+        return "mounting powercutfs needs root";
+    }
+    if (access("/dev/fuse", R_OK | W_OK) != 0) {
+        return "/dev/fuse is missing or not usable";
+    }
+    if (runCommand("command -v fusermount3 >/dev/null").exitStatus != 0) {
+        return "fusermount3 is missing (Debian package fuse3)";
+    }
+    return "";
+}
+
+PowerCutDisk::PowerCutDisk(const std::vector<std::string>& folders)
+    : folders_(folders), work_(makeScratchDir("powercut")) {
+    writeFile(work_ + "/state", std::string(sizeof(State), '\0'));
+    for (size_t i = 0; i < folders_.size(); ++i) {
+        fs::create_directories(folders_[i]);
+        fs::rename(folders_[i], backing(i));
+        fs::create_directory(folders_[i]);
+    }
+}
+
+PowerCutDisk::~PowerCutDisk() {
+    try {
+        unmount();
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "PowerCutDisk: %s\n", e.what());
+    }
+}
+
+std::string PowerCutDisk::backing(size_t index) const {
+    return work_ + "/disk" + std::to_string(index);
+}
+
+void PowerCutDisk::mount(uint64_t cutAt, bool lose) {
+    const State state{0, cutAt, 0, lose ? 1u : 0u};
+    writeFile(work_ + "/state", std::string(reinterpret_cast<const char*>(&state), sizeof state));
+    writeFile(work_ + "/state.points", "");
+    for (size_t i = 0; i < folders_.size(); ++i) {
+        const pid_t server = fork();
+        if (server == 0) {
+            execl(kProgram, kProgram, backing(i).c_str(), folders_[i].c_str(), (work_ + "/state").c_str(),
+                  static_cast<char*>(nullptr));
+            _exit(127);
+        }
+        const std::string folder = folders_[i];
+        bool ended = false;
+        waitUntil([&] {
+            ended = ended || waitpid(server, nullptr, WNOHANG) == server;
+            return ended || isMountPoint(folder);
+        });
+        if (ended || !isMountPoint(folder)) {
+            if (!ended) {
+                kill(server, SIGKILL);
+                waitpid(server, nullptr, 0);
+            }
+            throw std::runtime_error("powercutfs did not mount " + folder);
+        }
+        servers_.push_back(server);
+    }
+}
+
+void PowerCutDisk::killProcessesInside() const {
+    DIR* proc = opendir("/proc");
+    for (dirent* entry; proc && (entry = readdir(proc)) != nullptr;) {
+        const pid_t pid = static_cast<pid_t>(std::atoi(entry->d_name));
+        if (pid <= 0 || pid == getpid()) {
+            continue;
+        }
+        const std::string base = std::string("/proc/") + entry->d_name;
+        for (const std::string& folder : folders_) {
+            if (inside(base + "/cwd", folder) || inside(base + "/root", folder) || inside(base + "/exe", folder)) {
+                kill(pid, SIGKILL);
+            }
+        }
+    }
+    if (proc) {
+        closedir(proc);
+    }
+}
+
+void PowerCutDisk::unmount() {
+    for (size_t i = 0; i < servers_.size(); ++i) {
+        const std::string folder = folders_[i];
+        const bool gone = waitUntil([&] {
+            killProcessesInside();
+            return runCommand("fusermount3 -u '" + folder + "' 2>/dev/null").exitStatus == 0 || !isMountPoint(folder);
+        });
+        if (!gone) {
+            kill(servers_[i], SIGKILL);
+            runCommand("fusermount3 -u -z '" + folder + "' 2>/dev/null");
+        }
+        // Unmounted, powercutfs puts back what was lost and ends.
+        waitpid(servers_[i], nullptr, 0);
+        if (!gone) {
+            servers_.clear();
+            throw std::runtime_error("cannot unmount " + folder);
+        }
+    }
+    servers_.clear();
+}
+
+PowerCutDisk::State PowerCutDisk::readState() const {
+    State state{};
+    const std::string bytes = readFile(work_ + "/state");
+    if (bytes.size() >= sizeof state) {
+        std::copy(bytes.begin(), bytes.begin() + sizeof state, reinterpret_cast<char*>(&state));
+    }
+    return state;
+}
+
+uint64_t PowerCutDisk::points() const {
+    return readState().points;
+}
+
+std::vector<std::string> PowerCutDisk::pointLog() const {
+    return readLines(work_ + "/state.points");
+}
+
+bool PowerCutDisk::powerIsOff() const {
+    return readState().cut != 0;
+}
+
+void PowerCutDisk::save() {
+    for (size_t i = 0; i < folders_.size(); ++i) {
+        copyTree(backing(i), backing(i) + ".saved");
+    }
+}
+
+void PowerCutDisk::restore() {
+    for (size_t i = 0; i < folders_.size(); ++i) {
+        copyTree(backing(i) + ".saved", backing(i));
+    }
+}
+
+}  // namespace testsupport
