@@ -111,6 +111,12 @@ std::string recheckOne(PluginManager& manager, const std::string& id, datacenter
     if (code != API_SUCCESS) {
         if (ours) {
             disabled[id] = code;
+            // A check cut short between recording the reason and disabling
+            // the plugin is finished here.
+            if (status != datacenter::DISABLED &&
+                manager.changePluginStatus(id, datacenter::DISABLED) == API_SUCCESS) {
+                return "disabled: " + describe(code);
+            }
             return "still does not fit: " + describe(code) + "; stays disabled";
         }
         if (status == datacenter::DISABLED) {
