@@ -113,8 +113,7 @@ std::string recheckOne(PluginManager& manager, const std::string& id, datacenter
             disabled[id] = code;
             // A check cut short between recording the reason and disabling
             // the plugin is finished here.
-            if (status != datacenter::DISABLED &&
-                manager.changePluginStatus(id, datacenter::DISABLED) == API_SUCCESS) {
+            if (status != datacenter::DISABLED && manager.changePluginStatus(id, datacenter::DISABLED) == API_SUCCESS) {
                 return "disabled: " + describe(code);
             }
             return "still does not fit: " + describe(code) + "; stays disabled";
