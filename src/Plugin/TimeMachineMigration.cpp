@@ -18,6 +18,7 @@
 #include "common/ShellArgument.h"
 #include "common/Singleton.h"
 #include "storage/Directory.h"
+#include "storage/Durability.h"
 #include "storage/PluginTree.h"
 #include "storage/UniqueFd.h"
 #include "system/CommonUtils.h"
@@ -166,7 +167,7 @@ bool moveFolderBack(const std::string& fromBase, const std::string& fromFolder, 
                    << toBase << "/" << toFolder << ": " << strerror(errno);
         return false;
     }
-    return true;
+    return datacenter::Durability::sFolderChanged(target.get()) && datacenter::Durability::sFolderChanged(source.get());
 }
 
 }  // namespace
@@ -178,6 +179,29 @@ TimeMachineMove TimeMachineMove::sBefore() {
     move.oldAfp_ = present(afpOlddir());
     move.newAfp_ = present(afpNewdir());
     return move;
+}
+
+std::string TimeMachineMove::text() const {
+    std::string line = "before";
+    for (const bool seen : {oldTimecapsule_, newTimecapsule_, oldAfp_, newAfp_}) {
+        line += seen ? " 1" : " 0";
+    }
+    return line + "\n";
+}
+
+bool TimeMachineMove::sFromText(const std::string& text, TimeMachineMove& move) {
+    if (text.size() != 16 || text.compare(0, 6, "before") != 0 || text.back() != '\n') {
+        return false;
+    }
+    bool* const flags[] = {&move.oldTimecapsule_, &move.newTimecapsule_, &move.oldAfp_, &move.newAfp_};
+    for (size_t i = 0; i < 4; ++i) {
+        const char flag = text[7 + 2 * i];
+        if (text[6 + 2 * i] != ' ' || (flag != '0' && flag != '1')) {
+            return false;
+        }
+        *flags[i] = flag == '1';
+    }
+    return true;
 }
 
 void TimeMachineMove::after() {

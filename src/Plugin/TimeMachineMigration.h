@@ -17,6 +17,10 @@ class TimeMachineMove {
 public:
     // Notes which folders are where before a migration.
     static TimeMachineMove sBefore();
+    // What sBefore() saw, as one line, and back: an upgrade keeps it with
+    // its backup so that a restore after a crash knows what was moved.
+    std::string text() const;
+    static bool sFromText(const std::string& text, TimeMachineMove& move);
     // Notes what the migration since sBefore() moved.
     void after();
     bool moved() const { return timecapsule_ || afp_; }

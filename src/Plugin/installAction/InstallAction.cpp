@@ -10,7 +10,6 @@
 
 #include "DataBase/PluginStorageManager.h"
 #include "Plugin/PluginManager.h"
-#include "Plugin/TimeMachineMigration.h"
 #include "Plugin/installAction/InstallJournal.h"
 #include "Plugin/installAction/PackageFiles.h"
 #include "Plugin/installAction/UpgradeBackup.h"
@@ -379,10 +378,6 @@ void InstallAction::rollBackUpgrade() {
     datacenter::ProcessOwnership::sStopAll(pluginId_, PluginManager::sGetPluginDataPath(pluginId_));
     if (!backup_->restore(wasEnabled_)) {
         LOG(ERROR) << "upgrade of " << pluginId_ << ": the installed version could not be put back completely";
-    }
-    // The old version finds its time-machine data where it left it.
-    if (timeMachineMove_ && timeMachineMove_->moved() && !timeMachineMove_->undo()) {
-        LOG(ERROR) << "upgrade of " << pluginId_ << ": the time-machine data could not be moved back completely";
     }
     backup_.reset();
     rolledBack_ = true;

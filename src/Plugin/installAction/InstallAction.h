@@ -19,7 +19,6 @@
 
 class InstallJournal;
 class UpgradeBackup;
-class TimeMachineMove;
 
 namespace datacenter {
 class CurlDownloader;
@@ -201,10 +200,9 @@ protected:
     bool wasEnabled_ = false;        // the old version ran before the upgrade
     bool rolledBack_ = false;        // the old version and its records are back
     std::unique_ptr<UpgradeBackup> backup_;
-    std::unique_ptr<TimeMachineMove> timeMachineMove_;  // what installPackage migrated, for a rollback
-    std::string downloadLabel_;                         // where a download would lie, had it a name
-    datacenter::UniqueFd download_;                     // the downloaded package, until it is verified
-    VerifiedPayload payload_;                           // what unpacking reads
+    std::string downloadLabel_;      // where a download would lie, had it a name
+    datacenter::UniqueFd download_;  // the downloaded package, until it is verified
+    VerifiedPayload payload_;        // what unpacking reads
     // The verified payload's manifest, kept in the installer's own folder
     // ("local_install_tmp/<id>.manifest") before anything is unpacked.
     bool keepPayloadManifest();

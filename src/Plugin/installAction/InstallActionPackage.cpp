@@ -234,9 +234,13 @@ ApiErrorCode InstallAction::installPackage() {
     }
     dropKeptManifest();
     createPluginConfig(pluginId_);
-    timeMachineMove_.reset(new TimeMachineMove(TimeMachineMove::sBefore()));
+    // An upgrade keeps what the migration may move with its backup first: a
+    // rollback, also the one after a crash, moves it back.
+    if (backup_ && pluginId_ == TimeMachineInfo::getPluginId() &&
+        !backup_->noteTimeMachine(TimeMachineMove::sBefore().text())) {
+        return API_GENERAL_FAILURE;
+    }
     Singleton<PluginManager>::instance()->moveTimeMachineData(pluginId_);
-    timeMachineMove_->after();
     return API_SUCCESS;
 }
 

@@ -7,15 +7,18 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <vector>
 
 #include "Plugin/PluginManager.h"
+#include "Plugin/TimeMachineMigration.h"
 #include "Plugin/installAction/InstallAction.h"
 #include "Plugin/installAction/InstallJournal.h"
 #include "Plugin/installAction/PackageFiles.h"
 #include "common/PluginId.h"
 #include "storage/Durability.h"
+#include "storage/File.h"
 #include "storage/TreeRemoval.h"
 
 namespace {
@@ -27,6 +30,8 @@ const char* const kRecordCopyName = "/init_files.record";
 // Marks a backup whose restore left something out; holds "was_enabled 0|1".
 const char* const kPendingName = "/pending";
 const char* const kPreviousSuffix = ".previous";
+// What the time-machine migration saw before it moved anything.
+const char* const kTimeMachineName = "timemachine";
 
 std::string parentOf(const std::string& relative) {
     const std::string::size_type slash = relative.rfind('/');
@@ -256,6 +261,34 @@ bool UpgradeBackup::restoreFiles(int mirrorFd, const std::string& relative) {
     return ok;
 }
 
+bool UpgradeBackup::noteTimeMachine(const std::string& before) {
+    const datacenter::UniqueFd folder(root_.openDirectory(folder_, false, 0));
+    if (!folder.valid() || !datacenter::File::sWriteAtomicallyAt(
+                               folder.get(), kTimeMachineName,
+                               [&before](FILE* file) { return std::fputs(before.c_str(), file) >= 0; }, 0600)) {
+        LOG(ERROR) << "upgrade of " << id_
+                   << ": cannot keep what the time-machine migration moves: " << root_.lastError();
+        return false;
+    }
+    return true;
+}
+
+bool UpgradeBackup::undoTimeMachine() {
+    const datacenter::UniqueFd note(root_.openFile(folder_ + "/" + kTimeMachineName, O_RDONLY, 0));
+    if (!note.valid()) {
+        return true;  // nothing was migrated
+    }
+    std::string text;
+    TimeMachineMove move;
+    if (!readAll(note.get(), text, 64) || !TimeMachineMove::sFromText(text, move)) {
+        LOG(ERROR) << "upgrade of " << id_ << ": the note of the time-machine migration is damaged";
+        return false;
+    }
+    // Moved back already (a restore that is tried again) shows as not moved.
+    move.after();
+    return !move.moved() || move.undo();
+}
+
 bool UpgradeBackup::restore(bool wasEnabled) {
     list_.reset();
     const datacenter::UniqueFd folder(root_.openDirectory(folder_, false, 0));
@@ -281,6 +314,8 @@ bool UpgradeBackup::restore(bool wasEnabled) {
     }
     const datacenter::UniqueFd files(root_.openDirectory(folder_ + kFilesName, false, 0));
     ok = (!files.valid() || restoreFiles(files.get(), std::string())) && ok;
+    // The old version finds its time-machine data where it left it.
+    ok = undoTimeMachine() && ok;
     // Folders the upgrade made go when empty; what the plugin keeps in them stays.
     for (auto it = added.rbegin(); it != added.rend(); ++it) {
         if (!it->empty() && it->back() == '/') {

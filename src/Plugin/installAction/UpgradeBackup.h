@@ -11,6 +11,8 @@
 // begins. Restoring renames every old file back, removes what the upgrade
 // added (files, then the folders it made, deepest first) and writes the two
 // records back; everything else in the tree (the plugin's runtime data) stays.
+// When the upgrade migrated the time machine's data out of the tree, the
+// restore moves it back too.
 // Every step is relative to descriptors opened without following links, and
 // restoring twice does no harm, so recovery after a crash can repeat it.
 #include <set>
@@ -43,6 +45,10 @@ public:
     bool beforeDirectory(const std::string& relative);
     // Flushes the list of added names to disk.
     void sync();
+    // Keeps, on disk, what the time-machine migration is about to move
+    // (TimeMachineMove::text()), so that a restore, also one after a crash,
+    // moves it back. False (logged) when it cannot be kept.
+    bool noteTimeMachine(const std::string& before);
 
     // Puts the old version back (see the class comment); true when nothing
     // was left out. The folder is removed afterwards, but only then: a
@@ -66,6 +72,7 @@ private:
     bool copyRecord(const std::string& from, const std::string& to);
     bool writeBack(const std::string& from, const std::string& to);
     bool restoreFiles(int mirrorFd, const std::string& relative);
+    bool undoTimeMachine();
 
     std::string id_;
     std::string folder_;  // relative to the plugin root

@@ -9,6 +9,7 @@
 #include <functional>
 
 #include "Plugin/PluginManager.h"
+#include "Plugin/TimeMachineMigration.h"
 #include "Plugin/installAction/InstallFromLocal.h"
 #include "Plugin/installAction/InstallJournal.h"
 #include "Plugin/installAction/UpgradeBackup.h"
@@ -31,10 +32,11 @@ std::string dataDir() {
     return PluginManager::sGetPluginDataPath(kId);
 }
 
-// The record of an installer of kId that died; an upgrade's found the plugin running.
-void leaveJournal(bool upgrade, bool freshTree, bool backup = false, bool committed = false) {
+// The record of an installer of `id` that died; an upgrade's found the plugin running.
+void leaveJournal(bool upgrade, bool freshTree, bool backup = false, bool committed = false,
+                  const std::string& id = kId) {
     InstallJournal::Entry entry;
-    entry.id = kId;
+    entry.id = id;
     entry.upgrade = upgrade;
     entry.freshTree = freshTree;
     entry.backup = backup;
@@ -139,6 +141,33 @@ TEST(InstallRecovery, AnInterruptedUpgradeEndsWithOneCompleteVersion) {
         EXPECT_FALSE(exists(InstallJournal::sJournalPath()));
         EXPECT_TRUE(log.contains(c.note));
     }
+}
+
+// The time machine's upgrade moved its backups out of its tree, then died
+// before its commit: the old version comes back with its data where it was.
+TEST(InstallRecovery, AnInterruptedUpgradeOfTheTimeMachineMovesItsDataBack) {
+    const std::string id = TimeMachineInfo::getPluginId();
+    const std::string tree = PluginManager::sGetPluginDataPath(id);
+    testsupport::putPlugin(id, datacenter::ENABLED);
+    writeFile(tree + "userdisk/timecapsule/backup.img", "the user's backup");
+    writeFile(tree + "userdisk/afp/share/file", "the user's share");
+    boost::filesystem::create_directories(underRoot("/userdisk/data"));
+    {
+        UpgradeBackup backup(id);
+        ASSERT_TRUE(backup.begin());
+        ASSERT_TRUE(backup.noteTimeMachine(TimeMachineMove::sBefore().text()));
+    }
+    // What the migration does: the backups go to the user disk, the share into them.
+    boost::filesystem::rename(tree + "userdisk/timecapsule", timecapsuleNewdir());
+    boost::filesystem::rename(tree + "userdisk/afp", afpNewdir());
+    leaveJournal(true, false, true, false, id);
+
+    EXPECT_TRUE(InstallJournal::sRecover(nullptr));
+
+    EXPECT_EQ("the user's backup", readFile(tree + "userdisk/timecapsule/backup.img"));
+    EXPECT_EQ("the user's share", readFile(tree + "userdisk/afp/share/file"));
+    EXPECT_FALSE(exists(timecapsuleNewdir()));
+    EXPECT_FALSE(exists(PluginManager::sGetPluginRootPath() + "local_install_tmp"));
 }
 
 TEST(InstallRecovery, KeepsAFolderThatExistedBeforeButDropsItsManifest) {
