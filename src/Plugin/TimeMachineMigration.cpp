@@ -190,13 +190,16 @@ std::string TimeMachineMove::text() const {
 }
 
 bool TimeMachineMove::sFromText(const std::string& text, TimeMachineMove& move) {
-    if (text.size() != 16 || text.compare(0, 6, "before") != 0 || text.back() != '\n') {
+    // "before" and four flags " 0" or " 1", as text() writes them.
+    const std::string word = "before";
+    bool* const flags[] = {&move.oldTimecapsule_, &move.newTimecapsule_, &move.oldAfp_, &move.newAfp_};
+    const size_t count = sizeof flags / sizeof flags[0];
+    if (text.size() != word.size() + 2 * count + 1 || text.compare(0, word.size(), word) != 0 || text.back() != '\n') {
         return false;
     }
-    bool* const flags[] = {&move.oldTimecapsule_, &move.newTimecapsule_, &move.oldAfp_, &move.newAfp_};
-    for (size_t i = 0; i < 4; ++i) {
-        const char flag = text[7 + 2 * i];
-        if (text[6 + 2 * i] != ' ' || (flag != '0' && flag != '1')) {
+    for (size_t i = 0; i < count; ++i) {
+        const char flag = text[word.size() + 2 * i + 1];
+        if (text[word.size() + 2 * i] != ' ' || (flag != '0' && flag != '1')) {
             return false;
         }
         *flags[i] = flag == '1';
