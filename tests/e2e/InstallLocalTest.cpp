@@ -30,8 +30,8 @@ namespace {
 
 const std::string kId = "5017400000000000100";
 
-std::string dataDir() {
-    return underRoot("/userdisk/appdata/") + kId + "/";
+std::string dataDir(const std::string& id = kId) {
+    return underRoot("/userdisk/appdata/") + id + "/";
 }
 std::string storeDir() {
     return underRoot("/userdisk/appdata//app_infos/");
@@ -161,11 +161,15 @@ std::pair<PackageSpec, PackageSpec> twoVersions() {
     return {v1, v2};
 }
 
-// What the plugin and its user made while version one ran.
-void makeRuntimeData() {
-    testsupport::writeFile(dataDir() + "userdata/notes", "runtime");
-    testsupport::writeFile(dataDir() + "etc/plugin_config", "key = \"value\";\n");
-    testsupport::writeFile(dataDir() + "mine.txt", "the user's");
+// What the plugin and its user made while version one ran; the time
+// machine's installation of version 1.3 moves the last two onto the user disk.
+void makeRuntimeData(const std::string& id = kId) {
+    testsupport::writeFile(dataDir(id) + "userdata/notes", "runtime");
+    testsupport::writeFile(dataDir(id) + "etc/plugin_config", "key = \"value\";\n");
+    testsupport::writeFile(dataDir(id) + "mine.txt", "the user's");
+    testsupport::writeFile(dataDir(id) + "userdisk/timecapsule/backup.img", "the user's backup");
+    testsupport::writeFile(dataDir(id) + "userdisk/afp/share/file", "the user's share");
+    boost::filesystem::create_directories(underRoot("/userdisk/data"));
 }
 
 // `zip` with the CRC of its last entry wrong, alike in both headers, so that
@@ -186,8 +190,10 @@ void spoilLastCrc(const std::string& zip) {
 }  // namespace
 
 // An upgrade failing at any step after the installed version was stopped
-// puts that version back as it was, with what it made meanwhile, and starts
-// it again; the installer still reports the failure and its code.
+// puts that version back as it was, with what it made meanwhile (the time
+// machine's data its installation moved out included), and starts it
+// again; the installer still reports the failure and its code. One failing
+// before anything was touched leaves all of it as it was.
 TEST(InstallLocal, AFailedUpgradeLeavesTheInstalledVersionAsItWasAndRunning) {
     PackageFactory factory;
     const auto versions = twoVersions();
@@ -197,6 +203,12 @@ TEST(InstallLocal, AFailedUpgradeLeavesTheInstalledVersionAsItWasAndRunning) {
     newerFirmware.manifest["supported_rom_version"] = "9.0.0";
     PackageSpec refusedStart = versions.second;
     refusedStart.manifest["binary_name"] = "bin/missing";
+    PackageSpec timeMachine = versions.first;
+    timeMachine.id = TimeMachineInfo::getPluginId();
+    timeMachine.manifest["version"] = "1.2.0";
+    PackageSpec timeMachineRefused = refusedStart;
+    timeMachineRefused.id = timeMachine.id;
+    timeMachineRefused.manifest["version"] = "1.3.0";
     const std::string zip = factory.rawZip({{"manifest", PackageFactory::manifestText(versions.second)},
                                             {"data/keep.txt", "version two"},
                                             {"www/new/page.html", "only in two"},
@@ -214,6 +226,8 @@ TEST(InstallLocal, AFailedUpgradeLeavesTheInstalledVersionAsItWasAndRunning) {
         ApiErrorCode code;
         std::function<void()> arrange;
         std::function<void()> afterwards;  // before the checks: what the operator and the next start do
+        std::string id = kId;              // of the plugin upgraded
+        std::string installed = "";        // the package of its installed version; "" version one
     } cases[] = {
         {"refused signature", factory.build(untrusted, "untrusted"), API_VERIFY_SIGN_FAILED, nothing, nothing},
         {"firmware too old", factory.build(newerFirmware, "firmware"), API_FIRMWARE_TOO_OLD, nothing, nothing},
@@ -232,53 +246,31 @@ TEST(InstallLocal, AFailedUpgradeLeavesTheInstalledVersionAsItWasAndRunning) {
              const std::string again = testsupport::runApp("plugincenter", "list").output;  // the next start
              EXPECT_EQ(std::string::npos, again.find("needs attention")) << again;
          }},
+        {"the time machine's upgrade to 1.3 fails", factory.build(timeMachineRefused, "tm-refused"),
+         API_GENERAL_FAILURE, nothing, nothing, timeMachine.id, factory.build(timeMachine, "tm")},
     };
     const std::string v1 = factory.build(versions.first, "v1");
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         boost::filesystem::remove_all(underRoot("/userdisk/appdata"));
-        ASSERT_EQ(0u, install("-k -f " + v1).find("installplugin succeed!"));
-        makeRuntimeData();
-        const std::string tree = testsupport::treeText(dataDir());
-        const std::string store = readFile(storeDir() + kId + ".manifest");
-        const std::string record = readFile(dataDir() + "init_files.record");
+        ASSERT_EQ(0u, install("-k -f " + (c.installed.empty() ? v1 : c.installed)).find("installplugin succeed!"));
+        makeRuntimeData(c.id);
+        const std::string tree = testsupport::treeText(dataDir(c.id));
+        const std::string store = readFile(storeDir() + c.id + ".manifest");
+        const std::string record = readFile(dataDir(c.id) + "init_files.record");
 
         c.arrange();
         EXPECT_EQ("installplugin failed. code is " + std::to_string(c.code) + "\n", install("-k -f " + c.package));
         c.afterwards();
 
-        EXPECT_EQ(tree, testsupport::treeText(dataDir()));
-        EXPECT_EQ(store, readFile(storeDir() + kId + ".manifest"));
-        EXPECT_EQ(record, readFile(dataDir() + "init_files.record"));
-        EXPECT_TRUE(exists(underRoot("/tmp/sim-pluginControllor/" + kId + ".pid"))) << "not started again";
+        EXPECT_EQ(tree, testsupport::treeText(dataDir(c.id)));
+        EXPECT_EQ(store, readFile(storeDir() + c.id + ".manifest"));
+        EXPECT_EQ(record, readFile(dataDir(c.id) + "init_files.record"));
+        EXPECT_TRUE(exists(underRoot("/tmp/sim-pluginControllor/" + c.id + ".pid"))) << "not started again";
+        EXPECT_FALSE(exists(timecapsuleNewdir()));
         EXPECT_FALSE(exists(underRoot("/userdisk/appdata/local_install_tmp")));
         EXPECT_FALSE(exists(InstallJournal::sJournalPath()));
     }
-}
-
-// The time machine's upgrade to 1.3 moves its backups out of its tree onto
-// the user disk; when that upgrade fails, the backups go back with the old
-// version.
-TEST(InstallLocal, AFailedUpgradeOfTheTimeMachinePutsItsDataBack) {
-    PackageFactory factory;
-    PackageSpec old;
-    old.id = TimeMachineInfo::getPluginId();
-    old.manifest["version"] = "1.2.0";
-    PackageSpec refused = old;
-    refused.manifest["version"] = "1.3.0";
-    refused.manifest["binary_name"] = "bin/missing";
-    ASSERT_EQ(0u, install("-k -f " + factory.build(old, "tm-old")).find("installplugin succeed!"));
-    const std::string tree = PluginManager::sGetPluginDataPath(old.id);
-    testsupport::writeFile(tree + "userdisk/timecapsule/backup.img", "the user's backup");
-    testsupport::writeFile(tree + "userdisk/afp/share/file", "the user's share");
-    boost::filesystem::create_directories(underRoot("/userdisk/data"));
-
-    EXPECT_EQ("installplugin failed. code is 4\n", install("-k -f " + factory.build(refused, "tm-refused")));
-
-    EXPECT_EQ("the user's backup", readFile(tree + "userdisk/timecapsule/backup.img"));
-    EXPECT_EQ("the user's share", readFile(tree + "userdisk/afp/share/file"));
-    EXPECT_FALSE(exists(timecapsuleNewdir()));
-    EXPECT_NE(std::string::npos, readFile(storeDir() + old.id + ".manifest").find("1.2.0"));
 }
 
 TEST(InstallLocal, AnUpgradeReplacesThePackagesFilesAndKeepsWhatThePluginAndTheUserMade) {
