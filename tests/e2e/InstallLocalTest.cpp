@@ -17,6 +17,8 @@
 #include "Plugin/TimeMachineMigration.h"
 #include "Plugin/installAction/InstallJournal.h"
 #include "common/ApiErrorCode.h"
+#include "common/Singleton.h"
+#include "support/HttpTestServer.h"
 #include "support/PackageFactory.h"
 #include "support/TestSupport.h"
 
@@ -193,7 +195,8 @@ void spoilLastCrc(const std::string& zip) {
 // puts that version back as it was, with what it made meanwhile (the time
 // machine's data its installation moved out included), and starts it
 // again; the installer still reports the failure and its code. One failing
-// before anything was touched leaves all of it as it was.
+// before anything was touched (a download, the stop) leaves all of it as it
+// was, the plugin never stopped.
 TEST(InstallLocal, AFailedUpgradeLeavesTheInstalledVersionAsItWasAndRunning) {
     PackageFactory factory;
     const auto versions = twoVersions();
@@ -219,6 +222,8 @@ TEST(InstallLocal, AFailedUpgradeLeavesTheInstalledVersionAsItWasAndRunning) {
     // A folder where the store record's restored copy must be written makes
     // the rollback leave that record out.
     const std::string blocker = storeDir() + kId + ".manifest.restore";
+    testsupport::HttpTestServer server;
+    server.route("/missing.qpk", testsupport::HttpResponse::text(404, "no such package"));
     const auto nothing = [] {};
     const struct {
         const char* name;
@@ -228,6 +233,7 @@ TEST(InstallLocal, AFailedUpgradeLeavesTheInstalledVersionAsItWasAndRunning) {
         std::function<void()> afterwards;  // before the checks: what the operator and the next start do
         std::string id = kId;              // of the plugin upgraded
         std::string installed = "";        // the package of its installed version; "" version one
+        bool fromServer = false;           // `package` is a URL the manager upgrades from
     } cases[] = {
         {"refused signature", factory.build(untrusted, "untrusted"), API_VERIFY_SIGN_FAILED, nothing, nothing},
         {"firmware too old", factory.build(newerFirmware, "firmware"), API_FIRMWARE_TOO_OLD, nothing, nothing},
@@ -248,6 +254,8 @@ TEST(InstallLocal, AFailedUpgradeLeavesTheInstalledVersionAsItWasAndRunning) {
          }},
         {"the time machine's upgrade to 1.3 fails", factory.build(timeMachineRefused, "tm-refused"),
          API_GENERAL_FAILURE, nothing, nothing, timeMachine.id, factory.build(timeMachine, "tm")},
+        {"the download of the upgrade fails", server.url("/missing.qpk"), API_DOWNLOAD_FAILED, nothing, nothing, kId,
+         "", true},
     };
     const std::string v1 = factory.build(versions.first, "v1");
     for (const auto& c : cases) {
@@ -260,7 +268,16 @@ TEST(InstallLocal, AFailedUpgradeLeavesTheInstalledVersionAsItWasAndRunning) {
         const std::string record = readFile(dataDir(c.id) + "init_files.record");
 
         c.arrange();
-        EXPECT_EQ("installplugin failed. code is " + std::to_string(c.code) + "\n", install("-k -f " + c.package));
+        if (c.fromServer) {
+            PluginManager* manager = Singleton<PluginManager>::instance();
+            ASSERT_EQ(API_SUCCESS, manager->upgradeFromServer(c.id, c.package));
+            ASSERT_TRUE(manager->waitForInstallation(60000));
+            datacenter::PluginInfo progress;
+            manager->getUrlInstallPlugin(progress);
+            EXPECT_EQ(c.code, progress.errorCode);
+        } else {
+            EXPECT_EQ("installplugin failed. code is " + std::to_string(c.code) + "\n", install("-k -f " + c.package));
+        }
         c.afterwards();
 
         EXPECT_EQ(tree, testsupport::treeText(dataDir(c.id)));
@@ -268,7 +285,9 @@ TEST(InstallLocal, AFailedUpgradeLeavesTheInstalledVersionAsItWasAndRunning) {
         EXPECT_EQ(record, readFile(dataDir(c.id) + "init_files.record"));
         EXPECT_TRUE(exists(underRoot("/tmp/sim-pluginControllor/" + c.id + ".pid"))) << "not started again";
         EXPECT_FALSE(exists(timecapsuleNewdir()));
-        EXPECT_FALSE(exists(underRoot("/userdisk/appdata/local_install_tmp")));
+        // Nothing staged stays (a download leaves the empty folder).
+        const std::string staging = underRoot("/userdisk/appdata/local_install_tmp");
+        EXPECT_TRUE(!exists(staging) || boost::filesystem::is_empty(staging));
         EXPECT_FALSE(exists(InstallJournal::sJournalPath()));
     }
 }
