@@ -174,21 +174,6 @@ void makeRuntimeData(const std::string& id = kId) {
     boost::filesystem::create_directories(underRoot("/userdisk/data"));
 }
 
-// `zip` with the CRC of its last entry wrong, alike in both headers, so that
-// only the check after the entry's data notices.
-void spoilLastCrc(const std::string& zip) {
-    std::string bytes = readFile(zip);
-    const std::string::size_type central = bytes.rfind(std::string("PK\x01\x02", 4));
-    ASSERT_NE(std::string::npos, central);
-    uint32_t local = 0;
-    for (int i = 3; i >= 0; --i) {
-        local = local << 8 | static_cast<unsigned char>(bytes[central + 42 + i]);
-    }
-    bytes[central + 16] ^= 0x5a;
-    bytes[local + 14] ^= 0x5a;
-    testsupport::writeFile(zip, bytes);
-}
-
 }  // namespace
 
 // An upgrade failing at any step after the installed version was stopped
@@ -212,12 +197,7 @@ TEST(InstallLocal, AFailedUpgradeLeavesTheInstalledVersionAsItWasAndRunning) {
     PackageSpec timeMachineRefused = refusedStart;
     timeMachineRefused.id = timeMachine.id;
     timeMachineRefused.manifest["version"] = "1.3.0";
-    const std::string zip = factory.rawZip({{"manifest", PackageFactory::manifestText(versions.second)},
-                                            {"data/keep.txt", "version two"},
-                                            {"www/new/page.html", "only in two"},
-                                            {"zz/late.bin", std::string(4096, 'z')}},
-                                           {}, "late-crc");
-    spoilLastCrc(zip);
+    const std::string lateCrc = factory.lateCrcError(versions.second, "late-crc");
     const std::string stopFails = underRoot("/sim/pluginControllor/k.exit");
     // A folder where the store record's restored copy must be written makes
     // the rollback leave that record out.
@@ -237,12 +217,12 @@ TEST(InstallLocal, AFailedUpgradeLeavesTheInstalledVersionAsItWasAndRunning) {
     } cases[] = {
         {"refused signature", factory.build(untrusted, "untrusted"), API_VERIFY_SIGN_FAILED, nothing, nothing},
         {"firmware too old", factory.build(newerFirmware, "firmware"), API_FIRMWARE_TOO_OLD, nothing, nothing},
-        {"late CRC error", factory.sign(zip, 0, "developer", "late-crc"), API_UNZIP_FAILED, nothing, nothing},
+        {"late CRC error", lateCrc, API_UNZIP_FAILED, nothing, nothing},
         {"refused start", factory.build(refusedStart, "start"), API_GENERAL_FAILURE, nothing, nothing},
         {"the stop before the upgrade fails", factory.build(versions.second, "v2"), API_GENERAL_FAILURE,
          [&] { testsupport::writeFile(stopFails, "1\n"); }, [&] { boost::filesystem::remove(stopFails); }},
-        {"the rollback cannot put everything back at first", factory.sign(zip, 0, "developer", "late-crc"),
-         API_UNZIP_FAILED, [&] { testsupport::writeFile(blocker + "/x", "x"); },
+        {"the rollback cannot put everything back at first", lateCrc, API_UNZIP_FAILED,
+         [&] { testsupport::writeFile(blocker + "/x", "x"); },
          [&] {
              const std::string listed = testsupport::runApp("plugincenter", "list").output;
              EXPECT_NE(std::string::npos, listed.find("needs attention: the previous version could not be put back"))

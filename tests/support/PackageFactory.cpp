@@ -21,6 +21,22 @@ std::string qpk() {
     return buildDir() + "/apps/qpk";
 }
 
+// Flips the same bits of the last entry's CRC in its central and local headers.
+void spoilLastCrc(const std::string& zip) {
+    std::string bytes = readFile(zip);
+    const std::string::size_type central = bytes.rfind(std::string("PK\x01\x02", 4));
+    if (central == std::string::npos || central + 46 > bytes.size()) {
+        throw std::runtime_error("no central directory entry in " + zip);
+    }
+    uint32_t local = 0;
+    for (int i = 3; i >= 0; --i) {
+        local = local << 8 | static_cast<unsigned char>(bytes[central + 42 + i]);
+    }
+    bytes[central + 16] ^= 0x5a;
+    bytes[local + 14] ^= 0x5a;
+    writeFile(zip, bytes);
+}
+
 }  // namespace
 
 PackageFactory::PackageFactory() : pki_(root() + "/test-pki"), work_(makeScratchDir("packages")) {
@@ -91,6 +107,15 @@ std::string PackageFactory::rawZip(const std::vector<std::pair<std::string, std:
     py.close();
     mustRun("python3 " + script);
     return zip;
+}
+
+std::string PackageFactory::lateCrcError(const PackageSpec& spec, const std::string& name) {
+    std::vector<std::pair<std::string, std::string>> entries = {{"manifest", manifestText(spec)}};
+    entries.insert(entries.end(), spec.files.begin(), spec.files.end());
+    entries.emplace_back("zz/late.bin", std::string(4096, 'z'));
+    const std::string zip = rawZip(entries, {}, name);
+    spoilLastCrc(zip);
+    return sign(zip, spec.signType, spec.signer, name);
 }
 
 }  // namespace testsupport

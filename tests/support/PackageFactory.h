@@ -34,6 +34,10 @@ public:
     // entries (name -> target); duplicates allowed. Made with Python's zipfile.
     std::string rawZip(const std::vector<std::pair<std::string, std::string>>& entries,
                        const std::vector<std::pair<std::string, std::string>>& links, const std::string& name);
+    // A signed package of `spec` with one more entry at its end whose CRC is
+    // wrong, alike in both headers: only the check after that entry's data
+    // notices, once everything before it is unpacked.
+    std::string lateCrcError(const PackageSpec& spec, const std::string& name);
     // The manifest text `spec` describes.
     static std::string manifestText(const PackageSpec& spec);
 
