@@ -63,6 +63,59 @@ bool inside(const std::string& link, const std::string& folder) {
     return path == folder || path.compare(0, folder.size() + 1, folder + "/") == 0;
 }
 
+// Starts powercutfs on `folder`, its output going to the file `log`: a
+// server left behind must not hold the test runner's pipes open. Its pid
+// once the folder is mounted; -1 when it ended or did not mount in time.
+pid_t startServer(const std::string& backing, const std::string& folder, const std::string& state,
+                  const std::string& log) {
+    const pid_t server = fork();
+    if (server == 0) {
+        const int out = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+        const int none = open("/dev/null", O_RDONLY);
+        if (out < 0 || none < 0 || dup2(none, 0) < 0 || dup2(out, 1) < 0 || dup2(out, 2) < 0) {
+            _exit(127);
+        }
+        execl(kProgram, kProgram, backing.c_str(), folder.c_str(), state.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    bool ended = false;
+    waitUntil([&] {
+        ended = ended || waitpid(server, nullptr, WNOHANG) == server;
+        return ended || isMountPoint(folder);
+    });
+    if (ended || !isMountPoint(folder)) {
+        if (!ended) {
+            kill(server, SIGKILL);
+            waitpid(server, nullptr, 0);
+        }
+        return -1;
+    }
+    return server;
+}
+
+std::string firstLine(const std::string& text) {
+    return text.substr(0, text.find('\n'));
+}
+
+// Why this machine does not let powercutfs mount at all (a container can
+// hide FUSE even from root), from a trial mount of an empty folder; "" when
+// it mounts. Only libfuse's own complaints count: any other failure is a
+// fault of powercutfs, which the suite's own mounts then report.
+std::string fuseRefusal() {
+    const std::string dir = makeScratchDir("powercut-probe");
+    fs::create_directory(dir + "/backing");
+    fs::create_directory(dir + "/mount");
+    writeFile(dir + "/state", std::string(4 * sizeof(uint64_t), '\0'));
+    const pid_t server = startServer(dir + "/backing", dir + "/mount", dir + "/state", dir + "/log");
+    if (server > 0) {
+        runCommand("timeout 30 fusermount3 -u '" + dir + "/mount' 2>/dev/null");
+        reaped(server);
+        return "";
+    }
+    const std::string log = readFile(dir + "/log");
+    return log.find("fuse") == std::string::npos ? "" : "a FUSE file system cannot be mounted here: " + firstLine(log);
+}
+
 void copyTree(const std::string& from, const std::string& to) {
     const CommandResult copied = runCommand("rm -rf '" + to + "' && cp -a '" + from + "' '" + to + "' 2>&1");
     if (copied.exitStatus != 0) {
@@ -85,7 +138,8 @@ std::string PowerCutDisk::unavailable() {
     if (runCommand("command -v fusermount3 >/dev/null").exitStatus != 0) {
         return "fusermount3 is missing (Debian package fuse3)";
     }
-    return "";
+    static const std::string refusal = fuseRefusal();
+    return refusal;
 }
 
 PowerCutDisk::PowerCutDisk(const std::vector<std::string>& folders)
@@ -117,31 +171,10 @@ void PowerCutDisk::mount(uint64_t cutAt, bool lose) {
     writeFile(work_ + "/state", std::string(reinterpret_cast<const char*>(&state), sizeof state));
     writeFile(work_ + "/state.points", "");
     for (size_t i = 0; i < folders_.size(); ++i) {
-        const pid_t server = fork();
-        if (server == 0) {
-            // Its output goes to a file: a server left behind must not hold
-            // the test runner's pipes open.
-            const int log = open((work_ + "/powercutfs.log").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-            const int none = open("/dev/null", O_RDONLY);
-            if (log < 0 || none < 0 || dup2(none, 0) < 0 || dup2(log, 1) < 0 || dup2(log, 2) < 0) {
-                _exit(127);
-            }
-            execl(kProgram, kProgram, backing(i).c_str(), folders_[i].c_str(), (work_ + "/state").c_str(),
-                  static_cast<char*>(nullptr));
-            _exit(127);
-        }
-        const std::string folder = folders_[i];
-        bool ended = false;
-        waitUntil([&] {
-            ended = ended || waitpid(server, nullptr, WNOHANG) == server;
-            return ended || isMountPoint(folder);
-        });
-        if (ended || !isMountPoint(folder)) {
-            if (!ended) {
-                kill(server, SIGKILL);
-                waitpid(server, nullptr, 0);
-            }
-            throw std::runtime_error("powercutfs did not mount " + folder);
+        const std::string log = work_ + "/powercutfs.log";
+        const pid_t server = startServer(backing(i), folders_[i], work_ + "/state", log);
+        if (server < 0) {
+            throw std::runtime_error("powercutfs did not mount " + folders_[i] + ": " + firstLine(readFile(log)));
         }
         servers_.push_back(server);
     }
